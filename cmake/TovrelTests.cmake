@@ -1,0 +1,37 @@
+# Unit tests: one GoogleTest program per subsystem folder, built from the
+# *_test.cpp files that sit next to the sources they test. On Windows the
+# same programs are cross-built and run under wine by CTest.
+
+set(TOVREL_GTEST_SOURCE /usr/src/googletest CACHE PATH "GoogleTest sources")
+set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+set(BUILD_GMOCK OFF CACHE BOOL "" FORCE)
+set(gtest_force_shared_crt ON CACHE BOOL "" FORCE)
+add_subdirectory(${TOVREL_GTEST_SOURCE} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+
+file(GLOB support_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tests/support/*.cpp)
+add_library(tovrel_test_support STATIC ${support_sources})
+target_include_directories(tovrel_test_support PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/tests)
+target_link_libraries(tovrel_test_support PUBLIC tovrel_static GTest::gtest)
+
+function(tovrel_add_test_program name)
+  set(sources "")
+  foreach(dir ${ARGN})
+    file(GLOB found CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${dir}/*_test.cpp)
+    list(APPEND sources ${found})
+  endforeach()
+  if(NOT sources)
+    return()
+  endif()
+  add_executable(${name} ${sources})
+  target_link_libraries(${name} PRIVATE tovrel_test_support)
+  add_test(NAME ${name} COMMAND ${name} --gtest_brief=1)
+  set_tests_properties(${name} PROPERTIES TIMEOUT 900 ENVIRONMENT "WINEDEBUG=-all")
+endfunction()
+
+tovrel_add_test_program(host_tests host)
+tovrel_add_test_program(platform_tests src/platform)
+tovrel_add_test_program(pagefile_tests src/pagefile)
+tovrel_add_test_program(streams_tests src/streams)
+tovrel_add_test_program(package_tests src/package)
+tovrel_add_test_program(shared_tests src/shared)
+tovrel_add_test_program(effectcache_tests src/effectcache)

@@ -1,0 +1,68 @@
+#include "pagefile/HeadFileSeeker.h"
+
+#include "pagefile/FileDataCorruptException.h"
+#include "pagefile/InvalidParameterException.h"
+#include "pagefile/LittleEndian.h"
+#include "pagefile/PageGeometry.h"
+#include "pagefile/PageRef.h"
+
+namespace Tovrel {
+
+namespace {
+
+bool TestAndSet(std::vector<std::uint64_t>& bits, std::uint64_t pageId) {
+  const std::uint64_t i = pageId - kFirstPageId;
+  if (bits.empty()) bits.assign((kPageLimit + 63) / 64, 0);
+  const std::uint64_t mask = std::uint64_t{1} << (i % 64);
+  const bool was = (bits[i / 64] & mask) != 0;
+  bits[i / 64] |= mask;
+  return was;
+}
+
+}  // namespace
+
+HeadFileSeeker::HeadFileSeeker(FilePageCache* cache) : BaseHeadFileSeeker(cache) {}
+
+bool HeadFileSeeker::OpenForRead() {
+  ResetTable();
+  seen_.clear();
+  PageRef page(cache_);
+  const std::uint8_t* data = page.AcquireForRead(kFirstPageId);
+  if (data == nullptr) throw FileDataCorruptException();
+  const std::uint64_t count = LittleEndian::Load64(data);
+  const std::uint64_t size = LittleEndian::Load64(data + 8);
+  totalSize = size;
+  pageCount = count;
+  const auto signedCount = static_cast<std::int64_t>(count);
+  if (signedCount < 1 || signedCount > static_cast<std::int64_t>(kPageLimit) || size > count * kPageSize) {
+    throw FileDataCorruptException();
+  }
+  SizeTable(count);
+  pageIds_[0] = kFirstPageId;
+  ranges_[0] = PageRange{kFirstPageHeader, LittleEndian::Load64(data + 24)};
+  nextIds_[0] = LittleEndian::Load64(data + 16);
+  if (!ValidatePage(0)) throw FileDataCorruptException();
+  return true;
+}
+
+void HeadFileSeeker::LoadPagesUpTo(std::uint64_t n) {
+  if (n >= pageIds_.size()) throw InvalidParameterException();
+  if (pageIds_[n] != 0) return;
+  PageRef page(cache_);
+  if (lastPrepared_ == 0) TestAndSet(seen_, pageIds_[0]);
+  for (std::uint64_t k = lastPrepared_ + 1; k <= n; ++k) {
+    const std::uint64_t id = nextIds_[k - 1];
+    if (IsPageId(id) && TestAndSet(seen_, id)) throw FileDataCorruptException();
+    pageIds_[k] = id;
+    const std::uint8_t* data = page.AcquireForRead(id);
+    if (data == nullptr) throw FileDataCorruptException();
+    nextIds_[k] = LittleEndian::Load64(data);
+    ranges_[k] = PageRange{kOtherPageHeader, LittleEndian::Load64(data + 8)};
+    if (!ValidatePage(k)) throw FileDataCorruptException();
+    page.Release();
+    lastPrepared_ = k;
+  }
+  lastPrepared_ = n;
+}
+
+}  // namespace Tovrel

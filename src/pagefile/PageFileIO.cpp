@@ -1,0 +1,65 @@
+#include "pagefile/PageFileIO.h"
+
+#include <cerrno>
+
+#include "pagefile/FileIOException.h"
+#include "pagefile/InvalidParameterException.h"
+#include "pagefile/PageGeometry.h"
+#include "platform/PlatformFile.h"
+
+namespace Tovrel {
+
+namespace {
+
+const std::uint8_t kZeroPage[kPageSize] = {};
+
+void SeekTo(std::FILE* file, std::uint64_t offset) {
+  if (PlatformFile::Seek(file, static_cast<std::int64_t>(offset), SEEK_SET) != 0) {
+    throw FileIOException(errno);
+  }
+}
+
+}  // namespace
+
+std::uint64_t PageFileIO::GetFileLength(std::FILE* file) {
+  if (file == nullptr) throw InvalidParameterException();
+  if (PlatformFile::Seek(file, 0, SEEK_END) != 0) throw FileIOException(errno);
+  const std::int64_t position = PlatformFile::Tell(file);
+  if (position < 0) throw FileIOException(errno);
+  return static_cast<std::uint64_t>(position);
+}
+
+void PageFileIO::ExtendFile(std::FILE* file, std::uint64_t newLength) {
+  std::uint64_t current = GetFileLength(file);
+  if (newLength <= current) return;
+  SeekTo(file, current);
+  while (current < newLength) {
+    const std::uint64_t chunk = newLength - current < kPageSize ? newLength - current : kPageSize;
+    errno = 0;
+    if (PlatformFile::Write(kZeroPage, 1, chunk, file) != chunk) throw FileIOException(errno);
+    current += chunk;
+  }
+}
+
+bool PageFileIO::ReadPage(std::FILE* file, std::uint64_t fileLength, std::uint8_t* buffer,
+                          std::uint64_t offset) {
+  if (buffer == nullptr) return false;
+  if (file == nullptr) throw FileIOException(0);
+  if (offset > fileLength) return false;
+  SeekTo(file, offset);
+  errno = 0;
+  if (PlatformFile::Read(buffer, kPageSize, 1, file) != 1) throw FileIOException(errno);
+  return true;
+}
+
+void PageFileIO::WritePage(std::FILE* file, std::uint64_t fileLength, const std::uint8_t* buffer,
+                           std::uint64_t offset) {
+  if (buffer == nullptr) return;
+  if (file == nullptr) throw FileIOException(0);
+  if (offset >= fileLength) return;
+  SeekTo(file, offset);
+  errno = 0;
+  if (PlatformFile::Write(buffer, kPageSize, 1, file) != 1) throw FileIOException(errno);
+}
+
+}  // namespace Tovrel

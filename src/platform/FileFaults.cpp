@@ -1,0 +1,76 @@
+#include "platform/FileFaults.h"
+
+#include <atomic>
+#include <mutex>
+
+namespace Tovrel {
+
+namespace {
+
+constexpr int kKinds = static_cast<int>(FileCall::kAny) + 1;
+
+struct FaultState {
+  std::mutex lock;
+  std::atomic<bool> counting{false};  // true from the first FailNth until Reset
+  std::uint64_t calls[kKinds] = {};
+  bool armed = false;
+  FileCall call = FileCall::kAny;
+  std::uint64_t failAt = 0;  // value of calls[call] at which to fail
+  int error = 0;
+  bool sticky = false;
+};
+
+FaultState& State() {
+  static FaultState state;
+  return state;
+}
+
+}  // namespace
+
+void FileFaults::FailNth(FileCall call, std::uint64_t n, int error, bool sticky) {
+  FaultState& s = State();
+  std::lock_guard<std::mutex> guard(s.lock);
+  s.counting.store(true, std::memory_order_relaxed);
+  s.armed = n > 0;
+  s.call = call;
+  s.failAt = s.calls[static_cast<int>(call)] + n;
+  s.error = error;
+  s.sticky = sticky;
+}
+
+void FileFaults::StartCounting() {
+  FaultState& s = State();
+  std::lock_guard<std::mutex> guard(s.lock);
+  for (auto& c : s.calls) c = 0;
+  s.counting.store(true, std::memory_order_relaxed);
+}
+
+void FileFaults::Reset() {
+  FaultState& s = State();
+  std::lock_guard<std::mutex> guard(s.lock);
+  s.counting.store(false, std::memory_order_relaxed);
+  for (auto& c : s.calls) c = 0;
+  s.armed = false;
+}
+
+std::uint64_t FileFaults::Calls(FileCall call) {
+  FaultState& s = State();
+  std::lock_guard<std::mutex> guard(s.lock);
+  return s.calls[static_cast<int>(call)];
+}
+
+bool FileFaults::Trip(FileCall call, int* error) {
+  FaultState& s = State();
+  if (!s.counting.load(std::memory_order_relaxed)) return false;
+  std::lock_guard<std::mutex> guard(s.lock);
+  ++s.calls[static_cast<int>(call)];
+  ++s.calls[static_cast<int>(FileCall::kAny)];
+  if (!s.armed || (s.call != call && s.call != FileCall::kAny)) return false;
+  const std::uint64_t seen = s.calls[static_cast<int>(s.call)];
+  if (seen < s.failAt || (seen > s.failAt && !s.sticky)) return false;
+  if (!s.sticky) s.armed = false;
+  *error = s.error;
+  return true;
+}
+
+}  // namespace Tovrel

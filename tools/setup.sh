@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Installs what building and testing Tovrel needs on a Debian machine,
+# skipping what is already there. Needs root (or sudo) when anything is missing.
+set -euo pipefail
+
+packages=(cmake make g++ clang zlib1g-dev googletest libgtest-dev libbenchmark-dev
+          g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "installing: ${missing[*]}"
+  sudo_cmd=""
+  [ "$(id -u)" -ne 0 ] && sudo_cmd="sudo"
+  export DEBIAN_FRONTEND=noninteractive
+  $sudo_cmd apt-get update -q
+  $sudo_cmd apt-get install -y -q --no-install-recommends "${missing[@]}"
+fi
