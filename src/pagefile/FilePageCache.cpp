@@ -102,8 +102,10 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t pageId, bool forRead) {
     return page->data;
   }
   if (capacity_ == 0) throw InvalidParameterException();
-  if (!EvictDownTo(capacity_ - 1)) return nullptr;
+  if (!CanEvictDownTo(capacity_ - 1)) return nullptr;
 
+  // The new page is loaded before anything is evicted, so that a failed
+  // file call leaves the cached pages exactly as they were.
   std::unique_ptr<CachedPage> page(new CachedPage);
   page->index = idx;
   page->pinCount = 1;
@@ -111,6 +113,7 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t pageId, bool forRead) {
   page->older = page->newer = nullptr;
   if (!forRead) EnsureFileCoversPage(pageId);
   if (!PageFileIO::ReadPage(file_, fileLength_, page->data, idx * kPageSize)) return nullptr;
+  EvictDownTo(capacity_ - 1);
   index_[idx] = page.get();
   PushMostRecent(page.release());
   return index_[idx]->data;
@@ -146,6 +149,14 @@ FilePageCache::CachedPage* FilePageCache::Find(std::uint64_t pageId) const {
   const std::uint64_t idx = pageId - kFirstPageId;
   if (!IsPageId(pageId) || idx >= index_.size()) return nullptr;
   return index_[idx];
+}
+
+bool FilePageCache::CanEvictDownTo(std::uint64_t bound) const {
+  std::uint64_t left = count_;
+  for (const CachedPage* p = leastRecent_; p != nullptr && left > bound; p = p->newer) {
+    if (p->pinCount < 1) --left;
+  }
+  return left <= bound;
 }
 
 bool FilePageCache::EvictDownTo(std::uint64_t bound) {
@@ -191,7 +202,7 @@ void FilePageCache::CheckInvariants() const {
 #ifndef NDEBUG
   assert(capacity_ >= 1);
   if (file_ == nullptr) {
-    assert(index_.empty() && count_ == 0 && fileLength_ == 0);
+    assert(count_ == 0 && fileLength_ == 0);
   }
   std::uint64_t walked = 0;
   const CachedPage* previous = nullptr;

@@ -83,6 +83,11 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   };
 
   CachedPage* Find(std::uint64_t pageId) const;
+  // True when evicting unpinned pages can bring the count down to bound.
+  bool CanEvictDownTo(std::uint64_t bound) const;
+  // Evicts unpinned pages, least recent first, until count <= bound;
+  // written pages are written back first (a failure throws and leaves the
+  // page cached). True when the bound was reached.
   bool EvictDownTo(std::uint64_t bound);
   void WriteBack(CachedPage* page);
   void PushMostRecent(CachedPage* page);
@@ -91,8 +96,8 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   void CloseFile();
 
   // Invariants (checked by CheckInvariants):
-  // - file_ is null exactly when the cache is closed; then index_ is empty,
-  //   count_ is 0, capacity_ is 1 and fileLength_ is 0.
+  // - file_ is null exactly when the cache is closed; then no page is
+  //   cached (count_ is 0), capacity_ is 1 and fileLength_ is 0.
   // - capacity_ >= 1.
   // - the recency list runs from leastRecent_ (via newer) to mostRecent_
   //   (via older back); it holds count_ pages, each exactly once.

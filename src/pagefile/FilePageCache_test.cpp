@@ -1,0 +1,303 @@
+#include "pagefile/FilePageCache.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "pagefile/FileIOException.h"
+#include "pagefile/PageRef.h"
+#include "platform/FileFaults.h"
+#include "support/TempDir.h"
+
+namespace Tovrel {
+namespace {
+
+using Testing::TempDir;
+
+std::vector<std::uint8_t> Pattern(std::size_t pages, std::uint8_t seed) {
+  std::vector<std::uint8_t> bytes(pages * kPageSize);
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(seed + i * 7 + i / 8192);
+  return bytes;
+}
+
+class FilePageCacheTest : public ::testing::Test {
+ protected:
+  void TearDown() override { FileFaults::Reset(); }
+
+  std::wstring FileWith(const std::vector<std::uint8_t>& bytes) {
+    const std::wstring path = dir_.File("pages.bin");
+    TempDir::WriteAll(path, bytes);
+    return path;
+  }
+
+  TempDir dir_;
+};
+
+TEST_F(FilePageCacheTest, OpeningAMissingPathCreatesAnEmptyFile) {
+  const std::wstring path = dir_.File("new.bin");
+  FilePageCache cache(path.c_str(), 4);
+  EXPECT_TRUE(cache.IsOpen());
+  EXPECT_EQ(cache.GetFileLength(), 0u);
+  EXPECT_EQ(TempDir::SizeOf(path), 0u);
+}
+
+TEST_F(FilePageCacheTest, CapacityZeroIsTakenAsOne) {
+  const std::wstring path = FileWith(Pattern(2, 1));
+  FilePageCache cache(path.c_str(), 0);
+  EXPECT_EQ(cache.GetCapacity(), 1u);
+}
+
+TEST_F(FilePageCacheTest, ReadsPagesAtTheirOffsets) {
+  const auto bytes = Pattern(3, 5);
+  const std::wstring path = FileWith(bytes);
+  FilePageCache cache(path.c_str(), 8);
+  for (std::uint64_t id = 10; id < 13; ++id) {
+    PageRef page(&cache);
+    const std::uint8_t* data = page.AcquireForRead(id);
+    ASSERT_NE(data, nullptr);
+    EXPECT_EQ(std::memcmp(data, bytes.data() + (id - 10) * kPageSize, kPageSize), 0);
+  }
+}
+
+TEST_F(FilePageCacheTest, PinnedPageInAFullCacheMakesAnotherPageUnavailable) {
+  const auto bytes = Pattern(2, 9);
+  const std::wstring path = FileWith(bytes);
+  FilePageCache cache(path.c_str(), 1);
+  PageRef pinned(&cache);
+  std::uint8_t* data = pinned.AcquireForWrite(10);
+  ASSERT_NE(data, nullptr);
+  data[0] ^= 0xFF;
+  FileFaults::StartCounting();
+  EXPECT_EQ(cache.GetPage(11, true), nullptr);
+  EXPECT_EQ(FileFaults::Calls(FileCall::kAny), 0u);
+  EXPECT_TRUE(cache.IsCached(10));
+  EXPECT_EQ(cache.GetPinCount(10), 1);
+  EXPECT_EQ(TempDir::ReadAll(path), bytes);
+}
+
+TEST_F(FilePageCacheTest, IdsOutsideThePageRangeGiveNullWithoutTouchingTheFile) {
+  const std::wstring path = FileWith(Pattern(2, 3));
+  FilePageCache cache(path.c_str(), 4);
+  FileFaults::StartCounting();
+  EXPECT_EQ(cache.GetPage(9, true), nullptr);
+  EXPECT_EQ(cache.GetPage(0x100000, true), nullptr);
+  EXPECT_EQ(cache.GetPage(0, false), nullptr);
+  EXPECT_EQ(FileFaults::Calls(FileCall::kAny), 0u);
+  EXPECT_EQ(cache.GetCachedPageCount(), 0u);
+}
+
+TEST_F(FilePageCacheTest, WritingPageTwelveOfAnEmptyFileExtendsItToThreePages) {
+  const std::wstring path = dir_.File("empty.bin");
+  TempDir::WriteAll(path, {});
+  {
+    FilePageCache cache(path.c_str(), 4);
+    PageRef page(&cache);
+    std::uint8_t* data = page.AcquireForWrite(12);
+    ASSERT_NE(data, nullptr);
+    EXPECT_EQ(cache.GetFileLength(), 24576u);
+    EXPECT_EQ(data[0], 0);
+    EXPECT_EQ(data[kPageSize - 1], 0);
+    data[1] = 0xAB;
+  }
+  const auto bytes = TempDir::ReadAll(path);
+  ASSERT_EQ(bytes.size(), 24576u);
+  EXPECT_EQ(bytes[2 * kPageSize + 1], 0xAB);
+  EXPECT_EQ(bytes[0], 0);
+}
+
+TEST_F(FilePageCacheTest, ReadingAPageThatStartsAtTheEndThrowsButOnePastItGivesNull) {
+  const std::wstring path = FileWith(Pattern(1, 2));
+  FilePageCache cache(path.c_str(), 4);
+  EXPECT_THROW(cache.GetPage(11, true), FileIOException);
+  EXPECT_EQ(cache.GetPage(12, true), nullptr);
+  EXPECT_EQ(cache.GetCachedPageCount(), 0u);
+  EXPECT_NE(cache.GetPage(10, true), nullptr);
+}
+
+TEST_F(FilePageCacheTest, APageOnlyReadIsDroppedOnEvictionWithoutAWrite) {
+  const auto bytes = Pattern(3, 4);
+  const std::wstring path = FileWith(bytes);
+  FilePageCache cache(path.c_str(), 1);
+  {
+    PageRef page(&cache);
+    std::uint8_t* data = page.AcquireForRead(10);
+    ASSERT_NE(data, nullptr);
+    // A stale image must never reach the file: change it behind the cache's back.
+    data[100] ^= 0x5A;
+  }
+  FileFaults::StartCounting();
+  ASSERT_NE(cache.GetPage(11, true), nullptr);
+  cache.UnpinPage(11);
+  EXPECT_FALSE(cache.IsCached(10));
+  EXPECT_EQ(FileFaults::Calls(FileCall::kWrite), 0u);
+  cache.Close();
+  EXPECT_EQ(TempDir::ReadAll(path), bytes);
+}
+
+TEST_F(FilePageCacheTest, APageObtainedForWritingIsWrittenBackOnEviction) {
+  auto bytes = Pattern(3, 4);
+  const std::wstring path = FileWith(bytes);
+  FilePageCache cache(path.c_str(), 1);
+  {
+    PageRef page(&cache);
+    page.AcquireForWrite(11)[7] = 0x42;
+  }
+  {
+    PageRef page(&cache);
+    ASSERT_NE(page.AcquireForRead(12), nullptr);
+  }
+  EXPECT_FALSE(cache.IsCached(11));
+  bytes[kPageSize + 7] = 0x42;
+  EXPECT_EQ(TempDir::ReadAll(path), bytes);
+}
+
+TEST_F(FilePageCacheTest, AReadPageLaterObtainedForWritingIsWrittenBack) {
+  auto bytes = Pattern(2, 8);
+  const std::wstring path = FileWith(bytes);
+  FilePageCache cache(path.c_str(), 4);
+  ASSERT_NE(cache.GetPage(10, true), nullptr);
+  cache.UnpinPage(10);
+  cache.GetPage(10, false)[3] = 0x99;
+  cache.UnpinPage(10);
+  cache.Close();
+  bytes[3] = 0x99;
+  EXPECT_EQ(TempDir::ReadAll(path), bytes);
+}
+
+TEST_F(FilePageCacheTest, EvictsTheLeastRecentlyUsedUnpinnedPage) {
+  const std::wstring path = FileWith(Pattern(6, 1));
+  FilePageCache cache(path.c_str(), 3);
+  for (std::uint64_t id : {10, 11, 12}) {
+    ASSERT_NE(cache.GetPage(id, true), nullptr);
+    cache.UnpinPage(id);
+  }
+  ASSERT_NE(cache.GetPage(10, true), nullptr);  // 10 becomes the most recent, stays pinned
+  EXPECT_EQ(cache.GetRecencyOrder(), (std::vector<std::uint64_t>{11, 12, 10}));
+  ASSERT_NE(cache.GetPage(13, true), nullptr);
+  cache.UnpinPage(13);
+  EXPECT_EQ(cache.GetRecencyOrder(), (std::vector<std::uint64_t>{12, 10, 13}));
+  // The pinned page 10 is skipped: 12, then 13, go before it.
+  ASSERT_NE(cache.GetPage(14, true), nullptr);
+  cache.UnpinPage(14);
+  ASSERT_NE(cache.GetPage(15, true), nullptr);
+  cache.UnpinPage(15);
+  EXPECT_EQ(cache.GetRecencyOrder(), (std::vector<std::uint64_t>{10, 14, 15}));
+  cache.CheckInvariants();
+}
+
+TEST_F(FilePageCacheTest, EveryPagePinnedMakesAMissReturnNull) {
+  const std::wstring path = FileWith(Pattern(5, 1));
+  FilePageCache cache(path.c_str(), 3);
+  for (std::uint64_t id : {10, 11, 12}) ASSERT_NE(cache.GetPage(id, false), nullptr);
+  FileFaults::StartCounting();
+  EXPECT_EQ(cache.GetPage(13, true), nullptr);
+  EXPECT_EQ(cache.GetPage(14, false), nullptr);
+  EXPECT_EQ(FileFaults::Calls(FileCall::kAny), 0u);
+  EXPECT_EQ(cache.GetFileLength(), 5 * kPageSize);
+  EXPECT_NE(cache.GetPage(11, true), nullptr);  // a hit still works
+  EXPECT_EQ(cache.GetPinCount(11), 2);
+}
+
+TEST_F(FilePageCacheTest, CloseResetsTheCapacityAndOpenSetsItAgain) {
+  const std::wstring path = FileWith(Pattern(2, 1));
+  FilePageCache cache(path.c_str(), 16);
+  EXPECT_EQ(cache.GetCapacity(), 16u);
+  cache.Close();
+  EXPECT_FALSE(cache.IsOpen());
+  EXPECT_EQ(cache.GetCapacity(), 1u);
+  EXPECT_EQ(cache.GetFileLength(), 0u);
+  cache.Open(path.c_str(), 7);
+  EXPECT_EQ(cache.GetCapacity(), 7u);
+  EXPECT_EQ(cache.GetFileLength(), 2 * kPageSize);
+}
+
+TEST_F(FilePageCacheTest, CloseWritesBackAndFreesPinnedPagesToo) {
+  auto bytes = Pattern(2, 6);
+  const std::wstring path = FileWith(bytes);
+  FilePageCache cache(path.c_str(), 4);
+  PageRef held(&cache);
+  held.AcquireForWrite(11)[0] = 0x77;
+  cache.Close();
+  EXPECT_EQ(cache.GetCachedPageCount(), 0u);
+  held.Release();  // finds nothing to unpin
+  EXPECT_EQ(held.Data(), nullptr);
+  bytes[kPageSize] = 0x77;
+  EXPECT_EQ(TempDir::ReadAll(path), bytes);
+}
+
+TEST_F(FilePageCacheTest, DiscardAllDropsChangesAndKeepsTheFileOpen) {
+  const auto bytes = Pattern(2, 6);
+  const std::wstring path = FileWith(bytes);
+  FilePageCache cache(path.c_str(), 4);
+  cache.GetPage(10, false)[0] ^= 1;
+  cache.UnpinPage(10);
+  cache.DiscardAll();
+  EXPECT_EQ(cache.GetCachedPageCount(), 0u);
+  EXPECT_TRUE(cache.IsOpen());
+  EXPECT_EQ(cache.GetCapacity(), 4u);
+  EXPECT_EQ(cache.GetFileLength(), 2 * kPageSize);
+  EXPECT_EQ(cache.GetPage(10, true)[0], bytes[0]);
+  cache.UnpinPage(10);
+  cache.Close();
+  EXPECT_EQ(TempDir::ReadAll(path), bytes);
+}
+
+TEST_F(FilePageCacheTest, EnsureFileCoversPageGrowsTheFileWithZeros) {
+  const std::wstring path = FileWith(Pattern(1, 6));
+  FilePageCache cache(path.c_str(), 4);
+  cache.EnsureFileCoversPage(13);
+  EXPECT_EQ(cache.GetFileLength(), 4 * kPageSize);
+  cache.EnsureFileCoversPage(11);
+  EXPECT_EQ(cache.GetFileLength(), 4 * kPageSize);
+  cache.Close();
+  const auto bytes = TempDir::ReadAll(path);
+  ASSERT_EQ(bytes.size(), 4 * kPageSize);
+  for (std::size_t i = kPageSize; i < bytes.size(); ++i) ASSERT_EQ(bytes[i], 0) << i;
+}
+
+TEST_F(FilePageCacheTest, AClosedCacheThrowsWithCodeZero) {
+  const std::wstring path = FileWith(Pattern(1, 6));
+  FilePageCache cache(path.c_str(), 4);
+  cache.Close();
+  try {
+    cache.GetPage(10, true);
+    FAIL() << "no exception";
+  } catch (const FileIOException& e) {
+    EXPECT_EQ(e.errorCode, 0);
+  }
+}
+
+TEST_F(FilePageCacheTest, ATruncatedPageThrowsOnRead) {
+  auto bytes = Pattern(1, 1);
+  bytes.resize(kPageSize + 100, 3);
+  const std::wstring path = FileWith(bytes);
+  FilePageCache cache(path.c_str(), 4);
+  EXPECT_THROW(cache.GetPage(11, true), FileIOException);
+  EXPECT_EQ(cache.GetCachedPageCount(), 0u);
+  EXPECT_NE(cache.GetPage(10, true), nullptr);
+}
+
+TEST_F(FilePageCacheTest, ManyPagesRoundTripThroughASmallCache) {
+  const std::wstring path = dir_.File("many.bin");
+  const auto bytes = Pattern(200, 11);
+  {
+    FilePageCache cache(path.c_str(), 7);
+    for (std::uint64_t i = 0; i < 200; ++i) {
+      PageRef page(&cache);
+      std::memcpy(page.AcquireForWrite(10 + i), bytes.data() + i * kPageSize, kPageSize);
+    }
+    cache.CheckInvariants();
+  }
+  EXPECT_EQ(TempDir::ReadAll(path), bytes);
+  FilePageCache cache(path.c_str(), 5);
+  for (std::uint64_t i = 200; i-- > 0;) {
+    PageRef page(&cache);
+    ASSERT_EQ(std::memcmp(page.AcquireForRead(10 + i), bytes.data() + i * kPageSize, kPageSize), 0);
+  }
+}
+
+}  // namespace
+}  // namespace Tovrel
