@@ -59,7 +59,10 @@ bool BaseHeadFileSeeker::Locate(std::uint64_t& pageIndex, std::uint64_t& offsetI
     offsetInPage = offset;
     return true;
   }
-  if (q == j * kPagePayload) {
+  if (q == j * kPagePayload && j < pageIds_.size()) {
+    // The end of the data on a page boundary: the end of page j, which is
+    // prepared like every page handed out.
+    LoadPagesUpTo(j);
     pageIndex = j;
     offsetInPage = ranges_[j].end;
     return true;

@@ -10,13 +10,15 @@ namespace Tovrel {
 
 namespace {
 
-bool TestAndSet(std::vector<std::uint64_t>& bits, std::uint64_t pageId) {
+bool IsMarked(const std::vector<std::uint64_t>& bits, std::uint64_t pageId) {
+  const std::uint64_t i = pageId - kFirstPageId;
+  return !bits.empty() && (bits[i / 64] >> (i % 64) & 1) != 0;
+}
+
+void Mark(std::vector<std::uint64_t>& bits, std::uint64_t pageId) {
   const std::uint64_t i = pageId - kFirstPageId;
   if (bits.empty()) bits.assign((kPageLimit + 63) / 64, 0);
-  const std::uint64_t mask = std::uint64_t{1} << (i % 64);
-  const bool was = (bits[i / 64] & mask) != 0;
-  bits[i / 64] |= mask;
-  return was;
+  bits[i / 64] |= std::uint64_t{1} << (i % 64);
 }
 
 }  // namespace
@@ -48,21 +50,33 @@ bool HeadFileSeeker::OpenForRead() {
 void HeadFileSeeker::LoadPagesUpTo(std::uint64_t n) {
   if (n >= pageIds_.size()) throw InvalidParameterException();
   if (pageIds_[n] != 0) return;
-  PageRef page(cache_);
-  if (lastPrepared_ == 0) TestAndSet(seen_, pageIds_[0]);
+  if (lastPrepared_ == 0) Mark(seen_, pageIds_[0]);
   for (std::uint64_t k = lastPrepared_ + 1; k <= n; ++k) {
-    const std::uint64_t id = nextIds_[k - 1];
-    if (IsPageId(id) && TestAndSet(seen_, id)) throw FileDataCorruptException();
-    pageIds_[k] = id;
-    const std::uint8_t* data = page.AcquireForRead(id);
-    if (data == nullptr) throw FileDataCorruptException();
-    nextIds_[k] = LittleEndian::Load64(data);
-    ranges_[k] = PageRange{kOtherPageHeader, LittleEndian::Load64(data + 8)};
-    if (!ValidatePage(k)) throw FileDataCorruptException();
-    page.Release();
+    try {
+      LoadPage(k);
+    } catch (...) {
+      // Entry k was not prepared: leave it as if it had never been tried.
+      pageIds_[k] = 0;
+      nextIds_[k] = 0;
+      ranges_[k] = PageRange{0, 0};
+      throw;
+    }
     lastPrepared_ = k;
   }
   lastPrepared_ = n;
+}
+
+void HeadFileSeeker::LoadPage(std::uint64_t k) {
+  const std::uint64_t id = nextIds_[k - 1];
+  if (IsPageId(id) && IsMarked(seen_, id)) throw FileDataCorruptException();
+  pageIds_[k] = id;
+  PageRef page(cache_);
+  const std::uint8_t* data = page.AcquireForRead(id);
+  if (data == nullptr) throw FileDataCorruptException();
+  nextIds_[k] = LittleEndian::Load64(data);
+  ranges_[k] = PageRange{kOtherPageHeader, LittleEndian::Load64(data + 8)};
+  if (!ValidatePage(k)) throw FileDataCorruptException();
+  Mark(seen_, id);
 }
 
 }  // namespace Tovrel

@@ -34,6 +34,10 @@ class HeadFileSeeker : public BaseHeadFileSeeker {
   void LoadPagesUpTo(std::uint64_t pageIndex) override;
 
  private:
+  // Reads and checks the header of page index k, whose predecessor is
+  // prepared.
+  void LoadPage(std::uint64_t k);
+
   // One bit per page id - 10: set for every id in the prepared entries, so
   // that a link back into the chain is seen without a scan.
   std::vector<std::uint64_t> seen_;
