@@ -9,7 +9,9 @@ set(gtest_force_shared_crt ON CACHE BOOL "" FORCE)
 add_subdirectory(${TOVREL_GTEST_SOURCE} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
 
 file(GLOB support_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tests/support/*.cpp)
-add_library(tovrel_test_support STATIC ${support_sources})
+# An object library, so that suites defined in support files (the stream
+# contract) are part of every test program that instantiates them.
+add_library(tovrel_test_support OBJECT ${support_sources})
 target_include_directories(tovrel_test_support PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/tests)
 target_link_libraries(tovrel_test_support PUBLIC tovrel_static GTest::gtest)
 

@@ -1,0 +1,69 @@
+#include "streams/StreamTransfer.h"
+
+#include <gtest/gtest.h>
+
+#include "support/MemoryDataStream.h"
+
+namespace Tovrel {
+namespace {
+
+using Testing::MemoryDataStream;
+
+TEST(StreamTransferTest, AStreamDeliveringThreeOfFourBytesFailsAndIsDropped) {
+  const int before = MemoryDataStream::LiveCount();
+  auto* memory = new MemoryDataStream(std::vector<std::uint8_t>{1, 2, 3});
+  RefPtr<IDataStream> stream(memory);
+  std::uint8_t buffer[4] = {};
+  EXPECT_NO_THROW(EXPECT_FALSE(StreamTransfer::ReadExact(stream, buffer, 4)));
+  EXPECT_FALSE(stream);
+  EXPECT_EQ(MemoryDataStream::LiveCount(), before);
+}
+
+TEST(StreamTransferTest, AShortWriteFailsAndDropsTheStream) {
+  RefPtr<IDataStream> stream(new MemoryDataStream(3));
+  const std::uint8_t bytes[4] = {1, 2, 3, 4};
+  EXPECT_FALSE(StreamTransfer::WriteExact(stream, bytes, 4));
+  EXPECT_FALSE(stream);
+}
+
+TEST(StreamTransferTest, AnExceptionFromTheStreamIsCaught) {
+  auto* memory = new MemoryDataStream(16);
+  memory->ThrowOnTransfer();
+  RefPtr<IDataStream> stream(memory);
+  std::uint8_t buffer[4] = {};
+  EXPECT_NO_THROW(EXPECT_FALSE(StreamTransfer::ReadExact(stream, buffer, 4)));
+  EXPECT_FALSE(stream);
+  auto* other = new MemoryDataStream(16);
+  other->ThrowOnTransfer();
+  RefPtr<IDataStream> written(other);
+  EXPECT_NO_THROW(EXPECT_FALSE(StreamTransfer::WriteExact(written, buffer, 4)));
+  EXPECT_FALSE(written);
+}
+
+TEST(StreamTransferTest, NullArgumentsOrZeroLengthReturnFalseAndKeepTheStream) {
+  RefPtr<IDataStream> none;
+  std::uint8_t buffer[4] = {};
+  EXPECT_FALSE(StreamTransfer::ReadExact(none, buffer, 4));
+  EXPECT_FALSE(StreamTransfer::WriteExact(none, buffer, 4));
+  RefPtr<IDataStream> stream(new MemoryDataStream(8));
+  EXPECT_FALSE(StreamTransfer::ReadExact(stream, nullptr, 4));
+  EXPECT_FALSE(StreamTransfer::ReadExact(stream, buffer, 0));
+  EXPECT_FALSE(StreamTransfer::WriteExact(stream, nullptr, 4));
+  EXPECT_FALSE(StreamTransfer::WriteExact(stream, buffer, 0));
+  EXPECT_TRUE(stream);
+  EXPECT_EQ(stream->GetPosition(), 0u);
+}
+
+TEST(StreamTransferTest, ExactTransfersSucceedAndKeepTheStream) {
+  RefPtr<IDataStream> stream(new MemoryDataStream(8));
+  const std::uint8_t bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+  ASSERT_TRUE(StreamTransfer::WriteExact(stream, bytes, 8));
+  ASSERT_TRUE(stream->Seek(0, 0));
+  std::uint8_t back[8] = {};
+  ASSERT_TRUE(StreamTransfer::ReadExact(stream, back, 8));
+  EXPECT_TRUE(stream);
+  EXPECT_EQ(std::vector<std::uint8_t>(back, back + 8), std::vector<std::uint8_t>(bytes, bytes + 8));
+}
+
+}  // namespace
+}  // namespace Tovrel
