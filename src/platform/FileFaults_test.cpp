@@ -1,0 +1,79 @@
+#include "platform/FileFaults.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "platform/PlatformFile.h"
+#include "support/TempDir.h"
+
+namespace Tovrel {
+namespace {
+
+class FileFaultsTest : public ::testing::Test {
+ protected:
+  void SetUp() override { path_ = dir_.File("f.bin"); }
+  void TearDown() override { FileFaults::Reset(); }
+  Testing::TempDir dir_;
+  std::wstring path_;
+};
+
+TEST_F(FileFaultsTest, TheNthCallOfAKindFailsOnceWithTheChosenErrno) {
+  std::FILE* file = PlatformFile::Open(path_.c_str(), "w+b");
+  ASSERT_NE(file, nullptr);
+  FileFaults::FailNth(FileCall::kSeek, 2, EROFS);
+  EXPECT_EQ(PlatformFile::Seek(file, 0, SEEK_SET), 0);
+  errno = 0;
+  EXPECT_NE(PlatformFile::Seek(file, 0, SEEK_SET), 0);
+  EXPECT_EQ(errno, EROFS);
+  EXPECT_EQ(PlatformFile::Seek(file, 0, SEEK_SET), 0);
+  EXPECT_EQ(FileFaults::Calls(FileCall::kSeek), 3u);
+  PlatformFile::Close(file);
+}
+
+TEST_F(FileFaultsTest, AStickyFaultFailsEveryLaterCallOfItsKind) {
+  std::FILE* file = PlatformFile::Open(path_.c_str(), "w+b");
+  ASSERT_NE(file, nullptr);
+  FileFaults::FailNth(FileCall::kWrite, 1, ENOSPC, true);
+  const char byte = 1;
+  for (int i = 0; i < 3; ++i) {
+    errno = 0;
+    EXPECT_EQ(PlatformFile::Write(&byte, 1, 1, file), 0u);
+    EXPECT_EQ(errno, ENOSPC);
+  }
+  EXPECT_EQ(PlatformFile::Seek(file, 0, SEEK_SET), 0);  // other kinds still work
+  PlatformFile::Close(file);
+}
+
+TEST_F(FileFaultsTest, AnyKindCountsEveryCall) {
+  FileFaults::StartCounting();
+  std::FILE* file = PlatformFile::Open(path_.c_str(), "w+b");
+  ASSERT_NE(file, nullptr);
+  PlatformFile::Seek(file, 0, SEEK_END);
+  PlatformFile::Tell(file);
+  FileFaults::FailNth(FileCall::kAny, 1, EIO);
+  errno = 0;
+  EXPECT_EQ(PlatformFile::Flush(file), EOF);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(FileFaults::Calls(FileCall::kAny), 4u);
+  EXPECT_EQ(PlatformFile::Close(file), 0);
+}
+
+TEST_F(FileFaultsTest, AFailedCloseStillClosesTheFile) {
+  std::FILE* file = PlatformFile::Open(path_.c_str(), "w+b");
+  ASSERT_NE(file, nullptr);
+  FileFaults::FailNth(FileCall::kClose, 1, EIO);
+  EXPECT_EQ(PlatformFile::Close(file), EOF);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(PlatformFile::Remove(path_.c_str()), 0);
+}
+
+TEST_F(FileFaultsTest, NothingIsCountedUntilAsked) {
+  std::FILE* file = PlatformFile::Open(path_.c_str(), "w+b");
+  ASSERT_NE(file, nullptr);
+  PlatformFile::Close(file);
+  EXPECT_EQ(FileFaults::Calls(FileCall::kAny), 0u);
+}
+
+}  // namespace
+}  // namespace Tovrel
