@@ -2,6 +2,7 @@
 
 #include <cassert>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 
 #include "pagefile/FileIOException.h"
@@ -111,8 +112,15 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t pageId, bool forRead) {
   page->pinCount = 1;
   page->dirty = forRead ? 0 : 1;
   page->older = page->newer = nullptr;
+  const bool beyondEnd = idx * kPageSize >= fileLength_;
   if (!forRead) EnsureFileCoversPage(pageId);
-  if (!PageFileIO::ReadPage(file_, fileLength_, page->data, idx * kPageSize)) return nullptr;
+  if (!forRead && beyondEnd) {
+    // The page was just appended as zeros: its image is known without
+    // reading it back.
+    std::memset(page->data, 0, kPageSize);
+  } else if (!PageFileIO::ReadPage(file_, fileLength_, page->data, idx * kPageSize)) {
+    return nullptr;
+  }
   EvictDownTo(capacity_ - 1);
   index_[idx] = page.get();
   PushMostRecent(page.release());

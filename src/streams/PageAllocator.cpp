@@ -24,8 +24,8 @@ PageAllocator::PageAllocator() : highestPage_(kFirstPageId) {}
 PageAllocator::~PageAllocator() { Reset(); }
 
 void PageAllocator::Reset() {
-  nextLinks_.clear();
-  previousLinks_.clear();
+  entries_.clear();
+  exoticLinks_.clear();
   freeQueue_.clear();
   highestPage_ = kFirstPageId;
 }
@@ -35,9 +35,24 @@ void PageAllocator::CheckPageId(std::uint64_t page) const {
 }
 
 void PageAllocator::CheckInvariants() const {
-  assert(previousLinks_.size() == nextLinks_.size());
-  assert(nextLinks_.size() <= kPageLimit + 1);
+  assert(entries_.size() <= kPageLimit + 1);
+  assert(exoticLinks_.size() <= entries_.size());
   assert(highestPage_ >= kFirstPageId);
+}
+
+std::uint64_t PageAllocator::LinkAt(std::uint64_t index) const {
+  const std::uint32_t link = entries_[index].next;
+  return link == kExoticLink ? exoticLinks_.at(index) : link;
+}
+
+void PageAllocator::SetLink(std::uint64_t index, std::uint64_t link) {
+  if (entries_[index].next == kExoticLink) exoticLinks_.erase(index);
+  if (link <= kLastPageId) {
+    entries_[index].next = static_cast<std::uint32_t>(link);
+  } else {
+    entries_[index].next = kExoticLink;
+    exoticLinks_[index] = link;
+  }
 }
 
 std::uint64_t PageAllocator::AllocatePage(std::uint64_t previous) {
@@ -55,19 +70,18 @@ std::uint64_t PageAllocator::AllocatePage(std::uint64_t previous) {
     }
   }
   if (page == 0) {
-    page = nextLinks_.size() + kFirstPageId;
-    nextLinks_.push_back(kEndLink);
-    previousLinks_.push_back(0);
+    page = entries_.size() + kFirstPageId;
+    entries_.push_back(Entry{static_cast<std::uint32_t>(kEndLink), 0});
     if (!IsPageId(page)) throw OutOfMemoryException();
   }
-  nextLinks_[page - kFirstPageId] = kEndLink;
-  previousLinks_[page - kFirstPageId] = 0;
+  SetLink(page - kFirstPageId, kEndLink);
+  entries_[page - kFirstPageId].previous = 0;
   if (previous != 0) {
-    if (!previousInTable || previous == page || nextLinks_[previous - kFirstPageId] != kEndLink) {
+    if (!previousInTable || previous == page || LinkAt(previous - kFirstPageId) != kEndLink) {
       throw InvalidParameterException();
     }
-    nextLinks_[previous - kFirstPageId] = page;
-    previousLinks_[page - kFirstPageId] = previous;
+    SetLink(previous - kFirstPageId, page);
+    entries_[page - kFirstPageId].previous = static_cast<std::uint32_t>(previous);
   }
   highestPage_ = std::max(highestPage_, page);
   return page;
@@ -77,11 +91,11 @@ void PageAllocator::FreePage(std::uint64_t page) {
   CheckInvariants();
   CheckPageId(page);
   if (!InTable(page)) throw InvalidParameterException();
-  const std::uint64_t old = nextLinks_[page - kFirstPageId];
-  nextLinks_[page - kFirstPageId] = kFreeLink;
-  previousLinks_[page - kFirstPageId] = 0;
-  if (IsPageId(old) && InTable(old)) previousLinks_[old - kFirstPageId] = 0;
-  freeQueue_.push_back(page);
+  const std::uint64_t old = LinkAt(page - kFirstPageId);
+  SetLink(page - kFirstPageId, kFreeLink);
+  entries_[page - kFirstPageId].previous = 0;
+  if (IsPageId(old) && InTable(old)) entries_[old - kFirstPageId].previous = 0;
+  freeQueue_.push_back(static_cast<std::uint32_t>(page));
 }
 
 bool PageAllocator::ClaimPage(std::uint64_t page) {
@@ -89,28 +103,26 @@ bool PageAllocator::ClaimPage(std::uint64_t page) {
   CheckPageId(page);
   highestPage_ = std::max(highestPage_, page);
   if (InTable(page)) {
-    if (nextLinks_[page - kFirstPageId] != kFreeLink) return false;
-    nextLinks_[page - kFirstPageId] = kEndLink;
+    if (LinkAt(page - kFirstPageId) != kFreeLink) return false;
+    SetLink(page - kFirstPageId, kEndLink);
     return true;
   }
-  for (std::uint64_t id = nextLinks_.size() + kFirstPageId; id < page; ++id) {
-    nextLinks_.push_back(kFreeLink);
-    previousLinks_.push_back(0);
-    freeQueue_.push_back(id);
+  for (std::uint64_t id = entries_.size() + kFirstPageId; id < page; ++id) {
+    entries_.push_back(Entry{static_cast<std::uint32_t>(kFreeLink), 0});
+    freeQueue_.push_back(static_cast<std::uint32_t>(id));
   }
-  nextLinks_.push_back(kEndLink);
-  previousLinks_.push_back(0);
+  entries_.push_back(Entry{static_cast<std::uint32_t>(kEndLink), 0});
   return true;
 }
 
 bool PageAllocator::IsPageAllocated(std::uint64_t page) {
   CheckPageId(page);
-  return InTable(page) && nextLinks_[page - kFirstPageId] != kFreeLink;
+  return InTable(page) && entries_[page - kFirstPageId].next != kFreeLink;
 }
 
 std::uint64_t PageAllocator::GetNextPage(std::uint64_t page) {
   CheckPageId(page);
-  return InTable(page) ? nextLinks_[page - kFirstPageId] : kFreeLink;
+  return InTable(page) ? LinkAt(page - kFirstPageId) : kFreeLink;
 }
 
 bool PageAllocator::LoadTable(RefPtr<IDataStream>& stream) {
@@ -120,30 +132,29 @@ bool PageAllocator::LoadTable(RefPtr<IDataStream>& stream) {
   if (stream->Read(bytes, 8) != 8) throw FileDataCorruptException();
   const std::uint64_t count = LittleEndian::Load64(bytes);
   if (count > kPageLimit) throw FileDataCorruptException();
-  nextLinks_.resize(count);
+  entries_.assign(count, Entry{0, 0});
   for (std::uint64_t done = 0; done < count;) {
     const std::uint64_t n = std::min<std::uint64_t>(kChunkEntries, count - done);
     if (stream->Read(bytes, 8 * n) != 8 * n) {
       Reset();
       throw FileDataCorruptException();
     }
-    for (std::uint64_t i = 0; i < n; ++i) nextLinks_[done + i] = LittleEndian::Load64(bytes + 8 * i);
+    for (std::uint64_t i = 0; i < n; ++i) SetLink(done + i, LittleEndian::Load64(bytes + 8 * i));
     done += n;
   }
-  previousLinks_.assign(count, 0);
   for (std::uint64_t i = 0; i < count; ++i) {
     const std::uint64_t page = kFirstTableId + i;
-    const std::uint64_t link = nextLinks_[i];
+    const std::uint64_t link = LinkAt(i);
     if (link == kFreeLink) {
-      freeQueue_.push_back(page);
+      freeQueue_.push_back(static_cast<std::uint32_t>(page));
       continue;
     }
     if (IsPageId(link)) {
-      if (!InTable(link) || previousLinks_[link - kFirstPageId] != 0) {
+      if (!InTable(link) || entries_[link - kFirstPageId].previous != 0) {
         Reset();
         throw FileDataCorruptException();
       }
-      previousLinks_[link - kFirstPageId] = page;
+      entries_[link - kFirstPageId].previous = static_cast<std::uint32_t>(page);
     }
     highestPage_ = std::max(highestPage_, page);
   }
@@ -153,11 +164,11 @@ bool PageAllocator::LoadTable(RefPtr<IDataStream>& stream) {
 bool PageAllocator::SaveTable(RefPtr<IDataStream>& stream) {
   if (!stream) throw FileIOException(0);
   std::uint8_t bytes[8 * kChunkEntries];
-  LittleEndian::Store64(bytes, nextLinks_.size());
+  LittleEndian::Store64(bytes, entries_.size());
   if (stream->Write(bytes, 8) != 8) throw FileIOException(0);
-  for (std::uint64_t done = 0; done < nextLinks_.size();) {
-    const std::uint64_t n = std::min<std::uint64_t>(kChunkEntries, nextLinks_.size() - done);
-    for (std::uint64_t i = 0; i < n; ++i) LittleEndian::Store64(bytes + 8 * i, nextLinks_[done + i]);
+  for (std::uint64_t done = 0; done < entries_.size();) {
+    const std::uint64_t n = std::min<std::uint64_t>(kChunkEntries, entries_.size() - done);
+    for (std::uint64_t i = 0; i < n; ++i) LittleEndian::Store64(bytes + 8 * i, LinkAt(done + i));
     if (stream->Write(bytes, 8 * n) != 8 * n) throw FileIOException(0);
     done += n;
   }

@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <unordered_map>
 #include <vector>
 
 #include "host/RefPtr.h"
@@ -52,28 +53,40 @@ class PageAllocator : public IPageAllocator {
   // when the stream takes fewer bytes than asked.
   bool SaveTable(RefPtr<IDataStream>& stream);
   // Bytes SaveTable writes: 8 + 8 per entry.
-  std::uint64_t GetTableSaveSize() const { return 8 + 8 * nextLinks_.size(); }
+  std::uint64_t GetTableSaveSize() const { return 8 + 8 * entries_.size(); }
 
   std::uint64_t GetHighestPage() const { return highestPage_; }
-  std::uint64_t GetTableLength() const { return nextLinks_.size(); }
+  std::uint64_t GetTableLength() const { return entries_.size(); }
 
  private:
-  void CheckPageId(std::uint64_t page) const;
-  bool InTable(std::uint64_t page) const { return page - kFirstTableId < nextLinks_.size(); }
-  void CheckInvariants() const;
-
+  // One entry of the table: the page's link and the page linking to it.
+  // Links that are not 0, 1 or a page id (only a loaded table can hold
+  // them) are kept in exoticLinks_ and marked kExoticLink here, so that an
+  // entry takes 8 bytes.
+  struct Entry {
+    std::uint32_t next;
+    std::uint32_t previous;  // 0 when the page heads its chain or is free
+  };
+  static constexpr std::uint32_t kExoticLink = 0xFFFFFFFF;
   static constexpr std::uint64_t kFirstTableId = 10;
+
+  void CheckPageId(std::uint64_t page) const;
+  bool InTable(std::uint64_t page) const { return page - kFirstTableId < entries_.size(); }
+  std::uint64_t LinkAt(std::uint64_t index) const;
+  void SetLink(std::uint64_t index, std::uint64_t link);
+  void CheckInvariants() const;
 
   // Highest page id handed out or claimed; 10 when empty.
   std::uint64_t highestPage_;
-  // Indexed by page id - 10. For a page in use, the page whose link points
-  // at it (0 when it heads its chain). Always as long as nextLinks_.
-  std::vector<std::uint64_t> previousLinks_;
-  // Indexed by page id - 10: the link value of each page of the table.
-  std::vector<std::uint64_t> nextLinks_;
+  // The allocation table, indexed by page id - 10: for each page its link
+  // value (the saved form) and, for a page in use, the page whose link
+  // points at it (never saved; rebuilt by LoadTable).
+  std::vector<Entry> entries_;
+  // Links of entries marked kExoticLink, by entry index.
+  std::unordered_map<std::uint64_t, std::uint64_t> exoticLinks_;
   // Page ids free for reuse, oldest first. May hold stale ids (pages
   // claimed after they were queued); AllocatePage skips those.
-  std::deque<std::uint64_t> freeQueue_;
+  std::deque<std::uint32_t> freeQueue_;
 };
 
 }  // namespace Tovrel

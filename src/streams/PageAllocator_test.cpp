@@ -234,6 +234,26 @@ TEST(PageAllocatorTest, AShortWriteOfTheTableThrowsWithCodeZero) {
   }
 }
 
+TEST(PageAllocatorTest, LinksThatAreNotPageIdsSurviveALoadAndASave) {
+  auto pages = NewAllocator();
+  const std::vector<std::uint64_t> links{5, 0x123456789ull, 0, 1, ~std::uint64_t{0} - 1};
+  const auto saved = Saved(links);
+  RefPtr<IDataStream> in = StreamOf(saved);
+  ASSERT_TRUE(pages->LoadTable(in));
+  EXPECT_EQ(pages->GetNextPage(10), 5u);
+  EXPECT_EQ(pages->GetNextPage(11), 0x123456789ull);
+  EXPECT_TRUE(pages->IsPageAllocated(14));
+  auto* memory = new MemoryDataStream(pages->GetTableSaveSize());
+  RefPtr<IDataStream> out(memory);
+  ASSERT_TRUE(pages->SaveTable(out));
+  EXPECT_EQ(memory->Bytes(), saved);
+  pages->FreePage(11);
+  EXPECT_EQ(pages->GetNextPage(11), 1u);
+  EXPECT_EQ(pages->AllocatePage(0), 13u);  // free in the loaded table, queued first
+  EXPECT_EQ(pages->AllocatePage(0), 11u);
+  EXPECT_EQ(pages->GetNextPage(11), 0u);
+}
+
 TEST(PageAllocatorTest, ResetEmptiesEverything) {
   auto pages = NewAllocator();
   pages->ClaimPage(40);
