@@ -1,5 +1,7 @@
 #include "pagefile/BaseHeadFileSeeker.h"
 
+#include <cassert>
+
 #include "pagefile/PageGeometry.h"
 
 namespace Tovrel {
@@ -25,6 +27,12 @@ void BaseHeadFileSeeker::SizeTable(std::uint64_t count) {
   pageRanges = ranges_.data();
 }
 
+void BaseHeadFileSeeker::CheckInvariants() const {
+  assert(pageIds_.size() == nextIds_.size() && pageIds_.size() == ranges_.size());
+  assert(pageIds_.empty() || (pageIds == pageIds_.data() && pageRanges == ranges_.data()));
+  assert(pageIds_.empty() || lastPrepared_ < pageIds_.size());
+}
+
 bool BaseHeadFileSeeker::ValidatePage(std::uint64_t i) {
   if (i >= pageIds_.size() || !IsPageId(pageIds_[i])) return false;
   const PageRange& range = ranges_[i];
@@ -38,6 +46,7 @@ bool BaseHeadFileSeeker::ValidatePage(std::uint64_t i) {
 
 bool BaseHeadFileSeeker::Locate(std::uint64_t& pageIndex, std::uint64_t& offsetInPage,
                                 std::int32_t position) {
+  CheckInvariants();
   pageIndex = 0;
   offsetInPage = 0;
   const auto sizeLow = static_cast<std::int32_t>(static_cast<std::uint32_t>(totalSize));
@@ -72,6 +81,7 @@ bool BaseHeadFileSeeker::Locate(std::uint64_t& pageIndex, std::uint64_t& offsetI
 
 bool BaseHeadFileSeeker::Advance(std::uint64_t& pageIndex, std::uint64_t& offsetInPage,
                                  const PageCursor& from, std::uint32_t delta) {
+  CheckInvariants();
   if (pageIds_.empty() || from.pageIndex >= pageIds_.size() ||
       from.offsetInPage > ranges_[from.pageIndex].end) {
     return false;

@@ -45,6 +45,8 @@ class BaseHeadFileSeeker : public IPagedFileSeeker {
   void ResetTable();
   // Sizes the three arrays to `count` zeroed entries and points the views.
   void SizeTable(std::uint64_t count);
+  // Asserts the invariants below (debug builds).
+  void CheckInvariants() const;
 
   FilePageCache* cache_;  // not owned
   // Highest page index whose table entry is complete; only ever grows

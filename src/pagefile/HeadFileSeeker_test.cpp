@@ -6,6 +6,7 @@
 #include "pagefile/FileDataCorruptException.h"
 #include "pagefile/FileIOException.h"
 #include "pagefile/InvalidParameterException.h"
+#include "pagefile/LittleEndian.h"
 #include "pagefile/PageRef.h"
 #include "platform/FileFaults.h"
 #include "support/HeadChainFile.h"
@@ -218,6 +219,30 @@ TEST_F(HeadFileSeekerTest, ASizeBeyondAShortLastPageIsNotLocatable) {
   EXPECT_FALSE(seeker->Locate(index, offset, 17));
   EXPECT_TRUE(seeker->Locate(index, offset, 16));
   EXPECT_EQ(offset, 48u);
+}
+
+TEST_F(HeadFileSeekerTest, ForeignFilesGiveTheLibrarysExceptionsAndLeaveNothingPinned) {
+  const std::wstring foreign = dir_.File("foreign.bin");
+  for (std::uint32_t seed = 1; seed <= 200; ++seed) {
+    SCOPED_TRACE(seed);
+    auto bytes = HeadChainFile::Payload(kPageSize * (1 + seed % 5) + seed % 3, seed);
+    if (seed % 2 == 0) {
+      // Plausible first-page numbers make the walk go further.
+      LittleEndian::Store64(bytes.data(), 1 + seed % 6);
+      LittleEndian::Store64(bytes.data() + 8, seed * 1000 % 40000);
+      LittleEndian::Store64(bytes.data() + 16, 10 + seed % 7);
+      LittleEndian::Store64(bytes.data() + 24, 8192);
+    }
+    TempDir::WriteAll(foreign, bytes);
+    FilePageCache cache(foreign.c_str(), 2);
+    try {
+      OpenAndLoadAll(cache);
+    } catch (const FileDataCorruptException&) {
+    } catch (const FileIOException&) {
+    }
+    ExpectNothingPinned(cache);
+    cache.CheckInvariants();
+  }
 }
 
 TEST_F(HeadFileSeekerTest, LoadingPastTheLastPageIsRefused) {
