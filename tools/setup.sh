@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake make g++ clang zlib1g-dev googletest libgtest-dev libbenchmark-dev
-          g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64)
+          g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
@@ -15,5 +15,5 @@ if [ ${#missing[@]} -gt 0 ]; then
   [ "$(id -u)" -ne 0 ] && sudo_cmd="sudo"
   export DEBIAN_FRONTEND=noninteractive
   $sudo_cmd apt-get update -q
-  $sudo_cmd apt-get install -y -q --no-install-recommends "${missing[@]}"
+  $sudo_cmd apt-get install -y -q "${missing[@]}"
 fi

@@ -21,6 +21,6 @@ run() {  # name, cmake arguments...
 mkdir -p build
 run linux
 run sanitize -DTOVREL_SANITIZE=ON
-wine64 wineboot --init > /dev/null 2>&1 || wine wineboot --init > /dev/null 2>&1 || true
+wine wineboot --init > /dev/null 2>&1 || true
 run windows -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake
 echo "all test runs passed"
