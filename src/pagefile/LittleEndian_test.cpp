@@ -15,6 +15,10 @@ TEST(LittleEndianTest, StoresTheLowByteFirst) {
   EXPECT_EQ(bytes[0], 0xD4);
   EXPECT_EQ(bytes[3], 0xA1);
   EXPECT_EQ(LittleEndian::Load32(bytes), 0xA1B2C3D4u);
+  LittleEndian::Store16(bytes, 0x1234);
+  EXPECT_EQ(bytes[0], 0x34);
+  EXPECT_EQ(bytes[1], 0x12);
+  EXPECT_EQ(LittleEndian::Load16(bytes), 0x1234);
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <stdexcept>
 
+#include "pagefile/LittleEndian.h"
+
 namespace Tovrel {
 
 namespace {
@@ -33,6 +35,27 @@ bool StreamTransfer::ReadExact(RefPtr<IDataStream>& stream, void* buffer, std::u
 
 bool StreamTransfer::WriteExact(RefPtr<IDataStream>& stream, const void* buffer, std::uint64_t n) {
   return Exact(stream, buffer, n, kShortWrite, [&](IDataStream& s) { return s.Write(buffer, n); });
+}
+
+bool StreamTransfer::ReadByteTab(Tab<unsigned char>& tab, RefPtr<IDataStream>& stream, std::uint64_t limit) {
+  if (!stream) return false;
+  std::uint8_t length[8];
+  if (!ReadExact(stream, length, sizeof length)) return false;
+  const std::uint64_t n = LittleEndian::Load64(length);
+  if (n > limit || n >= kByteTabLimit) {
+    stream.Reset();
+    return false;
+  }
+  tab.SetCount(static_cast<INT_PTR>(n));
+  return n == 0 || ReadExact(stream, tab.Addr(0), n);
+}
+
+bool StreamTransfer::WriteByteTab(const Tab<unsigned char>& tab, RefPtr<IDataStream>& stream) {
+  if (!stream) return false;
+  std::uint8_t length[8];
+  LittleEndian::Store64(length, static_cast<std::uint64_t>(tab.Count()));
+  if (!WriteExact(stream, length, sizeof length)) return false;
+  return tab.Count() == 0 || WriteExact(stream, tab.Addr(0), static_cast<std::uint64_t>(tab.Count()));
 }
 
 }  // namespace Tovrel

@@ -65,5 +65,47 @@ TEST(StreamTransferTest, ExactTransfersSucceedAndKeepTheStream) {
   EXPECT_EQ(std::vector<std::uint8_t>(back, back + 8), std::vector<std::uint8_t>(bytes, bytes + 8));
 }
 
+TEST(StreamTransferTest, AByteTabRoundTripsWithItsLengthFirst) {
+  auto* memory = new MemoryDataStream(8 + 5 + 8);
+  RefPtr<IDataStream> stream(memory);
+  Tab<unsigned char> tab;
+  const unsigned char bytes[5] = {9, 8, 7, 6, 5};
+  tab.Append(5, bytes);
+  ASSERT_TRUE(StreamTransfer::WriteByteTab(tab, stream));
+  Tab<unsigned char> empty;
+  ASSERT_TRUE(StreamTransfer::WriteByteTab(empty, stream));
+  const std::vector<std::uint8_t> expected{5, 0, 0, 0, 0, 0, 0, 0, 9, 8, 7, 6, 5, 0, 0, 0, 0, 0, 0, 0, 0};
+  EXPECT_EQ(memory->Bytes(), expected);
+  ASSERT_TRUE(stream->Seek(0, 0));
+  Tab<unsigned char> back;
+  ASSERT_TRUE(StreamTransfer::ReadByteTab(back, stream, 5));
+  ASSERT_EQ(back.Count(), 5);
+  EXPECT_EQ(*back.Addr(4), 5);
+  back.SetCount(3);
+  ASSERT_TRUE(StreamTransfer::ReadByteTab(back, stream, 0));
+  EXPECT_EQ(back.Count(), 0);
+}
+
+TEST(StreamTransferTest, AByteTabLongerThanAllowedIsRefused) {
+  const std::vector<std::uint8_t> bytes{6, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4, 5, 6};
+  RefPtr<IDataStream> stream(new MemoryDataStream(bytes));
+  Tab<unsigned char> tab;
+  EXPECT_FALSE(StreamTransfer::ReadByteTab(tab, stream, 5));
+  EXPECT_FALSE(stream);
+  RefPtr<IDataStream> huge(new MemoryDataStream(std::vector<std::uint8_t>{0, 0, 0, 0x80, 0, 0, 0, 0}));
+  EXPECT_FALSE(StreamTransfer::ReadByteTab(tab, huge, ~std::uint64_t{0}));
+  RefPtr<IDataStream> none;
+  EXPECT_FALSE(StreamTransfer::ReadByteTab(tab, none, 10));
+  EXPECT_FALSE(StreamTransfer::WriteByteTab(tab, none));
+}
+
+TEST(StreamTransferTest, AByteTabCutShortDropsTheStream) {
+  RefPtr<IDataStream> stream(new MemoryDataStream(std::vector<std::uint8_t>{4, 0, 0, 0, 0, 0, 0, 0, 1, 2}));
+  Tab<unsigned char> tab;
+  EXPECT_FALSE(StreamTransfer::ReadByteTab(tab, stream, 10));
+  EXPECT_FALSE(stream);
+  EXPECT_EQ(tab.Count(), 4);
+}
+
 }  // namespace
 }  // namespace Tovrel
