@@ -5,5 +5,8 @@
 #include "tovrel/export.h"
 #include "tovrel/IDataStream.h"
 #include "tovrel/IDataStreamSet.h"
+#include "tovrel/MultiProcessMemory.h"
+#include "tovrel/MultiProcessTimeStamp.h"
+#include "tovrel/TimeStampValue.h"
 
 #endif

@@ -1,0 +1,139 @@
+#include "platform/SharedMemoryMapping.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+#include <limits>
+#include <memory>
+#include <string>
+
+#include "platform/ObjectName.h"
+#include "platform/WideText.h"
+#include "platform/posix/LockFile.h"
+
+namespace Tovrel {
+
+namespace {
+
+// "/" + name must fit into 255 bytes.
+constexpr std::size_t kShmNameLimit = 254;
+
+// What a handle stands for: one open block and this holder's shared lock on
+// the block's companion file.
+struct Block {
+  explicit Block(const std::string& name)
+      : shmName("/" + ObjectName::Shorten(name, kShmNameLimit)), holders(name, ".holders") {}
+
+  ~Block() {
+    const int error = errno;
+    if (fd >= 0) close(fd);
+    if (holders.IsOpen()) DropHold();
+    errno = error;
+  }
+
+  // Gives this holder's lock up; when no other holder is left, removes the
+  // block and the companion file, as the system frees a mapping whose last
+  // handle closes.
+  void DropHold() {
+    holders.Flock(LOCK_UN);
+    if (holders.Flock(LOCK_EX | LOCK_NB) && holders.IsLinked()) {
+      shm_unlink(shmName.c_str());
+      unlink(holders.Path().c_str());
+    }
+    holders.Close();
+  }
+
+  std::string shmName;  // name for shm_open
+  LockFile holders;     // held shared while this handle lives
+  int fd = -1;          // the shared-memory object, or -1
+  // Invariant: view is null exactly when viewBytes is 0.
+  void* view = nullptr;       // the one view mapped through this handle
+  std::size_t viewBytes = 0;  // its length
+};
+
+bool UsableName(const wchar_t* name) {
+  if (name != nullptr && name[0] != L'\0') return true;
+  errno = EINVAL;
+  return false;
+}
+
+}  // namespace
+
+std::size_t SharedMemoryMapping::MaxNameLength() { return std::numeric_limits<std::size_t>::max(); }
+
+void* SharedMemoryMapping::Open(const wchar_t* name) {
+  if (!UsableName(name)) return nullptr;
+  auto block = std::make_unique<Block>(WideText::ToUtf8(name));
+  if (!block->holders.Open()) return nullptr;
+  if (block->holders.Flock(LOCK_EX | LOCK_NB)) {
+    // No holder is alive: anything under the name was left by processes
+    // that died, and goes now.
+    block.reset();
+    errno = ENOENT;
+    return nullptr;
+  }
+  if (errno != EWOULDBLOCK || !block->holders.Flock(LOCK_SH)) return nullptr;
+  block->fd = shm_open(block->shmName.c_str(), O_RDWR, 0);
+  if (block->fd < 0) return nullptr;
+  return block.release();
+}
+
+void* SharedMemoryMapping::Create(const wchar_t* name, std::uint32_t bytes) {
+  if (!UsableName(name)) return nullptr;
+  if (bytes == 0) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  auto block = std::make_unique<Block>(WideText::ToUtf8(name));
+  if (!block->holders.Open() || !block->holders.Flock(LOCK_SH)) return nullptr;
+  block->fd = shm_open(block->shmName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+  if (block->fd < 0) return nullptr;
+  if (ftruncate(block->fd, static_cast<off_t>(bytes)) != 0) return nullptr;
+  return block.release();
+}
+
+void* SharedMemoryMapping::MapView(void* handle, std::size_t bytes) {
+  Block& block = *static_cast<Block*>(handle);
+  assert(block.view == nullptr && block.viewBytes == 0);
+  struct stat status {};
+  if (fstat(block.fd, &status) != 0) return nullptr;
+  const auto size = static_cast<std::size_t>(status.st_size);
+  if (bytes == 0) bytes = size;
+  if (bytes == 0 || bytes > size) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  void* view = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, block.fd, 0);
+  if (view == MAP_FAILED) return nullptr;
+  block.view = view;
+  block.viewBytes = bytes;
+  return view;
+}
+
+bool SharedMemoryMapping::UnmapView(void* handle, void* view) {
+  Block& block = *static_cast<Block*>(handle);
+  if (view == nullptr || view != block.view) {
+    errno = EINVAL;
+    return false;
+  }
+  const bool unmapped = munmap(view, block.viewBytes) == 0;
+  block.view = nullptr;
+  block.viewBytes = 0;
+  return unmapped;
+}
+
+bool SharedMemoryMapping::Close(void* handle) {
+  if (handle == nullptr) {
+    errno = EBADF;
+    return false;
+  }
+  delete static_cast<Block*>(handle);
+  return true;
+}
+
+}  // namespace Tovrel
