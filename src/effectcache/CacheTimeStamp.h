@@ -1,0 +1,41 @@
+// CacheTimeStamp: the local time at which an effect was written or last
+// found, as kept in its index record (16 bytes, little-endian: year,
+// month, day, hour, minute, second as 16-bit values, then milliseconds as
+// a 32-bit value). Stamps order field by field in that order.
+// Plain value.
+#ifndef TOVREL_EFFECTCACHE_CACHETIMESTAMP_H
+#define TOVREL_EFFECTCACHE_CACHETIMESTAMP_H
+
+#include <cstdint>
+#include <tuple>
+
+namespace Tovrel {
+
+struct CacheTimeStamp {
+  static constexpr std::uint64_t kSize = 16;
+
+  std::uint16_t year;
+  std::uint16_t month;
+  std::uint16_t day;
+  std::uint16_t hour;
+  std::uint16_t minute;
+  std::uint16_t second;
+  std::uint32_t milliseconds;
+
+  bool operator<(const CacheTimeStamp& other) const { return Fields() < other.Fields(); }
+  bool operator==(const CacheTimeStamp& other) const { return Fields() == other.Fields(); }
+
+  void Encode(std::uint8_t* bytes) const;
+  static CacheTimeStamp Decode(const std::uint8_t* bytes);
+
+ private:
+  std::tuple<std::uint16_t, std::uint16_t, std::uint16_t, std::uint16_t, std::uint16_t, std::uint16_t,
+             std::uint32_t>
+  Fields() const {
+    return std::make_tuple(year, month, day, hour, minute, second, milliseconds);
+  }
+};
+
+}  // namespace Tovrel
+
+#endif
