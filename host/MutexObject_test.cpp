@@ -142,6 +142,17 @@ TEST(MutexObjectTest, EmptyNameGivesAnInvalidMutexThatNeverLocks) {
   EXPECT_FALSE(mutex.Release());
 }
 
+TEST(MutexObjectTest, NameTheSystemRefusesGivesAnInvalidMutex) {
+  // A backslash names a kernel namespace that does not exist on Windows, and
+  // a slash a folder that does not exist elsewhere.
+  const std::wstring name =
+      L"tovrel_no_such_namespace\\" + ChildLauncher::UniqueWideName("mutex_bad") + L"/x";
+  MutexObject mutex(name.c_str());
+  EXPECT_FALSE(mutex.IsValid());
+  EXPECT_NE(mutex.GetCreationError(), 0u);
+  EXPECT_EQ(mutex.Acquire(MutexObject::kInfinite), MutexObject::kWaitFailed);
+}
+
 TEST(MutexObjectTest, ThreadsIncrementingUnderTheLockLoseNoUpdate) {
   const std::wstring name = ChildLauncher::UniqueWideName("mutex_threads");
   constexpr int kThreads = 4;

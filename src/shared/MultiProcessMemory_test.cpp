@@ -240,6 +240,25 @@ TEST(MultiProcessMemoryTest, BlockOfAKilledHolderIsCreatedAfresh) {
   EXPECT_TRUE(block.createdZeroFilled);
 }
 
+// A backslash names a kernel namespace that does not exist on Windows, and
+// a slash a folder that does not exist elsewhere.
+std::wstring UnusableName(const std::string& stem) {
+  return L"tovrel_no_such_namespace\\" + UniqueName(stem) + L"/x";
+}
+
+TEST(MultiProcessMemoryTest, MutexThatCannotBeMadeThrowsWithTheSystemError) {
+  SharedBlockProbe block;
+  try {
+    block.Open(UnusableName("shm_bad_mutex"), kBlockBytes);
+    ADD_FAILURE() << "a mutex with an unusable name was made";
+  } catch (const Win32APICallFailedException& failure) {
+    EXPECT_NE(failure.errorCode, 0u);
+  }
+  EXPECT_EQ(block.created + block.attached, 0);
+  EXPECT_EQ(block.Lock(0), nullptr);
+  block.Unlock();
+}
+
 TEST(MultiProcessMemoryTest, BlockThatCannotBeCreatedThrowsWithTheSystemError) {
   const std::wstring name = UniqueName("shm_zero_size");
   SharedBlockProbe block;

@@ -24,7 +24,7 @@ const std::string& Directory() {
 
 }  // namespace
 
-LockFile::LockFile(const std::string& name, const char* suffix) : fd_(-1) {
+LockFile::LockFile(const std::string& name, const char* suffix) : fd_(-1), device_(0), inode_(0) {
   const std::size_t room = kFileNameLimit - std::strlen(suffix);
   path_ = Directory() + "/" + ObjectName::Shorten(name, room) + suffix;
 }
@@ -36,7 +36,15 @@ bool LockFile::Open() {
   do {
     fd_ = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   } while (fd_ < 0 && errno == EINTR);
-  return fd_ >= 0;
+  if (fd_ < 0) return false;
+  struct stat opened {};
+  if (fstat(fd_, &opened) != 0) {
+    Close();
+    return false;
+  }
+  device_ = opened.st_dev;
+  inode_ = opened.st_ino;
+  return true;
 }
 
 void LockFile::Close() {
@@ -56,10 +64,9 @@ bool LockFile::Flock(int operation) {
 }
 
 bool LockFile::IsLinked() const {
-  struct stat opened {};
   struct stat linked {};
-  if (fstat(fd_, &opened) != 0 || stat(path_.c_str(), &linked) != 0) return false;
-  return opened.st_dev == linked.st_dev && opened.st_ino == linked.st_ino;
+  if (fd_ < 0 || stat(path_.c_str(), &linked) != 0) return false;
+  return linked.st_dev == device_ && linked.st_ino == inode_;
 }
 
 void LockFile::CloseAndRemoveIfUnused() {
