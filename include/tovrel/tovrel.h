@@ -3,10 +3,13 @@
 #define TOVREL_TOVREL_H
 
 #include "tovrel/export.h"
+#include "tovrel/FilePackage.h"
 #include "tovrel/IDataStream.h"
 #include "tovrel/IDataStreamSet.h"
 #include "tovrel/MultiProcessMemory.h"
 #include "tovrel/MultiProcessTimeStamp.h"
+#include "tovrel/PagedFilePackageConfig.h"
 #include "tovrel/TimeStampValue.h"
+#include "tovrel/VertexNormalsControl.h"
 
 #endif

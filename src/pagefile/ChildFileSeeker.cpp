@@ -77,6 +77,12 @@ bool ChildFileSeeker::AttachStream(IPageAllocator* allocator, const StreamEntry&
   return true;
 }
 
+bool ChildFileSeeker::MoveTail(const TailLocation& tail) {
+  const RefPtr<IPageAllocator> allocator = allocator_;
+  const StreamEntry entry = entry_;
+  return AttachStream(allocator.Get(), entry, tail);
+}
+
 void ChildFileSeeker::BuildWholePages() {
   const std::uint64_t n = entry_.fullPageCount;
   pageIds_.reserve(n + 2);

@@ -48,6 +48,10 @@ class ChildFileSeeker : public IPagedFileSeeker {
   // has no usable table (page count 0) but keeps the allocator reference.
   bool AttachStream(IPageAllocator* allocator, const StreamEntry& entry, const TailLocation& tail);
 
+  // Attaches the same stream again with its tail at a new place (its child
+  // file was compacted); throws as AttachStream.
+  bool MoveTail(const TailLocation& tail);
+
   // The stream position of a cursor. An index equal to the page count is
   // the end of the stream; InvalidParameterException past it.
   std::uint64_t PositionOf(std::uint64_t pageIndex, std::uint64_t offsetInPage) const;

@@ -1,5 +1,7 @@
 #include "streams/ChildFileStream.h"
 
+#include "pagefile/ChildFileSeeker.h"
+
 namespace Tovrel {
 
 ChildFileStream::ChildFileStream(IStreamOwner* owner, std::uint64_t identifier, FilePageCache* cache,
@@ -8,6 +10,13 @@ ChildFileStream::ChildFileStream(IStreamOwner* owner, std::uint64_t identifier, 
 
 ChildFileStream::~ChildFileStream() {
   if (owner_ != nullptr) owner_->ForgetStream(identifier_, this);
+}
+
+void ChildFileStream::MoveTail(const TailLocation& tail) {
+  auto* seeker = dynamic_cast<ChildFileSeeker*>(Seeker());
+  if (seeker == nullptr) return;
+  seeker->MoveTail(tail);
+  Relocate();
 }
 
 void ChildFileStream::Detach() {

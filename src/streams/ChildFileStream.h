@@ -15,6 +15,7 @@
 
 #include <cstdint>
 
+#include "pagefile/TailLocation.h"
 #include "streams/IStreamOwner.h"
 #include "streams/PagedFileStream.h"
 
@@ -33,6 +34,9 @@ class ChildFileStream : public PagedFileStream {
 
   // The owner is going away: let the pages go and forget owner and cache.
   void Detach();
+  // The stream's tail now lies at `tail` (its child file was compacted):
+  // the page table is rebuilt and the position kept.
+  void MoveTail(const TailLocation& tail);
 
  private:
   IStreamOwner* owner_;       // not owned; null once detached

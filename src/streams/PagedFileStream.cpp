@@ -49,6 +49,15 @@ void PagedFileStream::DetachFromCache() {
   cache_ = nullptr;
 }
 
+void PagedFileStream::Relocate() {
+  ReleasePages();
+  const auto position = static_cast<std::int32_t>(cursor_.position);
+  if (!seeker_->Locate(cursor_.pageIndex, cursor_.offsetInPage, position)) {
+    cursor_.position = 0;
+    seeker_->Locate(cursor_.pageIndex, cursor_.offsetInPage, 0);
+  }
+}
+
 bool PagedFileStream::TargetCursor(StreamCursor& next, std::uint32_t origin, std::int32_t offset) {
   if (origin == 0 || origin == 2) {
     const std::uint32_t base = origin == 2 ? static_cast<std::uint32_t>(GetSize()) : 0;

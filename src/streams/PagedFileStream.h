@@ -58,6 +58,9 @@ class PagedFileStream : public IDataStream {
   // Unpins both pages and forgets the cache; every later transfer moves
   // nothing. For a stream whose package goes away before it.
   void DetachFromCache();
+  // Finds the current position again after the seeker's table changed.
+  void Relocate();
+  IPagedFileSeeker* Seeker() const { return seeker_.Get(); }
 
  private:
   // The current position: page index, offset inside that page (between its

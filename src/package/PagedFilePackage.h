@@ -1,0 +1,128 @@
+// PagedFilePackage: the file package, a set of numbered streams of fixed
+// size kept in one paged file, with a block of user data.
+//
+// A stream of `size` bytes keeps size / 8192 whole pages in one chain of
+// the allocation table and its last size % 8192 bytes (its tail) packed
+// with other tails into a child file of 8 pages. The package's tables (the
+// allocation table, the stream table, the child-file table and the user
+// data) live in memory and reach the file only on Save, which writes them
+// through a newly laid-out head chain starting on page 10, then closes and
+// reopens the page cache so that every written page reaches the file.
+// Stream bytes are written in place through the page cache.
+//
+// Lifecycle: constructed without touching the file; Create (an empty
+// package, saved at once) or Load (through Reload) opens it; changes to
+// the tables mark it modified; the last Release saves a modified package
+// and closes the file. Streams are handed out as ChildFileStreams; the
+// package keeps a map of the open ones without holding references (a
+// stream leaves the map when it dies; streams still open when the package
+// dies are detached and move nothing from then on).
+//
+// Errors: corrupt tail or child-file data raises FileDataCorruptException
+// from OpenStream, CreateStream and RemoveStream; file failures raise
+// FileIOException; Save lets the section writers' exceptions pass.
+//
+// Reference counted (IDataStreamSet); made by CreateFilePackage and
+// OpenFilePackage. Owns its page cache, allocator, head seeker and tables.
+// Thread-safety: none; one thread at a time, with its streams.
+#ifndef TOVREL_PACKAGE_PAGEDFILEPACKAGE_H
+#define TOVREL_PACKAGE_PAGEDFILEPACKAGE_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "package/ChildFileTable.h"
+#include "package/StreamTable.h"
+#include "package/UserData.h"
+#include "pagefile/FilePageCache.h"
+#include "pagefile/IPagedFileSeeker.h"
+#include "streams/ChildFileStream.h"
+#include "streams/IStreamOwner.h"
+#include "streams/PageAllocator.h"
+#include "tovrel/IDataStreamSet.h"
+#include "tovrel/PagedFilePackageConfig.h"
+
+namespace Tovrel {
+
+class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
+ protected:
+  // Saves a modified package (ignoring failure), then closes it.
+  ~PagedFilePackage() override;
+
+ public:
+  // Copies the configuration and the path; touches no file.
+  explicit PagedFilePackage(const PagedFilePackageConfig& config);
+
+  // Re-reads the file into a new state; false (this state kept) when a
+  // stream is open or the file cannot be loaded. Unsaved page writes are
+  // dropped in either case. The former state, if modified, is saved as it
+  // goes.
+  bool Reload() override;
+  // Writes the tables if modified; see the header comment.
+  bool Save() override;
+  std::uint64_t GetTotalStreamSize() const override { return streams_.GetTotalSize(); }
+  bool SetUserDataSize(std::uint64_t size) override;
+  std::uint64_t GetUserDataSize() const override { return userData_.GetSize(); }
+  const std::uint8_t* GetUserData() const override { return userData_.Data(); }
+  std::uint8_t* GetUserData() override;
+  std::uint64_t GetNumberOfStreams() const override { return streams_.GetCount(); }
+  std::uint64_t GetStreamIdentifier(std::uint64_t index) const override;
+  RefPtr<IDataStream> OpenStream(std::uint64_t identifier) override;
+  std::uint64_t CreateStream(std::uint64_t size) override;
+  bool RemoveStream(std::uint64_t identifier) override;
+
+  void ForgetStream(std::uint64_t identifier, const ChildFileStream* stream) override;
+
+  // Starts an empty package in the file and saves it.
+  bool Create();
+  // Reads the package from the file; false or an exception when it cannot.
+  bool Load();
+  // Drops everything: open streams detached, cache closed, tables empty.
+  void Close();
+
+  bool IsModified() const { return modified_; }
+  const PagedFilePackageConfig& GetConfig() const { return config_; }
+  FilePageCache* GetPageCache() const { return cache_.get(); }
+  PageAllocator& GetAllocator() const { return *allocator_; }
+  const StreamTable& GetStreamTable() const { return streams_; }
+  const ChildFileTable& GetChildFileTable() const { return childFiles_; }
+  const IPagedFileSeeker* GetHeadSeeker() const { return headSeeker_.Get(); }
+  std::uint64_t GetOpenStreamCount() const { return openStreams_.size(); }
+
+ private:
+  void SwapState(PagedFilePackage& other);
+  std::uint64_t AllocateChain(std::uint64_t pages);
+  void FreeChain(std::uint64_t firstPage, std::uint64_t pages);
+  std::uint64_t ChildFileWithRoom(std::uint64_t bytes);
+  void PlaceTail(std::uint64_t identifier, std::uint64_t bytes);
+  void CompactChildFile(const StreamTailRecord& tail);
+  void MoveOpenTails(std::uint64_t childFileIdentifier);
+  void FreeHeadChain();
+  std::vector<std::uint64_t> LayOutHeadChain(std::uint64_t restBytes);
+  void WriteSections(RefPtr<IDataStream>& head);
+  void ReopenCache();
+  void ReleaseOpenStreamPages();
+  void CheckInvariants() const;
+
+  bool modified_;
+  // Invariant: config_.filePath points at path_.
+  PagedFilePackageConfig config_;
+  std::wstring path_;
+  std::unique_ptr<FilePageCache> cache_;  // null until created or loaded
+  RefPtr<PageAllocator> allocator_;       // made once, reset by Close
+  StreamTable streams_;
+  ChildFileTable childFiles_;
+  UserData userData_;
+  // The head chain: a reader after Load, a writer after Save; set only
+  // while cache_ is.
+  RefPtr<IPagedFileSeeker> headSeeker_;
+  // The open streams, holding no reference; each is in the stream table.
+  std::map<std::uint64_t, ChildFileStream*> openStreams_;
+};
+
+}  // namespace Tovrel
+
+#endif

@@ -1,0 +1,7 @@
+#include "tovrel/VertexNormalsControl.h"
+
+namespace Tovrel {
+
+VertexNormalsControl::VertexNormalsControl() : enabled(true), userData(nullptr) {}
+
+}  // namespace Tovrel

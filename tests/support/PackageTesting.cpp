@@ -1,0 +1,49 @@
+#include "support/PackageTesting.h"
+
+namespace Tovrel {
+namespace Testing {
+
+PagedFilePackageConfig PackageTesting::Config(const std::wstring& path, std::uint64_t cachePages,
+                                              std::uint64_t streamLimit) {
+  return PagedFilePackageConfig{path.c_str(), cachePages, streamLimit};
+}
+
+std::vector<std::uint8_t> PackageTesting::Bytes(std::uint64_t size, std::uint32_t seed) {
+  std::vector<std::uint8_t> bytes(size);
+  std::uint32_t x = seed * 2654435761u + 1;
+  for (auto& b : bytes) {
+    x ^= x << 13;
+    x ^= x >> 17;
+    x ^= x << 5;
+    b = static_cast<std::uint8_t>(x);
+  }
+  return bytes;
+}
+
+bool PackageTesting::WriteAll(const RefPtr<IDataStream>& stream, const std::vector<std::uint8_t>& bytes) {
+  return stream && stream->Seek(0, 0) && stream->Write(bytes.data(), bytes.size()) == bytes.size();
+}
+
+std::vector<std::uint8_t> PackageTesting::ReadAll(const RefPtr<IDataStream>& stream) {
+  std::vector<std::uint8_t> bytes(stream->GetSize());
+  if (!stream->Seek(0, 0)) return {};
+  bytes.resize(stream->Read(bytes.data(), bytes.size()));
+  return bytes;
+}
+
+std::uint64_t PackageTesting::CreateFilled(const RefPtr<IDataStreamSet>& package, std::uint64_t size,
+                                           std::uint32_t seed) {
+  const std::uint64_t id = package->CreateStream(size);
+  if (id == IDataStreamSet::kNoStream) return id;
+  if (size != 0 && !WriteAll(package->OpenStream(id), Bytes(size, seed))) return IDataStreamSet::kNoStream;
+  return id;
+}
+
+std::vector<std::uint64_t> PackageTesting::Identifiers(const RefPtr<IDataStreamSet>& package) {
+  std::vector<std::uint64_t> ids;
+  for (std::uint64_t i = 0; i < package->GetNumberOfStreams(); ++i) ids.push_back(package->GetStreamIdentifier(i));
+  return ids;
+}
+
+}  // namespace Testing
+}  // namespace Tovrel
