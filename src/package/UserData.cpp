@@ -9,6 +9,7 @@
 namespace Tovrel {
 
 bool UserData::SetSize(std::uint64_t size) {
+  if (size > kMostBytes) return false;
   try {
     bytes_.resize(size, 0);
   } catch (const std::bad_alloc&) {

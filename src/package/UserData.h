@@ -16,7 +16,12 @@ namespace Tovrel {
 class UserData {
  public:
   void Clear() { bytes_.clear(); }
-  // New bytes are zero. False, nothing changed, when the memory cannot be had.
+  // The head chain is positioned in signed 32-bit arithmetic, so no more
+  // user data than this can ever be saved.
+  static constexpr std::uint64_t kMostBytes = 0x7FFFFFFF;
+
+  // New bytes are zero. False, nothing changed, above kMostBytes or when
+  // the memory cannot be had.
   bool SetSize(std::uint64_t size);
   std::uint64_t GetSize() const { return bytes_.size(); }
   // The bytes; null when there are none.

@@ -52,6 +52,8 @@ TEST(UserDataTest, WritesTheLengthThenTheBytes) {
   EXPECT_THROW(data.Write(full), FileIOException);
   data.Clear();
   EXPECT_EQ(data.Data(), nullptr);
+  EXPECT_FALSE(data.SetSize(UserData::kMostBytes + 1));
+  EXPECT_EQ(data.GetSize(), 0u);
 }
 
 }  // namespace
