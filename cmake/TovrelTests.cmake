@@ -37,3 +37,6 @@ tovrel_add_test_program(streams_tests src/streams)
 tovrel_add_test_program(package_tests src/package)
 tovrel_add_test_program(shared_tests src/shared)
 tovrel_add_test_program(effectcache_tests src/effectcache)
+
+# A program outside the library that uses only its exported surface.
+add_subdirectory(${CMAKE_CURRENT_SOURCE_DIR}/tests/consumer ${CMAKE_BINARY_DIR}/tests/consumer)

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds Tovrel and runs every test: Linux, Linux under AddressSanitizer and
-# UndefinedBehaviorSanitizer, and the Windows cross-build under wine.
+# UndefinedBehaviorSanitizer, the Windows cross-build under wine, and a
+# minute of fuzzing (tools/fuzz.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/setup.sh
@@ -23,4 +24,6 @@ run linux
 run sanitize -DTOVREL_SANITIZE=ON
 wine wineboot --init > /dev/null 2>&1 || true
 run windows -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake
+echo "=== fuzzing"
+bash tools/fuzz.sh
 echo "all test runs passed"

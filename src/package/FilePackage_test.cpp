@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -107,12 +106,11 @@ TEST_F(FilePackageTest, ALimitOfZeroStreamsRefusesEveryStream) {
 }
 
 TEST(VertexNormalsControlTest, StartsSwitchedOnWithNoPointer) {
-  void* memory = std::malloc(sizeof(VertexNormalsControl));
-  std::memset(memory, 0xA5, sizeof(VertexNormalsControl));
-  auto* control = new (memory) VertexNormalsControl;
+  alignas(VertexNormalsControl) unsigned char storage[sizeof(VertexNormalsControl)];
+  std::memset(storage, 0xA5, sizeof storage);
+  const auto* control = new (storage) VertexNormalsControl;
   EXPECT_TRUE(control->enabled);
   EXPECT_EQ(control->userData, nullptr);
-  std::free(control);
 }
 
 }  // namespace
