@@ -21,41 +21,16 @@
 #include "streams/PageAllocator.h"
 #include "support/MemoryDataStream.h"
 #include "support/TempDir.h"
+#include "StdioBaseline.h"
 
 namespace Tovrel {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double Seconds(Clock::time_point since) {
-  return std::chrono::duration<double>(Clock::now() - since).count();
-}
-
-std::vector<std::uint8_t> Bytes(std::size_t size) {
-  std::vector<std::uint8_t> bytes(size);
-  std::uint32_t x = 12345;
-  for (auto& b : bytes) {
-    x = x * 1103515245u + 12345u;
-    b = static_cast<std::uint8_t>(x >> 16);
-  }
-  return bytes;
-}
+using Bench::Bytes;
+using Bench::Clock;
+using Bench::Seconds;
 
 constexpr std::size_t kSequentialBytes = 64u << 20;
-
-double PlainWriteRead(const std::wstring& path, const std::vector<std::uint8_t>& in,
-                      std::vector<std::uint8_t>& out) {
-  const auto start = Clock::now();
-  std::FILE* file = PlatformFile::Open(path.c_str(), "w+b");
-  for (std::size_t at = 0; at < in.size(); at += kPageSize) std::fwrite(in.data() + at, kPageSize, 1, file);
-  std::fclose(file);
-  file = PlatformFile::Open(path.c_str(), "rb");
-  for (std::size_t at = 0; at < out.size(); at += kPageSize) {
-    if (std::fread(out.data() + at, kPageSize, 1, file) != 1) std::abort();
-  }
-  std::fclose(file);
-  return Seconds(start);
-}
 
 double CacheWriteRead(const std::wstring& path, const std::vector<std::uint8_t>& in,
                       std::vector<std::uint8_t>& out) {
@@ -85,7 +60,7 @@ void BM_PageCacheSequentialVsStdio(benchmark::State& state) {
   std::vector<std::uint8_t> out(in.size());
   double plain = 0, cached = 0;
   for (auto _ : state) {
-    plain += PlainWriteRead(plainPath, in, out);
+    plain += Bench::PlainWriteRead(plainPath, in, out, kPageSize);
     const double t = CacheWriteRead(cachePath, in, out);
     cached += t;
     state.SetIterationTime(t);

@@ -1,5 +1,6 @@
 #include "package/PagedFilePackage.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cwchar>
 #include <utility>
@@ -169,16 +170,18 @@ RefPtr<IDataStream> PagedFilePackage::OpenStream(std::uint64_t identifier) {
 std::uint64_t PagedFilePackage::AllocateChain(std::uint64_t pages) {
   std::uint64_t first = 0;
   std::uint64_t last = 0;
+  std::uint64_t highest = 0;
   std::uint64_t taken = 0;
   try {
     for (; taken < pages; ++taken) {
       last = allocator_->AllocatePage(last);
       if (taken == 0) first = last;
-      cache_->EnsureFileCoversPage(last);
+      highest = std::max(highest, last);
     }
+    // One extension covers every page of the chain.
+    if (highest != 0) cache_->EnsureFileCoversPage(highest);
   } catch (...) {
-    // The page that could not be covered is in use already: give it back too.
-    FreeChain(first, taken + 1);
+    FreeChain(first, taken);
     throw;
   }
   return first;

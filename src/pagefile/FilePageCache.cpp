@@ -18,7 +18,8 @@ FilePageCache::FilePageCache(const wchar_t* path, std::uint64_t capacity)
       capacity_(1),
       count_(0),
       mostRecent_(nullptr),
-      leastRecent_(nullptr) {
+      leastRecent_(nullptr),
+      zerosFrom_(0) {
   Open(path, capacity);
 }
 
@@ -47,6 +48,7 @@ bool FilePageCache::Open(const wchar_t* path, std::uint64_t capacity) {
   }
   file_ = file;
   fileLength_ = length;
+  zerosFrom_ = length;
   capacity_ = capacity == 0 ? 1 : capacity;
   count_ = 0;
   mostRecent_ = leastRecent_ = nullptr;
@@ -66,6 +68,7 @@ void FilePageCache::CloseFile() {
   std::FILE* file = file_;
   file_ = nullptr;
   fileLength_ = 0;
+  zerosFrom_ = 0;
   capacity_ = 1;
   if (file == nullptr) return;
   const bool flushed = PlatformFile::Flush(file) == 0;
@@ -112,11 +115,11 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t pageId, bool forRead) {
   page->pinCount = 1;
   page->dirty = forRead ? 0 : 1;
   page->older = page->newer = nullptr;
-  const bool beyondEnd = idx * kPageSize >= fileLength_;
   if (!forRead) EnsureFileCoversPage(pageId);
-  if (!forRead && beyondEnd) {
-    // The page was just appended as zeros: its image is known without
-    // reading it back.
+  const std::uint64_t offset = idx * kPageSize;
+  if (offset >= zerosFrom_ && offset + kPageSize <= fileLength_) {
+    // The page was appended as zeros and not written since: its image is
+    // known without reading it back.
     std::memset(page->data, 0, kPageSize);
   } else if (!PageFileIO::ReadPage(file_, fileLength_, page->data, idx * kPageSize)) {
     return nullptr;
@@ -184,7 +187,9 @@ bool FilePageCache::EvictDownTo(std::uint64_t bound) {
 
 void FilePageCache::WriteBack(CachedPage* page) {
   if (page->dirty == 0) return;
-  PageFileIO::WritePage(file_, fileLength_, page->data, page->index * kPageSize);
+  const std::uint64_t offset = page->index * kPageSize;
+  PageFileIO::WritePage(file_, fileLength_, page->data, offset);
+  if (offset + kPageSize > zerosFrom_) zerosFrom_ = offset + kPageSize;
   page->dirty = 0;
 }
 

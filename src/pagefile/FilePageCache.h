@@ -8,6 +8,8 @@
 // (several processes may share one file, and a page that was only read must
 // never overwrite another process's newer save). Close writes back the
 // written pages and closes the file; DiscardAll drops every page unwritten.
+// Pages that the cache itself appended as zeros and has not written since
+// are known without reading them.
 //
 // Owned plainly by its package (not reference counted), created with a path
 // and deleted by it. Thread-safety: none; one thread at a time.
@@ -113,6 +115,10 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   std::uint64_t count_;
   CachedPage* mostRecent_;
   CachedPage* leastRecent_;
+  // File offsets at or past this hold zeros that this cache appended and
+  // has not written over since (set to the file's length on open; a page
+  // written back moves it past that page).
+  std::uint64_t zerosFrom_;
 };
 
 }  // namespace Tovrel

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -256,6 +257,30 @@ TEST_F(FilePageCacheTest, EnsureFileCoversPageGrowsTheFileWithZeros) {
   const auto bytes = TempDir::ReadAll(path);
   ASSERT_EQ(bytes.size(), 4 * kPageSize);
   for (std::size_t i = kPageSize; i < bytes.size(); ++i) ASSERT_EQ(bytes[i], 0) << i;
+}
+
+TEST_F(FilePageCacheTest, PagesItAppendedAreKnownAsZerosUntilWrittenBack) {
+  const std::wstring path = FileWith(Pattern(1, 6));
+  FilePageCache cache(path.c_str(), 2);
+  cache.EnsureFileCoversPage(15);
+  FileFaults::StartCounting();
+  const std::uint8_t* page = cache.GetPage(12, true);
+  ASSERT_NE(page, nullptr);
+  EXPECT_TRUE(std::all_of(page, page + kPageSize, [](std::uint8_t b) { return b == 0; }));
+  cache.UnpinPage(12);
+  EXPECT_EQ(FileFaults::Calls(FileCall::kRead), 0u);
+  cache.GetPage(13, false)[0] = 0xAB;
+  cache.UnpinPage(13);
+  for (std::uint64_t id : {14, 15}) {
+    cache.GetPage(id, true);
+    cache.UnpinPage(id);
+  }
+  EXPECT_FALSE(cache.IsCached(13));
+  EXPECT_EQ(FileFaults::Calls(FileCall::kRead), 0u);
+  EXPECT_EQ(cache.GetPage(13, true)[0], 0xAB);
+  cache.UnpinPage(13);
+  EXPECT_EQ(FileFaults::Calls(FileCall::kRead), 1u);
+  FileFaults::Reset();
 }
 
 TEST_F(FilePageCacheTest, AClosedCacheThrowsWithCodeZero) {

@@ -32,6 +32,14 @@ std::uint64_t PageFileIO::GetFileLength(std::FILE* file) {
 void PageFileIO::ExtendFile(std::FILE* file, std::uint64_t newLength) {
   std::uint64_t current = GetFileLength(file);
   if (newLength <= current) return;
+  if (newLength - current > kPageSize) {
+    // A long extension: writing its last byte makes the system fill in the
+    // zeros before it, without moving them through the stream.
+    SeekTo(file, newLength - 1);
+    errno = 0;
+    if (PlatformFile::Write(kZeroPage, 1, 1, file) != 1) throw FileIOException(errno);
+    return;
+  }
   SeekTo(file, current);
   while (current < newLength) {
     const std::uint64_t chunk = newLength - current < kPageSize ? newLength - current : kPageSize;

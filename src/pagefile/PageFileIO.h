@@ -18,8 +18,9 @@ class PageFileIO {
   // a null stream; FileIOException when the seek or tell fails.
   static std::uint64_t GetFileLength(std::FILE* file);
 
-  // Appends zeros until the file is newLength bytes long; nothing when it is
-  // already at least that long.
+  // Grows the file to newLength bytes of which the new ones read as zeros:
+  // up to a page is appended as zeros, a longer extension is left to the
+  // system to fill in. Nothing when the file is already that long.
   static void ExtendFile(std::FILE* file, std::uint64_t newLength);
 
   // Reads one page at `offset` into buffer. False for a null buffer or an
