@@ -7,6 +7,10 @@
 // opened by identifier and removed by identifier. Changes reach the file on
 // Save (or at the end of the set's life).
 //
+// A file whose data turn out to be damaged, or a file call that fails,
+// raises one of the library's exceptions (all derive from std::exception)
+// from OpenStream, CreateStream, RemoveStream and Save.
+//
 // Thread-safety: none; a set and its streams are used by one thread at a
 // time.
 #ifndef TOVREL_IDATASTREAMSET_H

@@ -19,8 +19,10 @@
 // dies are detached and move nothing from then on).
 //
 // Errors: corrupt tail or child-file data raises FileDataCorruptException
-// from OpenStream, CreateStream and RemoveStream; file failures raise
-// FileIOException; Save lets the section writers' exceptions pass.
+// from OpenStream, CreateStream and RemoveStream (RemoveStream checks the
+// tail before it changes anything); file failures raise FileIOException;
+// Save lets the section writers' exceptions pass. OpenStream gives nothing
+// for a stream of size 0 and for one whose whole-page chain is broken.
 //
 // Reference counted (IDataStreamSet); made by CreateFilePackage and
 // OpenFilePackage. Owns its page cache, allocator, head seeker and tables.
