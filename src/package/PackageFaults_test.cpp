@@ -110,6 +110,18 @@ TEST_F(PackageFaultsTest, AFullDeviceRefusesChangesAndKeepsTheLastSave) {
   ExpectSaved(Open(), sizes);
 }
 
+TEST_F(PackageFaultsTest, AChildFileThatCannotBeMadeLeavesNoStreamBehind) {
+  RefPtr<IDataStreamSet> package = CreateFilePackage(PackageTesting::Config(path_, 8));
+  ASSERT_TRUE(package);
+  FileFaults::FailNth(FileCall::kWrite, 1, ENOSPC, true);
+  EXPECT_THROW(package->CreateStream(8191), FileIOException);
+  EXPECT_EQ(package->GetNumberOfStreams(), 0u);
+  FileFaults::Reset();
+  const std::uint64_t id = PackageTesting::CreateFilled(package, 8191, 5);
+  EXPECT_EQ(id, 0u);
+  EXPECT_EQ(PackageTesting::ReadAll(package->OpenStream(id)), PackageTesting::Bytes(8191, 5));
+}
+
 TEST_F(PackageFaultsTest, SpaceComingBackLetsASavedPackageSave) {
   const auto sizes = MakePackage(6);
   RefPtr<IDataStreamSet> package = Open();

@@ -243,7 +243,15 @@ std::uint64_t PagedFilePackage::CreateStream(std::uint64_t size) {
     FreeChain(entry.firstPage, fullPages);
     return kNoStream;
   }
-  if (tail != 0) PlaceTail(identifier, tail);
+  if (tail == 0) return identifier;
+  try {
+    PlaceTail(identifier, tail);
+  } catch (...) {
+    // A stream without its tail could never be opened: it goes again.
+    streams_.Remove(identifier);
+    FreeChain(entry.firstPage, fullPages);
+    throw;
+  }
   return identifier;
 }
 
