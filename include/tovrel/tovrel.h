@@ -3,6 +3,7 @@
 #define TOVREL_TOVREL_H
 
 #include "tovrel/export.h"
+#include "tovrel/EffectCacheSystem.h"
 #include "tovrel/FilePackage.h"
 #include "tovrel/IDataStream.h"
 #include "tovrel/IDataStreamSet.h"

@@ -64,6 +64,15 @@ void PagedFilePackage::Close() {
   config_.filePath = path_.c_str();
 }
 
+void PagedFilePackage::Abandon() {
+  for (auto& open : openStreams_) open.second->Detach();
+  openStreams_.clear();
+  headSeeker_.Reset();
+  if (cache_) cache_->DiscardAll();
+  modified_ = false;
+  Close();
+}
+
 bool PagedFilePackage::Create() {
   Close();
   cache_.reset(new FilePageCache(path_.c_str(), config_.cachePageCount));

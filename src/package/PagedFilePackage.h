@@ -84,6 +84,11 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   bool Load();
   // Drops everything: open streams detached, cache closed, tables empty.
   void Close();
+  // Forgets every change not yet saved and closes: no page written since
+  // the last save reaches the file, and nothing is saved. For an owner
+  // whose save failed half-way, so that the half-done save is never
+  // completed as a directory later.
+  void Abandon();
 
   bool IsModified() const { return modified_; }
   const PagedFilePackageConfig& GetConfig() const { return config_; }

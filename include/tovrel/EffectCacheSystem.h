@@ -1,0 +1,65 @@
+// EffectCacheSystem: compiled shader effects kept by name from one run of
+// the host to the next.
+//
+// The host asks SearchCachedEffects before compiling an effect and calls
+// CacheCompiledEffect after compiling one. Effects (1 byte to 1 MiB) wait
+// in memory, then are compressed into the package file
+// "norvaneFxoCache.dat" in the cache folder: when 2 MiB are waiting, on
+// ForceSaveToFile, and when the object dies. Several host processes may
+// share one folder at once; they take turns on the file through a named
+// mutex and learn of each other's saves through a shared time stamp.
+//
+// A cache whose file cannot be opened or created, or whose save failed, is
+// unusable: IsEnabled answers false and the data calls answer false. No
+// exception leaves the object except allocation failures.
+//
+// Reference counted: create with new, hold through RefPtr, and let the last
+// Release destroy it (which saves first). Thread-safety: any thread may
+// call; calls are serialised inside.
+#ifndef TOVREL_EFFECTCACHESYSTEM_H
+#define TOVREL_EFFECTCACHESYSTEM_H
+
+#include <cstddef>
+
+#include "host/ARefObject.h"
+#include "host/RefPtr.h"
+#include "host/Tab.h"
+#include "host/WStr.h"
+#include "tovrel/export.h"
+
+namespace Tovrel {
+
+class EffectCacheImpl;
+
+class TOVREL_API EffectCacheSystem : public NorvaneGraphics::ARefObject {
+ protected:
+  ~EffectCacheSystem() override;
+
+ public:
+  // Opens (or creates) the cache file in `cacheFolder`.
+  explicit EffectCacheSystem(const WStr& cacheFolder);
+
+  // Queues one effect under its name; true if it was accepted.
+  bool CacheCompiledEffect(const WStr& name, const unsigned char* data, std::size_t size, bool permanent);
+  // Saves the queued effects now; failures make the cache unusable.
+  void ForceSaveToFile();
+  // The folder exactly as the constructor got it (not the file's path).
+  const WStr& GetCacheFilePath() const;
+  std::size_t GetNumberOfEffectsInFile() const;
+  std::size_t GetNumberOfEffectsInMemory() const;
+  // False when the cache is unusable or has been switched off.
+  bool IsEnabled() const;
+  // An advisory switch for the host; caching and searching ignore it.
+  void SetEnabled(bool enabled);
+  // Writes a UTF-8 list of the effects stored in the file to `file`.
+  void ListCachedEffects(const wchar_t* file);
+  // Fills data with the effect's bytes; true if found.
+  bool SearchCachedEffects(const WStr& name, Tab<unsigned char>& data);
+
+ private:
+  EffectCacheImpl* impl_;  // owned; never null
+};
+
+}  // namespace Tovrel
+
+#endif

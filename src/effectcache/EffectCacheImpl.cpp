@@ -1,0 +1,451 @@
+#include "effectcache/EffectCacheImpl.h"
+
+#include <algorithm>
+#include <cassert>
+#include <new>
+#include <vector>
+
+#include "effectcache/EffectCompression.h"
+#include "host/AutoMutex.h"
+#include "host/Path.h"
+#include "host/TabOutOfRangeException.h"
+#include "package/PagedFilePackage.h"
+#include "pagefile/FileIOException.h"
+#include "pagefile/LittleEndian.h"
+#include "platform/DiskSpace.h"
+#include "platform/LocalClock.h"
+#include "platform/PlatformFile.h"
+#include "streams/StreamTransfer.h"
+
+namespace Tovrel {
+
+namespace {
+
+using NorvaneSDK::Util::AutoMutex;
+using NorvaneSDK::Util::MutexObject;
+
+// Drops a package's unsaved changes, so that its end writes nothing.
+void AbandonPackageChanges(IDataStreamSet* package) {
+  if (auto* paged = dynamic_cast<PagedFilePackage*>(package)) paged->Abandon();
+}
+
+// The largest compressed effect: the compress bound of the largest effect.
+const std::uint64_t kCompressedSizeLimit = EffectCompression::CompressBound(EffectCacheImpl::kEffectSizeLimit);
+
+std::string Utf8Name(const WStr& name) { return name.ToNorvaneString().ToUTF8(); }
+
+CacheTimeStamp Now() {
+  const LocalClock::Time t = LocalClock::Now();
+  return CacheTimeStamp{t.year, t.month, t.day, t.hour, t.minute, t.second, t.milliseconds};
+}
+
+// Bytes of the index stream: record, name length and name of each entry
+// that can be written.
+template <typename Map>
+std::uint64_t IndexSize(const Map& effects) {
+  std::uint64_t size = 0;
+  for (const auto& entry : effects) {
+    if (!entry.first.empty() && entry.second.nameLength == entry.first.size()) {
+      size += EffectRecord::kSize + 8 + entry.first.size();
+    }
+  }
+  return size;
+}
+
+}  // namespace
+
+EffectCacheImpl::EffectCacheImpl(const WStr& cacheFolder, int compressionLevel, std::uint64_t cacheBytesLimit)
+    : cacheFolder_(cacheFolder),
+      folderPath_(cacheFolder),
+      enabled_(true),
+      header_{},
+      pendingBytes_(0),
+      compressionLevel_(EffectCompression::ClampLevel(compressionLevel)),
+      cacheBytesLimit_(cacheBytesLimit),
+      config_{} {
+  if (!folderPath_.isNull()) {
+    NorvaneSDK::Util::Path folder(folderPath_.data());
+    folder.AddTrailingSeparator();
+    folderPath_ = WStr(folder.GetCStr());
+    cacheFilePath_ = WStr(std::wstring(folderPath_.data()) + kCacheFileName);
+  }
+  const std::wstring base = SharedObjectBaseName(cacheFilePath_.data());
+  fileMutex_.reset(new MutexObject((base + L"_mutex").c_str()));
+  config_.filePath = cacheFilePath_.data();
+  config_.cachePageCount = kCachePageCount;
+  config_.streamLimit = kStreamLimit;
+  try {
+    if (cacheFilePath_.isNull() || !timeStamp_.Initialize((base + L"_timestamp").c_str())) return;
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception&) {
+    return;  // without its shared stamp the cache cannot share the file: unusable
+  }
+  AutoMutex hold(*fileMutex_);
+  if (!hold.IsOwner()) return;
+  if (!OpenCacheFile() && !CreateCacheFile()) DropPackage();
+}
+
+EffectCacheImpl::~EffectCacheImpl() {
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  try {
+    SaveToFile();
+    profile_.AppendToConfiguredLog();
+  } catch (...) {
+    DropPackage();
+  }
+  ResetState();
+  {
+    // The package ends under the mutex: nothing it does then can race
+    // another process's save.
+    AutoMutex hold(*fileMutex_);
+    DropPackage();
+  }
+}
+
+std::wstring EffectCacheImpl::SharedObjectBaseName(const std::wstring& cacheFilePath) {
+  std::wstring base;
+  base.reserve(cacheFilePath.size());
+  for (wchar_t c : cacheFilePath) {
+    const bool keep = (c >= L'a' && c <= L'z') || (c >= L'A' && c <= L'Z') || (c >= L'0' && c <= L'9');
+    base.push_back(keep ? c : L'_');
+  }
+  return base;
+}
+
+bool EffectCacheImpl::CacheCompiledEffect(const WStr& name, const unsigned char* data, std::size_t size,
+                                          bool permanent) {
+  if (data == nullptr || size < 1 || size > kEffectSizeLimit) return false;
+  const std::string key = Utf8Name(name);
+  if (key.empty() || key.size() > kEffectNameSizeLimit) return false;
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  CheckInvariants();
+  if (!package_) return false;
+  PendingEffect& effect = pendingEffects_[key];
+  effect.bytes.ZeroCount();
+  effect.bytes.Append(static_cast<INT_PTR>(size), data);
+  effect.permanent = permanent ? 1 : 0;
+  pendingBytes_ += EffectRecord::kSize + (8 + key.size()) + (8 + size);
+  if (pendingBytes_ >= kAutoSaveThreshold) SaveToFile();
+  return true;
+}
+
+void EffectCacheImpl::ForceSaveToFile() {
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  SaveToFile();
+}
+
+std::size_t EffectCacheImpl::GetNumberOfEffectsInFile() const {
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  return fileEffects_.size();
+}
+
+std::size_t EffectCacheImpl::GetNumberOfEffectsInMemory() const {
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  return pendingEffects_.size();
+}
+
+std::uint64_t EffectCacheImpl::GetPendingBytes() const {
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  return pendingBytes_;
+}
+
+bool EffectCacheImpl::IsEnabled() const {
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  return package_ && enabled_;
+}
+
+void EffectCacheImpl::SetEnabled(bool enabled) {
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  enabled_ = enabled;
+}
+
+void EffectCacheImpl::ListCachedEffects(const wchar_t* file) {
+  if (file == nullptr) return;
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::FILE* out = PlatformFile::Open(file, "wb");
+  if (out == nullptr) return;
+  std::string text = "\xEF\xBB\xBF";
+  for (const auto& entry : fileEffects_) {
+    text += "Name: " + entry.first + " Size: " + std::to_string(entry.second.uncompressedSize) +
+            " Permanent: " + std::to_string(entry.second.permanent) + "\n";
+  }
+  PlatformFile::Write(text.data(), 1, text.size(), out);
+  PlatformFile::Close(out);
+}
+
+bool EffectCacheImpl::SearchCachedEffects(const WStr& name, Tab<unsigned char>& data) {
+  if (name.isNull()) return false;
+  const std::string key = Utf8Name(name);
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  CheckInvariants();
+  if (!package_) return false;
+  const auto pending = pendingEffects_.find(key);
+  if (pending != pendingEffects_.end() && pending->second.bytes.Count() > 0) {
+    data.ZeroCount();
+    data.Append(pending->second.bytes.Count(), pending->second.bytes.Addr(0));
+    return true;
+  }
+  AutoMutex hold(*fileMutex_);
+  if (!hold.IsOwner()) return false;
+  try {
+    RefreshIfChanged();
+    return FindInFile(key, data);
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const NorvaneSDK::Util::TabOutOfRangeException&) {
+    throw;
+  } catch (const std::exception&) {
+    return false;  // a damaged file: the search misses
+  }
+}
+
+bool EffectCacheImpl::FindInFile(const std::string& key, Tab<unsigned char>& data) {
+  const auto found = fileEffects_.find(key);
+  if (found == fileEffects_.end() || !package_) return false;
+  EffectRecord& record = found->second;
+  RefPtr<IDataStream> stream = package_->OpenStream(record.streamId);
+  Tab<unsigned char> compressed;
+  if (!StreamTransfer::ReadByteTab(compressed, stream, kCompressedSizeLimit)) return false;
+  if (static_cast<std::uint64_t>(compressed.Count()) != record.compressedSize ||
+      stream->GetSize() != 8 + static_cast<std::uint64_t>(compressed.Count()) || record.uncompressedSize == 0) {
+    return false;
+  }
+  data.SetCount(record.uncompressedSize);
+  const std::uint32_t start = LocalClock::TickCount();
+  std::uint64_t length = record.uncompressedSize;
+  const int status = EffectCompression::DecompressEffect(data.Addr(0), length, compressed.Addr(0),
+                                                         static_cast<std::uint64_t>(compressed.Count()));
+  if (status != EffectCompression::kOk || length != record.uncompressedSize) return false;
+  profile_.AddDecompression(LocalClock::TickCount() - start);
+  record.lastUsed = Now();
+  return true;
+}
+
+bool EffectCacheImpl::OpenCacheFile() {
+  try {
+    AutoMutex hold(*fileMutex_);
+    if (!hold.IsOwner()) throw FileIOException();
+    package_ = OpenFilePackage(config_);
+    if (!package_ || !ReadHeader() || !LoadIndex()) throw FileIOException();
+    return true;
+  } catch (const std::exception&) {
+    DropPackage();
+    return false;
+  }
+}
+
+bool EffectCacheImpl::CreateCacheFile() {
+  ResetState();
+  try {
+    AutoMutex hold(*fileMutex_);
+    if (!hold.IsOwner()) return false;
+    DropPackage();
+    package_ = CreateFilePackage(config_);
+    if (!package_) return false;
+    timeStamp_.UpdateTimeStamp();
+    header_ = EffectCacheHeader::Empty();
+    header_.indexStreamId = package_->CreateStream(1);
+    if (!package_->OpenStream(header_.indexStreamId)) throw FileIOException();
+    if (!WriteHeader() || !package_->Save()) throw FileIOException();
+    return true;
+  } catch (const std::exception&) {
+    DropPackage();
+    return false;
+  }
+}
+
+bool EffectCacheImpl::ReadHeader() {
+  // Through the read-only view: reading never marks the package modified.
+  const IDataStreamSet& package = *package_;
+  return EffectCacheHeader::Read(package.GetUserData(), package.GetUserDataSize(), header_);
+}
+
+bool EffectCacheImpl::WriteHeader() {
+  if (!package_) return false;
+  const IDataStreamSet& view = *package_;
+  std::uint64_t at = EffectCacheHeader::FindBlock(view.GetUserData(), view.GetUserDataSize());
+  if (at == EffectCacheHeader::kNotFound) {
+    at = view.GetUserDataSize();
+    if (!package_->SetUserDataSize(at + EffectCacheHeader::kBlockHeadSize + EffectCacheHeader::kPayloadSize)) {
+      return false;
+    }
+    std::uint8_t* block = package_->GetUserData() + at;
+    LittleEndian::Store32(block, EffectCacheHeader::kTag);
+    LittleEndian::Store64(block + 4, EffectCacheHeader::kPayloadSize);
+  }
+  header_.effectCount = fileEffects_.size();
+  header_.Encode(package_->GetUserData() + at + EffectCacheHeader::kBlockHeadSize);
+  return true;
+}
+
+bool EffectCacheImpl::LoadIndex() {
+  RefPtr<IDataStream> stream = package_->OpenStream(header_.indexStreamId);
+  if (!stream) return false;
+  fileEffects_.clear();
+  for (std::uint64_t i = 0; i < header_.effectCount; ++i) {
+    std::uint8_t bytes[EffectRecord::kSize];
+    if (!StreamTransfer::ReadExact(stream, bytes, sizeof bytes)) return false;
+    const EffectRecord record = EffectRecord::Decode(bytes);
+    if (record.nameLength < 1 || record.nameLength > kEffectNameSizeLimit || record.uncompressedSize < 1 ||
+        record.uncompressedSize > kEffectSizeLimit) {
+      return false;
+    }
+    Tab<unsigned char> name;
+    if (!StreamTransfer::ReadByteTab(name, stream, kEffectNameSizeLimit)) return false;
+    if (static_cast<std::uint64_t>(name.Count()) != record.nameLength) return false;
+    fileEffects_[std::string(reinterpret_cast<const char*>(name.Addr(0)), record.nameLength)] = record;
+  }
+  stream.Reset();
+  std::uint64_t removed = 0;
+  TrimToLimit(GetSizeLimit(), &removed);
+  // A trim changed the file: make it durable now, under the mutex, as a
+  // save would, so that the package holds no unsaved change.
+  return removed == 0 || SaveDirectory();
+}
+
+bool EffectCacheImpl::SaveIndex() {
+  if (!package_) return false;
+  // An index with no entries keeps one byte: a stream is never empty.
+  const std::uint64_t size = std::max<std::uint64_t>(IndexSize(fileEffects_), 1);
+  RefPtr<IDataStream> stream;
+  if (header_.indexStreamId != EffectCacheHeader::kNoIndex) {
+    stream = package_->OpenStream(header_.indexStreamId);
+    if (stream && stream->GetSize() != size) {
+      stream.Reset();
+      package_->RemoveStream(header_.indexStreamId);
+    }
+  }
+  if (!stream) {
+    header_.indexStreamId = package_->CreateStream(size);
+    stream = package_->OpenStream(header_.indexStreamId);
+    if (!stream) return false;
+  }
+  for (const auto& entry : fileEffects_) {
+    if (entry.first.empty() || entry.second.nameLength != entry.first.size()) continue;
+    std::uint8_t bytes[EffectRecord::kSize];
+    entry.second.Encode(bytes);
+    Tab<unsigned char> name;
+    name.Append(static_cast<INT_PTR>(entry.first.size()), reinterpret_cast<const unsigned char*>(entry.first.data()));
+    if (!StreamTransfer::WriteExact(stream, bytes, sizeof bytes) || !StreamTransfer::WriteByteTab(name, stream)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool EffectCacheImpl::WritePendingEffects() {
+  if (!package_) return false;
+  const std::uint64_t room = std::min(DiskSpace::AvailableBytes(folderPath_.data()), cacheBytesLimit_);
+  if (room < pendingBytes_) {
+    DiscardPending();  // too little disk: the effects are dropped and the save succeeds
+    return true;
+  }
+  const std::uint64_t limit = GetSizeLimit();
+  if (limit < pendingBytes_ || !TrimToLimit(limit - pendingBytes_, nullptr)) {
+    DiscardPending();
+    return true;
+  }
+  for (const auto& entry : pendingEffects_) {
+    if (!WritePendingEffect(entry.first, entry.second)) return false;
+  }
+  DiscardPending();
+  return true;
+}
+
+bool EffectCacheImpl::WritePendingEffect(const std::string& name, const PendingEffect& effect) {
+  const auto stored = fileEffects_.find(name);
+  if (stored != fileEffects_.end()) {
+    package_->RemoveStream(stored->second.streamId);
+    fileEffects_.erase(stored);
+  }
+  const auto n = static_cast<std::uint64_t>(effect.bytes.Count());
+  Tab<unsigned char> compressed;
+  compressed.SetCount(static_cast<INT_PTR>(EffectCompression::CompressBound(n)));
+  std::uint64_t c = static_cast<std::uint64_t>(compressed.Count());
+  const std::uint32_t start = LocalClock::TickCount();
+  if (EffectCompression::CompressEffect(compressed.Addr(0), c, effect.bytes.Addr(0), n, compressionLevel_) !=
+      EffectCompression::kOk) {
+    return false;
+  }
+  profile_.AddCompression(n, c, LocalClock::TickCount() - start);
+  compressed.SetCount(static_cast<INT_PTR>(c));
+  const std::uint64_t id = package_->CreateStream(c + 8);
+  RefPtr<IDataStream> stream = package_->OpenStream(id);
+  if (!stream || !StreamTransfer::WriteByteTab(compressed, stream)) return false;
+  fileEffects_[name] = EffectRecord{id, static_cast<std::uint32_t>(name.size()), static_cast<std::uint32_t>(n),
+                                    effect.permanent, Now(), static_cast<std::uint32_t>(c), 0};
+  return true;
+}
+
+bool EffectCacheImpl::RefreshIfChanged() {
+  if (!timeStamp_.IsChanged()) return true;
+  return package_ && package_->Reload() && ReadHeader() && LoadIndex();
+}
+
+bool EffectCacheImpl::TrimToLimit(std::uint64_t limit, std::uint64_t* removed) {
+  if (!package_) return false;
+  std::vector<FileMap::iterator> candidates;
+  for (auto it = fileEffects_.begin(); it != fileEffects_.end(); ++it) {
+    if (it->second.permanent == 0) candidates.push_back(it);
+  }
+  std::stable_sort(candidates.begin(), candidates.end(), [](FileMap::iterator a, FileMap::iterator b) {
+    return a->second.lastUsed < b->second.lastUsed;
+  });
+  for (FileMap::iterator it : candidates) {
+    if (package_->GetTotalStreamSize() < limit) break;
+    package_->RemoveStream(it->second.streamId);
+    fileEffects_.erase(it);
+    if (removed != nullptr) ++*removed;
+  }
+  return package_->GetTotalStreamSize() < limit;
+}
+
+std::uint64_t EffectCacheImpl::GetSizeLimit() const {
+  return std::min(DiskSpace::AvailableBytes(folderPath_.data()), cacheBytesLimit_);
+}
+
+bool EffectCacheImpl::SaveToFile() {
+  if (!package_) return true;
+  AutoMutex hold(*fileMutex_);
+  if (!hold.IsOwner()) return false;
+  if (pendingEffects_.empty()) return true;
+  try {
+    if (!RefreshIfChanged() || !WritePendingEffects() || !SaveDirectory()) throw FileIOException();
+    return true;
+  } catch (const std::exception&) {
+    DropPackage();
+    return false;
+  }
+}
+
+bool EffectCacheImpl::SaveDirectory() {
+  if (!SaveIndex() || !WriteHeader() || !package_->Save()) return false;
+  timeStamp_.UpdateTimeStamp();
+  return true;
+}
+
+void EffectCacheImpl::DiscardPending() {
+  pendingEffects_.clear();
+  pendingBytes_ = 0;
+}
+
+void EffectCacheImpl::ResetState() {
+  fileEffects_.clear();
+  DiscardPending();
+  enabled_ = true;
+  header_ = EffectCacheHeader{};
+  profile_.Reset();
+}
+
+void EffectCacheImpl::DropPackage() {
+  if (package_) AbandonPackageChanges(package_.Get());
+  package_.Reset();
+}
+
+void EffectCacheImpl::CheckInvariants() const {
+  assert(compressionLevel_ >= 0 && compressionLevel_ <= 9);
+  assert(fileMutex_ != nullptr);
+}
+
+}  // namespace Tovrel

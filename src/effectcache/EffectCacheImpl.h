@@ -1,0 +1,129 @@
+// EffectCacheImpl: everything behind EffectCacheSystem.
+//
+// Keeps effects in two maps ordered by EffectNameOrder: fileEffects_, the
+// index of the cache file as this process last read or wrote it, and
+// pendingEffects_, effects cached since the last save (uncompressed; a
+// pending copy wins over a stored one). The file is a package holding a
+// header block in its user data, an index stream and one stream per
+// effect (see EffectCacheHeader and EffectRecord). Every read or write of
+// the file happens under fileMutex_, named after the file's path, and
+// every save renews timeStamp_, so that other processes reload before
+// they read or write.
+//
+// The cache protects shared files against its own failures: reading never
+// marks the package modified; a load that trims the file saves at once
+// under the mutex; and a failed save abandons the package's unsaved
+// changes instead of letting its destructor write them. So the package
+// never writes outside the mutex, nor a directory older than the file's.
+//
+// Owned by EffectCacheSystem. Thread-safety: the public operations take
+// lock_ (then fileMutex_, always in that order).
+#ifndef TOVREL_EFFECTCACHE_EFFECTCACHEIMPL_H
+#define TOVREL_EFFECTCACHE_EFFECTCACHEIMPL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "effectcache/EffectCacheHeader.h"
+#include "effectcache/EffectCacheProfile.h"
+#include "effectcache/EffectNameOrder.h"
+#include "effectcache/EffectRecord.h"
+#include "host/MutexObject.h"
+#include "host/NorvaneHeapOperators.h"
+#include "host/RefPtr.h"
+#include "host/Tab.h"
+#include "host/WStr.h"
+#include "tovrel/tovrel.h"
+
+namespace Tovrel {
+
+class EffectCacheImpl : public NorvaneHeapOperators {
+ public:
+  static constexpr std::uint64_t kEffectSizeLimit = 1048576;
+  static constexpr std::uint64_t kEffectNameSizeLimit = 65536;
+  static constexpr std::uint64_t kAutoSaveThreshold = 2097152;
+  static constexpr std::uint64_t kCacheBytesLimit = 268435456;
+  static constexpr std::uint64_t kCachePageCount = 64;
+  static constexpr std::uint64_t kStreamLimit = 65535;
+  static constexpr const wchar_t* kCacheFileName = L"norvaneFxoCache.dat";
+
+  // `cacheBytesLimit` bounds the file's streams together with the free
+  // disk space; the library passes kCacheBytesLimit, tests a smaller one.
+  EffectCacheImpl(const WStr& cacheFolder, int compressionLevel, std::uint64_t cacheBytesLimit = kCacheBytesLimit);
+  ~EffectCacheImpl();
+  EffectCacheImpl(const EffectCacheImpl&) = delete;
+  EffectCacheImpl& operator=(const EffectCacheImpl&) = delete;
+
+  bool CacheCompiledEffect(const WStr& name, const unsigned char* data, std::size_t size, bool permanent);
+  void ForceSaveToFile();
+  const WStr& GetCacheFilePath() const { return cacheFolder_; }
+  std::size_t GetNumberOfEffectsInFile() const;
+  std::size_t GetNumberOfEffectsInMemory() const;
+  bool IsEnabled() const;
+  void SetEnabled(bool enabled);
+  void ListCachedEffects(const wchar_t* file);
+  bool SearchCachedEffects(const WStr& name, Tab<unsigned char>& data);
+
+  // The cache file's full path (empty for an empty folder).
+  const WStr& GetCacheFileFullPath() const { return cacheFilePath_; }
+  std::uint64_t GetPendingBytes() const;
+  // The base name of the shared objects of a cache file: ASCII letters and
+  // digits kept, every other character an underscore.
+  static std::wstring SharedObjectBaseName(const std::wstring& cacheFilePath);
+
+ private:
+  struct PendingEffect {
+    Tab<unsigned char> bytes;
+    std::uint32_t permanent;
+  };
+  using FileMap = std::map<std::string, EffectRecord, EffectNameOrder>;
+  using PendingMap = std::map<std::string, PendingEffect, EffectNameOrder>;
+
+  bool OpenCacheFile();
+  bool CreateCacheFile();
+  bool ReadHeader();
+  bool WriteHeader();
+  bool LoadIndex();
+  bool SaveIndex();
+  bool WritePendingEffects();
+  bool WritePendingEffect(const std::string& name, const PendingEffect& effect);
+  bool RefreshIfChanged();
+  bool TrimToLimit(std::uint64_t limit, std::uint64_t* removed);
+  std::uint64_t GetSizeLimit() const;
+  bool SaveToFile();
+  bool SaveDirectory();
+  bool FindInFile(const std::string& name, Tab<unsigned char>& data);
+  void DiscardPending();
+  void ResetState();
+  void DropPackage();
+  void CheckInvariants() const;
+
+  mutable std::recursive_mutex lock_;  // over every field below
+  WStr cacheFolder_;                   // as the constructor got it
+  WStr folderPath_;                    // with a trailing separator
+  WStr cacheFilePath_;                 // folderPath_ + kCacheFileName; empty for an empty folder
+  bool enabled_;
+  EffectCacheHeader header_;           // copy of the file's header block
+  FileMap fileEffects_;                // the file's index as last read or written
+  PendingMap pendingEffects_;          // cached since the last save
+  // Estimate of what pendingEffects_ will add to the file: 44 + 8 + name
+  // + 8 + size per CacheCompiledEffect call (a replaced effect counts again).
+  std::uint64_t pendingBytes_;
+  // The open cache file; null when the cache is unusable, which lasts for
+  // the rest of the object's life.
+  RefPtr<IDataStreamSet> package_;
+  std::unique_ptr<NorvaneSDK::Util::MutexObject> fileMutex_;  // never null
+  MultiProcessTimeStamp timeStamp_;
+  int compressionLevel_;  // 0..9
+  std::uint64_t cacheBytesLimit_;
+  EffectCacheProfile profile_;
+  PagedFilePackageConfig config_;  // filePath points into cacheFilePath_
+};
+
+}  // namespace Tovrel
+
+#endif

@@ -1,0 +1,395 @@
+#include "effectcache/EffectCacheImpl.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "effectcache/EffectCacheHeader.h"
+#include "effectcache/EffectRecord.h"
+#include "host/Path.h"
+#include "pagefile/LittleEndian.h"
+#include "platform/FileFaults.h"
+#include "support/EffectTesting.h"
+#include "support/TempDir.h"
+
+namespace Tovrel {
+namespace {
+
+using Testing::EffectTesting;
+using Testing::TempDir;
+
+class EffectCacheImplTest : public ::testing::Test {
+ protected:
+  void TearDown() override { FileFaults::Reset(); }
+
+  std::unique_ptr<EffectCacheImpl> Open(std::uint64_t limit = EffectCacheImpl::kCacheBytesLimit) {
+    return std::unique_ptr<EffectCacheImpl>(new EffectCacheImpl(WStr(folder_.c_str()), 2, limit));
+  }
+  std::wstring CacheFile() const { return dir_.File("norvaneFxoCache.dat"); }
+
+  TempDir dir_;
+  std::wstring folder_ = dir_.Path().wstring();
+};
+
+TEST_F(EffectCacheImplTest, AFolderWithoutATrailingSeparatorGetsOne) {
+  auto cache = Open();
+  const std::wstring sep(1, NorvaneSDK::Util::Path::Separator());
+  EXPECT_EQ(std::wstring(cache->GetCacheFileFullPath().data()), folder_ + sep + L"norvaneFxoCache.dat");
+  EXPECT_EQ(std::wstring(cache->GetCacheFilePath().data()), folder_);
+  EXPECT_TRUE(cache->IsEnabled());
+}
+
+TEST_F(EffectCacheImplTest, AFolderEndingInASeparatorIsUsedAsItIs) {
+  const std::wstring withSeparator = folder_ + NorvaneSDK::Util::Path::Separator();
+  EffectCacheImpl cache(WStr(withSeparator.c_str()), 2);
+  EXPECT_EQ(std::wstring(cache.GetCacheFileFullPath().data()), withSeparator + L"norvaneFxoCache.dat");
+  EXPECT_EQ(std::wstring(cache.GetCacheFilePath().data()), withSeparator);
+}
+
+TEST_F(EffectCacheImplTest, AnEmptyFolderMakesAnUnusableCache) {
+  EffectCacheImpl cache(WStr(L""), 2);
+  EXPECT_TRUE(cache.GetCacheFileFullPath().isNull());
+  EXPECT_FALSE(cache.IsEnabled());
+  const unsigned char byte = 1;
+  EXPECT_FALSE(cache.CacheCompiledEffect(WStr(L"a"), &byte, 1, false));
+  Tab<unsigned char> data;
+  EXPECT_FALSE(cache.SearchCachedEffects(WStr(L"a"), data));
+}
+
+TEST_F(EffectCacheImplTest, SharedObjectNamesKeepOnlyAsciiLettersAndDigits) {
+  EXPECT_EQ(EffectCacheImpl::SharedObjectBaseName(L"C:\\Cache\\norvaneFxoCache.dat"), L"C__Cache_norvaneFxoCache_dat");
+  EXPECT_EQ(EffectCacheImpl::SharedObjectBaseName(L"/tmp/caf\u00e9/x9"), L"_tmp_caf__x9");
+}
+
+TEST_F(EffectCacheImplTest, EffectSizesOutsideOneByteToOneMebibyteAreRefused) {
+  auto cache = Open();
+  const std::vector<unsigned char> big(EffectCacheImpl::kEffectSizeLimit + 1, 7);
+  EXPECT_FALSE(cache->CacheCompiledEffect(WStr(L"fx"), big.data(), 0, false));
+  EXPECT_FALSE(cache->CacheCompiledEffect(WStr(L"fx"), big.data(), big.size(), false));
+  EXPECT_FALSE(cache->CacheCompiledEffect(WStr(L"fx"), nullptr, 10, false));
+  EXPECT_FALSE(cache->CacheCompiledEffect(WStr(L""), big.data(), 10, false));
+  EXPECT_EQ(cache->GetNumberOfEffectsInMemory(), 0u);
+  EXPECT_TRUE(cache->CacheCompiledEffect(WStr(L"fx"), big.data(), big.size() - 1, false));
+  EXPECT_EQ(cache->GetNumberOfEffectsInMemory(), 1u);
+}
+
+TEST_F(EffectCacheImplTest, NamesLongerThanTheLimitAreRefused) {
+  auto cache = Open();
+  const unsigned char byte = 1;
+  EXPECT_FALSE(cache->CacheCompiledEffect(WStr(std::wstring(65537, L'n')), &byte, 1, false));
+  EXPECT_TRUE(cache->CacheCompiledEffect(WStr(std::wstring(65536, L'n')), &byte, 1, false));
+}
+
+TEST_F(EffectCacheImplTest, CachingANameTwiceKeepsTheSecondAndCountsTwice) {
+  auto cache = Open();
+  const auto first = EffectTesting::Bytes(1, 100, true);
+  const auto second = EffectTesting::Bytes(2, 300, false);
+  ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"fx"), first.data(), first.size(), true));
+  ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"fx"), second.data(), second.size(), false));
+  EXPECT_EQ(cache->GetPendingBytes(), (44u + 8 + 2 + 8 + 100) + (44u + 8 + 2 + 8 + 300));
+  EXPECT_EQ(cache->GetNumberOfEffectsInMemory(), 1u);
+  Tab<unsigned char> data;
+  ASSERT_TRUE(cache->SearchCachedEffects(WStr(L"fx"), data));
+  EXPECT_EQ(EffectTesting::ToVector(data), second);
+  cache->ForceSaveToFile();
+  cache.reset();
+  EXPECT_EQ(EffectTesting::ReadIndex(CacheFile()).at("fx").permanent, 0u);
+}
+
+TEST_F(EffectCacheImplTest, APendingEffectWinsOverTheStoredOne) {
+  const auto stored = EffectTesting::Bytes(3, 500, true);
+  const auto pending = EffectTesting::Bytes(4, 700, true);
+  {
+    auto cache = Open();
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"fx"), stored.data(), stored.size(), false));
+  }
+  auto cache = Open();
+  ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"fx"), pending.data(), pending.size(), false));
+  Tab<unsigned char> data;
+  ASSERT_TRUE(cache->SearchCachedEffects(WStr(L"fx"), data));
+  EXPECT_EQ(EffectTesting::ToVector(data), pending);
+  EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 1u);
+}
+
+TEST_F(EffectCacheImplTest, DisablingIsAdvisoryOnly) {
+  auto cache = Open();
+  cache->SetEnabled(false);
+  EXPECT_FALSE(cache->IsEnabled());
+  const auto bytes = EffectTesting::Bytes(5, 64, true);
+  ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"fx"), bytes.data(), bytes.size(), false));
+  Tab<unsigned char> data;
+  EXPECT_TRUE(cache->SearchCachedEffects(WStr(L"fx"), data));
+  cache->SetEnabled(true);
+  EXPECT_TRUE(cache->IsEnabled());
+}
+
+TEST_F(EffectCacheImplTest, ShorterNamesListAndSaveFirst) {
+  {
+    auto cache = Open();
+    for (const wchar_t* name : {L"zzz", L"ab", L"b", L"aaa", L"zz"}) {
+      const auto bytes = EffectTesting::Bytes(6, 10, true);
+      ASSERT_TRUE(cache->CacheCompiledEffect(WStr(name), bytes.data(), bytes.size(), false));
+    }
+    cache->ForceSaveToFile();
+    const std::wstring list = dir_.File("list.txt");
+    cache->ListCachedEffects(list.c_str());
+    const auto text = TempDir::ReadAll(list);
+    EXPECT_EQ(std::string(text.begin(), text.end()),
+              "\xEF\xBB\xBF"
+              "Name: b Size: 10 Permanent: 0\n"
+              "Name: ab Size: 10 Permanent: 0\n"
+              "Name: zz Size: 10 Permanent: 0\n"
+              "Name: aaa Size: 10 Permanent: 0\n"
+              "Name: zzz Size: 10 Permanent: 0\n");
+  }
+  EXPECT_EQ(EffectTesting::IndexNames(CacheFile()), (std::vector<std::string>{"b", "ab", "zz", "aaa", "zzz"}));
+}
+
+TEST_F(EffectCacheImplTest, ANewFileHasAOneByteIndexReplacedByTheFirstSave) {
+  {
+    auto cache = Open();
+    ASSERT_TRUE(cache->IsEnabled());
+  }
+  EffectTesting::FileShape shape = EffectTesting::Shape(CacheFile());
+  EXPECT_EQ(shape.header.effectCount, 0u);
+  EXPECT_EQ(shape.indexSize, 1u);
+  EXPECT_EQ(shape.streams, 1u);
+  {
+    auto cache = Open();
+    const auto bytes = EffectTesting::Bytes(7, 1000, true);
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"fx1"), bytes.data(), bytes.size(), false));
+  }
+  shape = EffectTesting::Shape(CacheFile());
+  EXPECT_EQ(shape.header.effectCount, 1u);
+  EXPECT_EQ(shape.indexSize, 44u + 8 + 3);
+  EXPECT_EQ(shape.streams, 2u);
+}
+
+TEST_F(EffectCacheImplTest, SavingWithNothingPendingWritesNothing) {
+  {
+    auto cache = Open();
+    const auto bytes = EffectTesting::Bytes(8, 1000, true);
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"fx"), bytes.data(), bytes.size(), false));
+  }
+  const auto before = TempDir::ReadAll(CacheFile());
+  {
+    auto cache = Open();
+    Tab<unsigned char> data;
+    ASSERT_TRUE(cache->SearchCachedEffects(WStr(L"fx"), data));  // refreshes the in-memory stamp only
+    cache->ForceSaveToFile();
+  }
+  EXPECT_EQ(TempDir::ReadAll(CacheFile()), before);
+}
+
+TEST_F(EffectCacheImplTest, RecachingAStoredNameReplacesItsStream) {
+  for (int round = 0; round < 3; ++round) {
+    auto cache = Open();
+    const auto bytes = EffectTesting::Bytes(9 + round, 2000 + round, true);
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"fx"), bytes.data(), bytes.size(), false));
+    cache->ForceSaveToFile();
+    EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 1u);
+  }
+  const auto shape = EffectTesting::Shape(CacheFile());
+  EXPECT_EQ(shape.streams, 2u);
+  EXPECT_EQ(EffectTesting::ReadIndex(CacheFile()).at("fx").uncompressedSize, 2002u);
+}
+
+TEST_F(EffectCacheImplTest, WithEverythingPermanentAndOverTheLimitASaveDropsThePendingEffects) {
+  const auto bytes = EffectTesting::Bytes(12, 20000, false);
+  {
+    auto cache = Open();
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"keep"), bytes.data(), bytes.size(), true));
+  }
+  auto cache = Open(30000);
+  ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"new"), bytes.data(), bytes.size(), false));
+  cache->ForceSaveToFile();
+  EXPECT_TRUE(cache->IsEnabled());
+  EXPECT_EQ(cache->GetNumberOfEffectsInMemory(), 0u);
+  EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 1u);
+  Tab<unsigned char> data;
+  EXPECT_FALSE(cache->SearchCachedEffects(WStr(L"new"), data));
+  EXPECT_TRUE(cache->SearchCachedEffects(WStr(L"keep"), data));
+}
+
+TEST_F(EffectCacheImplTest, TooLittleRoomForThePendingBytesDropsThemAndTheSaveSucceeds) {
+  auto cache = Open(1000);
+  const auto bytes = EffectTesting::Bytes(13, 5000, true);
+  ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"fx"), bytes.data(), bytes.size(), false));
+  cache->ForceSaveToFile();
+  EXPECT_TRUE(cache->IsEnabled());
+  EXPECT_EQ(cache->GetNumberOfEffectsInMemory(), 0u);
+  EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 0u);
+}
+
+TEST_F(EffectCacheImplTest, TrimmingRemovesTheOldestNonPermanentEffectsUntilBelowTheLimit) {
+  std::uint64_t total = 0;
+  {
+    auto cache = Open();
+    for (int i = 0; i < 6; ++i) {
+      const auto bytes = EffectTesting::Bytes(20 + i, 3000, false);
+      ASSERT_TRUE(cache->CacheCompiledEffect(WStr(std::to_wstring(i)), bytes.data(), bytes.size(), i == 0));
+      cache->ForceSaveToFile();  // one save each: last-used times in order 0..5
+    }
+  }
+  total = EffectTesting::Shape(CacheFile()).totalStreamSize;
+  const std::uint64_t perEffect = EffectTesting::ReadIndex(CacheFile()).at("1").compressedSize + 8;
+  // A limit exactly at the total still trims: the total must fall strictly below it.
+  {
+    auto cache = Open(total);
+    EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 5u);
+  }
+  auto names = EffectTesting::IndexNames(CacheFile());
+  EXPECT_EQ(names, (std::vector<std::string>{"0", "2", "3", "4", "5"}));
+  {
+    auto cache = Open(total - 3 * perEffect);
+    EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 3u);
+  }
+  names = EffectTesting::IndexNames(CacheFile());
+  EXPECT_EQ(names, (std::vector<std::string>{"0", "4", "5"}));
+  {
+    auto cache = Open(1);  // only the permanent effect can stay
+    EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 1u);
+    Tab<unsigned char> data;
+    EXPECT_TRUE(cache->SearchCachedEffects(WStr(L"0"), data));
+  }
+  EXPECT_EQ(EffectTesting::IndexNames(CacheFile()), (std::vector<std::string>{"0"}));
+}
+
+TEST_F(EffectCacheImplTest, ATrimAtLoadIsSavedAtOnceAndAnEmptyIndexKeepsOneByte) {
+  {
+    auto cache = Open();
+    const auto bytes = EffectTesting::Bytes(30, 4000, false);
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"old"), bytes.data(), bytes.size(), false));
+  }
+  auto cache = Open(1);
+  EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 0u);
+  // Still open, yet the file already holds the trimmed directory.
+  const auto shape = EffectTesting::Shape(CacheFile());
+  EXPECT_EQ(shape.header.effectCount, 0u);
+  EXPECT_EQ(shape.indexSize, 1u);
+  EXPECT_EQ(shape.streams, 1u);
+  cache.reset();
+  auto again = Open();
+  EXPECT_TRUE(again->IsEnabled());
+  EXPECT_EQ(again->GetNumberOfEffectsInFile(), 0u);
+}
+
+TEST_F(EffectCacheImplTest, AnIncompressibleMebibyteEffectIsFound) {
+  const auto bytes = EffectTesting::Bytes(31, EffectCacheImpl::kEffectSizeLimit, false);
+  {
+    auto cache = Open();
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"big"), bytes.data(), bytes.size(), false));
+  }
+  EXPECT_GT(EffectTesting::ReadIndex(CacheFile()).at("big").compressedSize, EffectCacheImpl::kEffectSizeLimit);
+  auto cache = Open();
+  Tab<unsigned char> data;
+  ASSERT_TRUE(cache->SearchCachedEffects(WStr(L"big"), data));
+  EXPECT_EQ(EffectTesting::ToVector(data), bytes);
+}
+
+TEST_F(EffectCacheImplTest, ARecordWhoseSizeDisagreesWithItsDataMisses) {
+  const auto bytes = EffectTesting::Bytes(32, 5000, true);
+  {
+    auto cache = Open();
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"fx"), bytes.data(), bytes.size(), false));
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"ok"), bytes.data(), bytes.size(), false));
+  }
+  EffectTesting::PatchRecord(CacheFile(), "fx", [](EffectRecord& r) { r.uncompressedSize += 1; });
+  auto cache = Open();
+  Tab<unsigned char> data;
+  EXPECT_FALSE(cache->SearchCachedEffects(WStr(L"fx"), data));
+  ASSERT_TRUE(cache->SearchCachedEffects(WStr(L"ok"), data));
+  EXPECT_EQ(EffectTesting::ToVector(data), bytes);
+}
+
+TEST_F(EffectCacheImplTest, AnIndexPointingAtAMissingStreamMakesTheSearchMiss) {
+  const auto bytes = EffectTesting::Bytes(33, 5000, true);
+  {
+    auto cache = Open();
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"fx"), bytes.data(), bytes.size(), false));
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"ok"), bytes.data(), bytes.size(), false));
+  }
+  EffectTesting::PatchRecord(CacheFile(), "fx", [](EffectRecord& r) { r.streamId = 777; });
+  auto cache = Open();
+  Tab<unsigned char> data;
+  EXPECT_FALSE(cache->SearchCachedEffects(WStr(L"fx"), data));
+  EXPECT_TRUE(cache->SearchCachedEffects(WStr(L"ok"), data));
+}
+
+TEST_F(EffectCacheImplTest, AFailedSaveLeavesTheFileAsItWasAndTheCacheUnusable) {
+  const auto bytes = EffectTesting::Bytes(34, 30000, false);
+  {
+    auto cache = Open();
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"first"), bytes.data(), bytes.size(), false));
+  }
+  const auto before = TempDir::ReadAll(CacheFile());
+  {
+    auto cache = Open();
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"second"), bytes.data(), bytes.size(), false));
+    FileFaults::FailNth(FileCall::kWrite, 1, 28, true);
+    cache->ForceSaveToFile();
+    FileFaults::Reset();
+    EXPECT_FALSE(cache->IsEnabled());
+    Tab<unsigned char> data;
+    EXPECT_FALSE(cache->SearchCachedEffects(WStr(L"first"), data));
+    EXPECT_FALSE(cache->CacheCompiledEffect(WStr(L"third"), bytes.data(), bytes.size(), false));
+  }
+  EXPECT_EQ(TempDir::ReadAll(CacheFile()), before);
+  auto cache = Open();
+  Tab<unsigned char> data;
+  EXPECT_TRUE(cache->SearchCachedEffects(WStr(L"first"), data));
+  EXPECT_FALSE(cache->SearchCachedEffects(WStr(L"second"), data));
+}
+
+TEST_F(EffectCacheImplTest, HeadersOfAnotherVersionOrCountAreRecreatedEmpty) {
+  for (int variant = 0; variant < 3; ++variant) {
+    SCOPED_TRACE(variant);
+    {
+      auto cache = Open();
+      const auto bytes = EffectTesting::Bytes(35, 100, true);
+      ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"fx"), bytes.data(), bytes.size(), false));
+    }
+    EffectTesting::PatchHeader(CacheFile(), [&](EffectCacheHeader& h) {
+      if (variant == 0) h.version = 12;
+      if (variant == 1) h.version = 14;
+      if (variant == 2) h.effectCount = 8388609;
+    });
+    auto cache = Open();
+    EXPECT_TRUE(cache->IsEnabled());
+    EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 0u);
+    Tab<unsigned char> data;
+    EXPECT_FALSE(cache->SearchCachedEffects(WStr(L"fx"), data));
+  }
+}
+
+TEST_F(EffectCacheImplTest, TruncatedAndForeignFilesAreRecreatedEmpty) {
+  {
+    auto cache = Open();
+    for (int i = 0; i < 20; ++i) {
+      const auto bytes = EffectTesting::Bytes(40 + i, 3000, i % 2 == 0);
+      ASSERT_TRUE(cache->CacheCompiledEffect(WStr(std::to_wstring(i)), bytes.data(), bytes.size(), false));
+    }
+  }
+  const auto good = TempDir::ReadAll(CacheFile());
+  for (std::size_t cut : {std::size_t{0}, std::size_t{100}, std::size_t{8192}, good.size() / 2, good.size() - 1}) {
+    SCOPED_TRACE(cut);
+    TempDir::WriteAll(CacheFile(), std::vector<std::uint8_t>(good.begin(), good.begin() + static_cast<long>(cut)));
+    auto cache = Open();
+    EXPECT_TRUE(cache->IsEnabled());  // opened as it is, or recreated empty
+    for (int i = 0; i < 20; ++i) {
+      Tab<unsigned char> data;
+      if (cache->SearchCachedEffects(WStr(std::to_wstring(i)), data)) {
+        EXPECT_EQ(EffectTesting::ToVector(data), EffectTesting::Bytes(40 + i, 3000, i % 2 == 0)) << i;
+      }
+    }
+  }
+  TempDir::WriteAll(CacheFile(), EffectTesting::Bytes(99, 50000, false));
+  auto cache = Open();
+  EXPECT_TRUE(cache->IsEnabled());
+  EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 0u);
+}
+
+}  // namespace
+}  // namespace Tovrel

@@ -1,0 +1,48 @@
+// EffectTesting: helpers for tests of the effect cache: effect bytes shaped
+// like shader code or random, and direct looks into (and patches of) a
+// cache file through the package interface.
+#ifndef TOVREL_TESTS_EFFECTTESTING_H
+#define TOVREL_TESTS_EFFECTTESTING_H
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "effectcache/EffectCacheHeader.h"
+#include "effectcache/EffectRecord.h"
+#include "host/Tab.h"
+
+namespace Tovrel {
+namespace Testing {
+
+class EffectTesting {
+ public:
+  // Seeded bytes: compressible ones look like shader bytecode (about 3:1 at
+  // level 2), the others are random.
+  static std::vector<unsigned char> Bytes(std::uint32_t seed, std::size_t size, bool compressible);
+  static std::vector<unsigned char> ToVector(const Tab<unsigned char>& tab);
+
+  struct FileShape {
+    EffectCacheHeader header;
+    std::uint64_t indexSize;
+    std::uint64_t streams;
+    std::uint64_t totalStreamSize;
+  };
+  // Reads the header block and the index of a cache file (not in use).
+  static FileShape Shape(const std::wstring& file);
+  static std::map<std::string, EffectRecord> ReadIndex(const std::wstring& file);
+  // Names in the order the index holds them.
+  static std::vector<std::string> IndexNames(const std::wstring& file);
+
+  // Rewrites one record of the index, or the header, of a cache file.
+  static void PatchRecord(const std::wstring& file, const std::string& name,
+                          const std::function<void(EffectRecord&)>& change);
+  static void PatchHeader(const std::wstring& file, const std::function<void(EffectCacheHeader&)>& change);
+};
+
+}  // namespace Testing
+}  // namespace Tovrel
+
+#endif
