@@ -1,5 +1,6 @@
 #include "support/EffectTesting.h"
 
+#include <array>
 #include <random>
 #include <stdexcept>
 
@@ -55,16 +56,28 @@ std::vector<unsigned char> EffectTesting::Bytes(std::uint32_t seed, std::size_t 
     for (auto& b : bytes) b = static_cast<unsigned char>(random());
     return bytes;
   }
-  // Instruction-like words: a few opcodes, small register numbers, and an
-  // occasional random constant.
-  for (std::size_t i = 0; i < size; ++i) {
-    const std::uint32_t r = random();
-    switch (i % 8) {
-      case 0: bytes[i] = static_cast<unsigned char>(0x40 + r % 12); break;
-      case 1: case 2: bytes[i] = static_cast<unsigned char>(r % 16); break;
-      case 3: bytes[i] = 0; break;
-      default: bytes[i] = static_cast<unsigned char>(r % 5 == 0 ? r >> 8 : 0); break;
+  // Eight-byte instructions drawn from a few dozen templates (opcode,
+  // registers, swizzle, operand), with registers and constants varied now
+  // and then, as compiled shaders repeat their instruction shapes.
+  std::vector<std::uint32_t> constants(64);
+  for (auto& k : constants) k = random();
+  std::vector<std::array<unsigned char, 8>> templates(24);
+  static const unsigned char kSwizzles[4] = {0xE4, 0x00, 0x55, 0xFF};
+  for (auto& t : templates) {
+    const std::uint32_t k = random() % 2 == 0 ? 0 : constants[random() % 64];
+    t = {static_cast<unsigned char>(0x40 + random() % 12), static_cast<unsigned char>(random() % 8),
+         static_cast<unsigned char>(random() % 8), kSwizzles[random() % 4], static_cast<unsigned char>(k),
+         static_cast<unsigned char>(k >> 8), static_cast<unsigned char>(k >> 16), static_cast<unsigned char>(k >> 24)};
+  }
+  std::uniform_real_distribution<double> unit(0.0, 1.0);
+  for (std::size_t at = 0; at < size; at += 8) {
+    std::array<unsigned char, 8> t = templates[random() % templates.size()];
+    if (unit(random) < 0.4) t[1] = static_cast<unsigned char>(random() % 16);
+    if (unit(random) < 0.17) {
+      const std::uint32_t k = constants[random() % 64];
+      for (int b = 0; b < 4; ++b) t[4 + b] = static_cast<unsigned char>(k >> (8 * b));
     }
+    for (std::size_t b = 0; b < 8 && at + b < size; ++b) bytes[at + b] = t[b];
   }
   return bytes;
 }
