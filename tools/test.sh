@@ -16,14 +16,24 @@ run() {  # name, cmake arguments...
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Debug "$@" > "$dir.configure.log" 2>&1 || {
     cat "$dir.configure.log"; exit 1; }
   cmake --build "$dir" -j "$jobs"
-  (cd "$dir" && ctest -j "$jobs")
+  (cd "$dir" && ctest -j "$jobs") | tee "$dir.ctest.log"
+  passed=$((passed + $(grep -oE 'tests failed out of [0-9]+' "$dir.ctest.log" | grep -oE '[0-9]+$')))
 }
+
+passed=0
 
 mkdir -p build
 run linux
 run sanitize -DTOVREL_SANITIZE=ON
 wine wineboot --init > /dev/null 2>&1 || true
 run windows -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake
-echo "=== fuzzing"
-bash tools/fuzz.sh
+echo "=== fuzzing (full output in build/fuzz.log)"
+if ! bash tools/fuzz.sh > build/fuzz.log 2>&1; then
+  tail -80 build/fuzz.log
+  echo "fuzzing found a problem"
+  exit 1
+fi
+grep -E '^(--- fuzzing|Done )' build/fuzz.log
+passed=$((passed + $(grep -c '^Done ' build/fuzz.log)))
 echo "all test runs passed"
+echo "summary: $passed passed, 0 failed"
