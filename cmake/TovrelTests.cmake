@@ -38,5 +38,14 @@ tovrel_add_test_program(package_tests src/package)
 tovrel_add_test_program(shared_tests src/shared)
 tovrel_add_test_program(effectcache_tests src/effectcache)
 
+# The tovrel tool's tests: its classes in this process, and the built
+# program run as a child process, found beside the test program.
+tovrel_add_test_program(tool_tests tools/tovrel)
+file(GLOB tool_test_support CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tests/tool/*.cpp)
+target_sources(tool_tests PRIVATE ${tool_test_support})
+target_link_libraries(tool_tests PRIVATE tovrel_tool_objects)
+target_compile_definitions(tool_tests PRIVATE TOVREL_TOOL_FILE_NAME="$<TARGET_FILE_NAME:tovrel_tool>")
+add_dependencies(tool_tests tovrel_tool)
+
 # A program outside the library that uses only its exported surface.
 add_subdirectory(${CMAKE_CURRENT_SOURCE_DIR}/tests/consumer ${CMAKE_BINARY_DIR}/tests/consumer)

@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "effectcache/EffectCompression.h"
+#include "effectcache/EffectIndex.h"
+#include "effectcache/EffectPayload.h"
 #include "host/AutoMutex.h"
 #include "host/Path.h"
 #include "host/TabOutOfRangeException.h"
@@ -24,13 +26,13 @@ namespace {
 using NorvaneSDK::Util::AutoMutex;
 using NorvaneSDK::Util::MutexObject;
 
+static_assert(EffectCacheImpl::kEffectSizeLimit == EffectIndex::kEffectSizeLimit, "one effect size limit");
+static_assert(EffectCacheImpl::kEffectNameSizeLimit == EffectIndex::kNameSizeLimit, "one name size limit");
+
 // Drops a package's unsaved changes, so that its end writes nothing.
 void AbandonPackageChanges(IDataStreamSet* package) {
   if (auto* paged = dynamic_cast<PagedFilePackage*>(package)) paged->Abandon();
 }
-
-// The largest compressed effect: the compress bound of the largest effect.
-const std::uint64_t kCompressedSizeLimit = EffectCompression::CompressBound(EffectCacheImpl::kEffectSizeLimit);
 
 std::string Utf8Name(const WStr& name) { return name.ToNorvaneString().ToUTF8(); }
 
@@ -39,15 +41,12 @@ CacheTimeStamp Now() {
   return CacheTimeStamp{t.year, t.month, t.day, t.hour, t.minute, t.second, t.milliseconds};
 }
 
-// Bytes of the index stream: record, name length and name of each entry
-// that can be written.
+// Bytes of the index stream: the entries that can be written.
 template <typename Map>
 std::uint64_t IndexSize(const Map& effects) {
   std::uint64_t size = 0;
   for (const auto& entry : effects) {
-    if (!entry.first.empty() && entry.second.nameLength == entry.first.size()) {
-      size += EffectRecord::kSize + 8 + entry.first.size();
-    }
+    if (EffectIndex::IsWritable(entry.first, entry.second)) size += EffectIndex::EntrySize(entry.first);
   }
   return size;
 }
@@ -67,10 +66,10 @@ EffectCacheImpl::EffectCacheImpl(const WStr& cacheFolder, int compressionLevel, 
     NorvaneSDK::Util::Path folder(folderPath_.data());
     folder.AddTrailingSeparator();
     folderPath_ = WStr(folder.GetCStr());
-    cacheFilePath_ = WStr(std::wstring(folderPath_.data()) + kCacheFileName);
+    cacheFilePath_ = CacheFilePathFor(cacheFolder);
   }
   const std::wstring base = SharedObjectBaseName(cacheFilePath_.data());
-  fileMutex_.reset(new MutexObject((base + L"_mutex").c_str()));
+  fileMutex_.reset(new MutexObject(FileMutexName(cacheFilePath_.data()).c_str()));
   config_.filePath = cacheFilePath_.data();
   config_.cachePageCount = kCachePageCount;
   config_.streamLimit = kStreamLimit;
@@ -101,6 +100,17 @@ EffectCacheImpl::~EffectCacheImpl() {
     AutoMutex hold(*fileMutex_);
     DropPackage();
   }
+}
+
+WStr EffectCacheImpl::CacheFilePathFor(const WStr& cacheFolder) {
+  if (cacheFolder.isNull()) return WStr();
+  NorvaneSDK::Util::Path file(cacheFolder.data());
+  file.AddTrailingSeparator();
+  return WStr(std::wstring(file.GetCStr()) + kCacheFileName);
+}
+
+std::wstring EffectCacheImpl::FileMutexName(const std::wstring& cacheFilePath) {
+  return SharedObjectBaseName(cacheFilePath) + L"_mutex";
 }
 
 std::wstring EffectCacheImpl::SharedObjectBaseName(const std::wstring& cacheFilePath) {
@@ -204,19 +214,10 @@ bool EffectCacheImpl::FindInFile(const std::string& key, Tab<unsigned char>& dat
   const auto found = fileEffects_.find(key);
   if (found == fileEffects_.end() || !package_) return false;
   EffectRecord& record = found->second;
-  RefPtr<IDataStream> stream = package_->OpenStream(record.streamId);
   Tab<unsigned char> compressed;
-  if (!StreamTransfer::ReadByteTab(compressed, stream, kCompressedSizeLimit)) return false;
-  if (static_cast<std::uint64_t>(compressed.Count()) != record.compressedSize ||
-      stream->GetSize() != 8 + static_cast<std::uint64_t>(compressed.Count()) || record.uncompressedSize == 0) {
-    return false;
-  }
-  data.SetCount(record.uncompressedSize);
+  if (EffectPayload::ReadCompressed(*package_, record, compressed) != EffectPayload::Result::kOk) return false;
   const std::uint32_t start = LocalClock::TickCount();
-  std::uint64_t length = record.uncompressedSize;
-  const int status = EffectCompression::DecompressEffect(data.Addr(0), length, compressed.Addr(0),
-                                                         static_cast<std::uint64_t>(compressed.Count()));
-  if (status != EffectCompression::kOk || length != record.uncompressedSize) return false;
+  if (EffectPayload::Decompress(record, compressed, data) != EffectPayload::Result::kOk) return false;
   profile_.AddDecompression(LocalClock::TickCount() - start);
   record.lastUsed = Now();
   return true;
@@ -284,17 +285,10 @@ bool EffectCacheImpl::LoadIndex() {
   if (!stream) return false;
   fileEffects_.clear();
   for (std::uint64_t i = 0; i < header_.effectCount; ++i) {
-    std::uint8_t bytes[EffectRecord::kSize];
-    if (!StreamTransfer::ReadExact(stream, bytes, sizeof bytes)) return false;
-    const EffectRecord record = EffectRecord::Decode(bytes);
-    if (record.nameLength < 1 || record.nameLength > kEffectNameSizeLimit || record.uncompressedSize < 1 ||
-        record.uncompressedSize > kEffectSizeLimit) {
-      return false;
-    }
-    Tab<unsigned char> name;
-    if (!StreamTransfer::ReadByteTab(name, stream, kEffectNameSizeLimit)) return false;
-    if (static_cast<std::uint64_t>(name.Count()) != record.nameLength) return false;
-    fileEffects_[std::string(reinterpret_cast<const char*>(name.Addr(0)), record.nameLength)] = record;
+    std::string name;
+    EffectRecord record{};
+    if (!EffectIndex::ReadEntry(stream, name, record)) return false;
+    fileEffects_[name] = record;
   }
   stream.Reset();
   std::uint64_t removed = 0;
@@ -322,14 +316,8 @@ bool EffectCacheImpl::SaveIndex() {
     if (!stream) return false;
   }
   for (const auto& entry : fileEffects_) {
-    if (entry.first.empty() || entry.second.nameLength != entry.first.size()) continue;
-    std::uint8_t bytes[EffectRecord::kSize];
-    entry.second.Encode(bytes);
-    Tab<unsigned char> name;
-    name.Append(static_cast<INT_PTR>(entry.first.size()), reinterpret_cast<const unsigned char*>(entry.first.data()));
-    if (!StreamTransfer::WriteExact(stream, bytes, sizeof bytes) || !StreamTransfer::WriteByteTab(name, stream)) {
-      return false;
-    }
+    if (!EffectIndex::IsWritable(entry.first, entry.second)) continue;
+    if (!EffectIndex::WriteEntry(stream, entry.first, entry.second)) return false;
   }
   return true;
 }

@@ -74,6 +74,12 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // The base name of the shared objects of a cache file: ASCII letters and
   // digits kept, every other character an underscore.
   static std::wstring SharedObjectBaseName(const std::wstring& cacheFilePath);
+  // The cache file of a folder: the folder, a separator unless it ends in
+  // one, then kCacheFileName; empty for an empty folder.
+  static WStr CacheFilePathFor(const WStr& cacheFolder);
+  // The name of the named mutex that guards a cache file, in every process
+  // that uses it: its shared-object base name + "_mutex".
+  static std::wstring FileMutexName(const std::wstring& cacheFilePath);
 
  private:
   struct PendingEffect {

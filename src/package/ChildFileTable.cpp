@@ -86,6 +86,10 @@ const std::vector<std::uint64_t>* ChildFileTable::TailsOf(std::uint64_t childFil
   return child == nullptr ? nullptr : &child->tails;
 }
 
+std::uint64_t ChildFileTable::GetChildFileIdentifier(std::uint64_t index) const {
+  return index < children_.size() ? children_[index].record.identifier : kNone;
+}
+
 std::uint64_t ChildFileTable::FindRoom(std::uint64_t bytes) const {
   const std::size_t slot = freeIndex_.FindFirst(bytes);
   return slot == FirstFitIndex::kNone ? kNone : children_[slot].record.identifier;

@@ -45,6 +45,10 @@ class ChildFileTable : public IChildFileLookup {
   const ChildFileRecord* FindChildFile(std::uint64_t childFileIdentifier) const override;
   // Stream identifiers of the tails in a child file, in placement order.
   const std::vector<std::uint64_t>* TailsOf(std::uint64_t childFileIdentifier) const;
+  // The index-th child file's identifier, in ascending order; kNone past the count.
+  std::uint64_t GetChildFileIdentifier(std::uint64_t index) const;
+  // Every tail record, by stream identifier.
+  const std::map<std::uint64_t, StreamTailRecord>& GetTails() const { return tails_; }
 
   // The first child file, in identifier order, with at least `bytes` free;
   // kNone when no child file has room.

@@ -71,6 +71,21 @@ TEST(ChildFileTableTest, ReadsChildFilesTheirListsAndTails) {
   EXPECT_EQ(table.FindRoom(65536 - 299), ChildFileTable::kNone);
 }
 
+TEST(ChildFileTableTest, ListsChildFilesInIdentifierOrderAndEveryTail) {
+  ChildFileTable table;
+  Section section;
+  section.Number(2).Child(5, 40, 65536, {}).Child(1, 20, 65536 - 300, {4, 2}).Number(2);
+  section.Tail({4, 1, 0, 0, 100}).Tail({2, 1, 1, 100, 200});
+  ASSERT_TRUE(ReadInto(table, section, 100));
+  EXPECT_EQ(table.GetChildFileIdentifier(0), 1u);
+  EXPECT_EQ(table.GetChildFileIdentifier(1), 5u);
+  EXPECT_EQ(table.GetChildFileIdentifier(2), ChildFileTable::kNone);
+  ASSERT_EQ(table.GetTails().size(), 2u);
+  EXPECT_EQ(table.GetTails().begin()->first, 2u);
+  EXPECT_EQ(table.GetTails().begin()->second.offset, 100u);
+  EXPECT_EQ(table.GetTails().rbegin()->second.streamIdentifier, 4u);
+}
+
 TEST(ChildFileTableTest, WritingWhatWasReadGivesTheSameBytes) {
   ChildFileTable table;
   Section section;

@@ -32,6 +32,11 @@ class PlatformProcess {
   // SystemError::Last(), when it cannot. One start per object.
   bool Start(const std::string& program, const std::vector<std::string>& arguments);
 
+  // Before Start: the child's standard output and standard error go to
+  // these files (UTF-8 paths, created or truncated) instead of this
+  // process's; an empty path keeps that stream shared with this process.
+  void RedirectOutput(const std::string& outputFile, const std::string& errorFile);
+
   // Waits at most `timeoutMilliseconds` for the child to end. True, with its
   // exit code in *exitCode, when it has ended (at once when it already had).
   bool Wait(std::uint32_t timeoutMilliseconds, int* exitCode);
@@ -51,6 +56,8 @@ class PlatformProcess {
   std::uint32_t id_;      // the child's process id
   bool ended_;            // the child has ended and exitCode_ holds its code
   int exitCode_;
+  std::string outputFile_;  // empty: the child shares this process's stream
+  std::string errorFile_;
 };
 
 }  // namespace Tovrel

@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <iterator>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -71,6 +74,43 @@ TEST(PlatformProcessTest, ArgumentsArriveUnchanged) {
   std::vector<std::string> received;
   while (std::getline(in, line)) received.push_back(line);
   EXPECT_EQ(received, arguments);
+}
+
+// Writes its first argument to standard output and its second to
+// standard error.
+TOVREL_CHILD_ROLE(print_both) {
+  if (argc < 2) return 99;
+  std::fputs(argv[0], stdout);
+  std::fputs(argv[1], stderr);
+  return 0;
+}
+
+std::string ReadText(const std::string& file) {
+  std::ifstream in(file, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+TEST(PlatformProcessTest, RedirectedOutputAndErrorReachTheirFiles) {
+  TempDir dir;
+  const std::string out = (dir.Path() / "out.txt").string();
+  const std::string err = (dir.Path() / "err.txt").string();
+  PlatformProcess child;
+  child.RedirectOutput(out, err);
+  ASSERT_TRUE(child.Start(PlatformProcess::CurrentExecutable(), {"--tovrel-child=print_both", "to-out", "to-err"}));
+  ASSERT_EQ(ChildLauncher::Finish(child), 0);
+  EXPECT_EQ(ReadText(out), "to-out");
+  EXPECT_EQ(ReadText(err), "to-err");
+}
+
+TEST(PlatformProcessTest, RedirectingOnlyOutputLeavesErrorShared) {
+  TempDir dir;
+  const std::string out = (dir.Path() / "out.txt").string();
+  PlatformProcess child;
+  child.RedirectOutput(out, "");
+  ASSERT_TRUE(child.Start(PlatformProcess::CurrentExecutable(), {"--tovrel-child=print_both", "only-out", ""}));
+  ASSERT_EQ(ChildLauncher::Finish(child), 0);
+  EXPECT_EQ(ReadText(out), "only-out");
+  EXPECT_FALSE(std::filesystem::exists(dir.Path() / "err.txt"));
 }
 
 TEST(PlatformProcessTest, StartOfAMissingProgramFails) {

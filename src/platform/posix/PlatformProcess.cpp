@@ -1,5 +1,6 @@
 #include "platform/PlatformProcess.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/types.h>
@@ -30,6 +31,11 @@ int ExitCodeOf(int status) {
 
 PlatformProcess::PlatformProcess() : handle_(0), id_(0), ended_(false), exitCode_(0) {}
 
+void PlatformProcess::RedirectOutput(const std::string& outputFile, const std::string& errorFile) {
+  outputFile_ = outputFile;
+  errorFile_ = errorFile;
+}
+
 PlatformProcess::~PlatformProcess() {
   if (!IsRunning()) return;
   int ignored = 0;
@@ -54,8 +60,14 @@ bool PlatformProcess::Start(const std::string& program, const std::vector<std::s
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(&word[0]);
   argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC;
+  if (!outputFile_.empty()) posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outputFile_.c_str(), flags, 0644);
+  if (!errorFile_.empty()) posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errorFile_.c_str(), flags, 0644);
   pid_t pid = 0;
-  const int error = posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv.data(), environ);
+  const int error = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
   if (error != 0) {
     errno = error;
     return false;

@@ -36,9 +36,43 @@ std::wstring Quoted(const std::wstring& argument) {
   return out;
 }
 
+// A file that a child's standard stream is sent to: opened for writing
+// with an inheritable handle, or this process's own stream when no file
+// is named. Closed (this process's copy) when the object dies.
+class InheritableFile {
+ public:
+  InheritableFile(const std::string& path, DWORD standard)
+      : handle_(GetStdHandle(standard)), owned_(false), failed_(false) {
+    if (path.empty()) return;
+    SECURITY_ATTRIBUTES inherit{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+    handle_ = CreateFileW(WideText::FromUtf8(path).c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                          &inherit, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    owned_ = handle_ != INVALID_HANDLE_VALUE;
+    failed_ = !owned_;
+  }
+  ~InheritableFile() {
+    if (owned_) CloseHandle(handle_);
+  }
+  InheritableFile(const InheritableFile&) = delete;
+  InheritableFile& operator=(const InheritableFile&) = delete;
+
+  bool IsOpen() const { return !failed_; }
+  HANDLE Handle() const { return handle_; }
+
+ private:
+  HANDLE handle_;
+  bool owned_;   // handle_ is a file opened here
+  bool failed_;  // a file was named and could not be opened
+};
+
 }  // namespace
 
 PlatformProcess::PlatformProcess() : handle_(0), id_(0), ended_(false), exitCode_(0) {}
+
+void PlatformProcess::RedirectOutput(const std::string& outputFile, const std::string& errorFile) {
+  outputFile_ = outputFile;
+  errorFile_ = errorFile;
+}
 
 PlatformProcess::~PlatformProcess() {
   if (handle_ == 0) return;
@@ -67,9 +101,19 @@ bool PlatformProcess::Start(const std::string& program, const std::vector<std::s
   for (const std::string& argument : arguments) commandLine += L" " + Quoted(WideText::FromUtf8(argument));
   STARTUPINFOW startup{};
   startup.cb = sizeof(startup);
+  const bool redirect = !outputFile_.empty() || !errorFile_.empty();
+  InheritableFile output(outputFile_, STD_OUTPUT_HANDLE);
+  InheritableFile error(errorFile_, STD_ERROR_HANDLE);
+  if (!output.IsOpen() || !error.IsOpen()) return false;
+  if (redirect) {
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    startup.hStdOutput = output.Handle();
+    startup.hStdError = error.Handle();
+  }
   PROCESS_INFORMATION started{};
-  if (!CreateProcessW(application.c_str(), &commandLine[0], nullptr, nullptr, FALSE, 0, nullptr,
-                      nullptr, &startup, &started)) {
+  if (!CreateProcessW(application.c_str(), &commandLine[0], nullptr, nullptr, redirect ? TRUE : FALSE, 0,
+                      nullptr, nullptr, &startup, &started)) {
     return false;
   }
   CloseHandle(started.hThread);

@@ -1,0 +1,61 @@
+#include "effectcache/EffectIndex.h"
+
+#include <gtest/gtest.h>
+
+#include "support/MemoryDataStream.h"
+
+namespace Tovrel {
+namespace {
+
+using Testing::MemoryDataStream;
+
+EffectRecord RecordFor(const std::string& name, std::uint32_t size) {
+  return EffectRecord{7, static_cast<std::uint32_t>(name.size()), size, 1, CacheTimeStamp{2024, 5, 1, 9, 3, 7, 45},
+                      size / 3, 0};
+}
+
+TEST(EffectIndexTest, AnEntryReadsBackAsWritten) {
+  const std::string name = "shaders/glass.fx";
+  auto* memory = new MemoryDataStream(EffectIndex::EntrySize(name));
+  RefPtr<IDataStream> stream(memory);
+  ASSERT_TRUE(EffectIndex::WriteEntry(stream, name, RecordFor(name, 3000)));
+  RefPtr<IDataStream> in(new MemoryDataStream(memory->Bytes()));
+  std::string read;
+  EffectRecord record{};
+  ASSERT_TRUE(EffectIndex::ReadEntry(in, read, record));
+  EXPECT_EQ(read, name);
+  EXPECT_EQ(record.uncompressedSize, 3000u);
+  EXPECT_EQ(record.compressedSize, 1000u);
+  EXPECT_EQ(record.lastUsed, (CacheTimeStamp{2024, 5, 1, 9, 3, 7, 45}));
+}
+
+TEST(EffectIndexTest, OnlyANameOfTheRecordsLengthIsWritable) {
+  EXPECT_TRUE(EffectIndex::IsWritable("ab", RecordFor("ab", 1)));
+  EXPECT_FALSE(EffectIndex::IsWritable("", RecordFor("", 1)));
+  EXPECT_FALSE(EffectIndex::IsWritable("abc", RecordFor("ab", 1)));
+  EXPECT_EQ(EffectIndex::EntrySize("abc"), 44u + 8u + 3u);
+}
+
+TEST(EffectIndexTest, RecordsOutOfRangeAndShortStreamsAreRefused) {
+  for (const std::uint32_t size : {0u, 1048577u}) {
+    auto* memory = new MemoryDataStream(EffectIndex::EntrySize("ab"));
+    RefPtr<IDataStream> out(memory);
+    ASSERT_TRUE(EffectIndex::WriteEntry(out, "ab", RecordFor("ab", size)));
+    RefPtr<IDataStream> in(new MemoryDataStream(memory->Bytes()));
+    std::string name;
+    EffectRecord record{};
+    EXPECT_FALSE(EffectIndex::ReadEntry(in, name, record)) << size;
+  }
+  auto* memory = new MemoryDataStream(EffectIndex::EntrySize("ab"));
+  RefPtr<IDataStream> out(memory);
+  ASSERT_TRUE(EffectIndex::WriteEntry(out, "ab", RecordFor("ab", 10)));
+  std::vector<std::uint8_t> cut = memory->Bytes();
+  cut.pop_back();
+  RefPtr<IDataStream> in(new MemoryDataStream(cut));
+  std::string name;
+  EffectRecord record{};
+  EXPECT_FALSE(EffectIndex::ReadEntry(in, name, record));
+}
+
+}  // namespace
+}  // namespace Tovrel

@@ -1,0 +1,262 @@
+#include "EffectCommands.h"
+
+#include <map>
+#include <set>
+#include <vector>
+
+#include "CacheFile.h"
+#include "ExitStatus.h"
+#include "JsonWriter.h"
+#include "LocalFile.h"
+#include "ProgressReporter.h"
+#include "TextFormat.h"
+#include "ToolError.h"
+#include "VerifyReport.h"
+#include "effectcache/EffectIndex.h"
+#include "platform/WideText.h"
+#include "tovrel/EffectCacheSystem.h"
+
+namespace Tovrel {
+namespace Tool {
+
+namespace {
+
+// Totals of a cache's index, for stats.
+struct Totals {
+  std::uint64_t effects;
+  std::uint64_t permanent;
+  std::uint64_t uncompressed;
+  std::uint64_t compressed;
+  const CacheFile::Entry* oldest;
+  const CacheFile::Entry* newest;
+};
+
+Totals Sum(const CacheFile& cache) {
+  Totals t{cache.Entries().size(), 0, 0, 0, nullptr, nullptr};
+  for (const CacheFile::Entry& entry : cache.Entries()) {
+    t.permanent += entry.record.permanent != 0 ? 1 : 0;
+    t.uncompressed += entry.record.uncompressedSize;
+    t.compressed += entry.record.compressedSize;
+    if (t.oldest == nullptr || entry.record.lastUsed < t.oldest->record.lastUsed) t.oldest = &entry;
+    if (t.newest == nullptr || t.newest->record.lastUsed < entry.record.lastUsed) t.newest = &entry;
+  }
+  return t;
+}
+
+double RatioOf(std::uint64_t whole, std::uint64_t part) {
+  return part == 0 ? 0.0 : static_cast<double>(whole) / static_cast<double>(part);
+}
+
+void PrintListText(const CacheFile& cache, std::ostream& out) {
+  out << TextFormat::Right("SIZE", 9) << TextFormat::Right("STORED", 9) << "  P  " << TextFormat::Left("LAST USED", 25)
+      << "NAME\n";
+  for (const CacheFile::Entry& entry : cache.Entries()) {
+    out << TextFormat::Right(std::to_string(entry.record.uncompressedSize), 9)
+        << TextFormat::Right(std::to_string(entry.record.compressedSize), 9) << "  "
+        << (entry.record.permanent != 0 ? "p" : "-") << "  " << TextFormat::Left(TextFormat::Time(entry.record.lastUsed), 25)
+        << entry.name << "\n";
+  }
+}
+
+void PrintListJson(const CacheFile& cache, std::ostream& out) {
+  JsonWriter json(out);
+  json.BeginArray();
+  for (const CacheFile::Entry& entry : cache.Entries()) {
+    json.BeginObject().Field("name", entry.name).Field("size", entry.record.uncompressedSize);
+    json.Field("storedSize", entry.record.compressedSize).Field("permanent", entry.record.permanent != 0);
+    json.Field("lastUsed", TextFormat::Time(entry.record.lastUsed)).Field("stream", entry.record.streamId);
+    json.EndObject();
+  }
+  json.EndArray().Finish();
+}
+
+void PrintStatsText(const CacheFile& cache, const Totals& t, std::ostream& out) {
+  out << "cache file   " << cache.File().AbsoluteText() << ", " << TextFormat::Bytes(cache.FileSize()) << "\n"
+      << "effects      " << TextFormat::Count(t.effects) << " (" << TextFormat::Count(t.permanent) << " permanent)\n"
+      << "stored       " << TextFormat::Bytes(t.compressed) << " compressed\n"
+      << "effects      " << TextFormat::Bytes(t.uncompressed) << " uncompressed\n"
+      << "compression  " << TextFormat::Ratio(t.uncompressed, t.compressed) << "\n";
+  if (t.oldest != nullptr) {
+    out << "oldest used  " << TextFormat::Time(t.oldest->record.lastUsed) << "  " << t.oldest->name << "\n"
+        << "newest used  " << TextFormat::Time(t.newest->record.lastUsed) << "  " << t.newest->name << "\n";
+  }
+}
+
+void PrintStatsJson(const CacheFile& cache, const Totals& t, std::ostream& out) {
+  JsonWriter json(out);
+  json.BeginObject().Field("file", cache.File().AbsoluteText()).Field("fileBytes", cache.FileSize());
+  json.Field("effects", t.effects).Field("permanent", t.permanent).Field("storedBytes", t.compressed);
+  json.Field("effectBytes", t.uncompressed).Field("compressionRatio", RatioOf(t.uncompressed, t.compressed));
+  if (t.oldest != nullptr) {
+    json.Key("oldestUsed").BeginObject().Field("time", TextFormat::Time(t.oldest->record.lastUsed));
+    json.Field("name", t.oldest->name).EndObject();
+    json.Key("newestUsed").BeginObject().Field("time", TextFormat::Time(t.newest->record.lastUsed));
+    json.Field("name", t.newest->name).EndObject();
+  }
+  json.EndObject().Finish();
+}
+
+// Problems of the index as a whole: names twice, streams shared or owned
+// by no effect.
+void CheckStreamOwners(const CacheFile& cache, std::vector<std::string>& problems) {
+  std::map<std::uint64_t, const CacheFile::Entry*> owners;
+  std::set<std::string> names;
+  for (const CacheFile::Entry& entry : cache.Entries()) {
+    if (!names.insert(entry.name).second) problems.push_back("effect " + entry.name + ": named twice in the index");
+    const auto found = owners.emplace(entry.record.streamId, &entry);
+    if (!found.second) {
+      problems.push_back("effects " + found.first->second->name + " and " + entry.name + " share stream " +
+                         std::to_string(entry.record.streamId));
+    }
+  }
+  const PagedFilePackage& package = cache.Package();
+  for (std::uint64_t i = 0; i < package.GetNumberOfStreams(); ++i) {
+    const std::uint64_t id = package.GetStreamIdentifier(i);
+    if (id != cache.Header().indexStreamId && owners.count(id) == 0) {
+      problems.push_back("stream " + std::to_string(id) + " belongs to no effect");
+    }
+  }
+}
+
+void CheckEffects(const CacheFile& cache, const Console& console, std::vector<std::string>& problems) {
+  ProgressReporter progress(console, "checking effects", cache.Entries().size());
+  std::uint64_t done = 0;
+  for (const CacheFile::Entry& entry : cache.Entries()) {
+    Tab<unsigned char> data;
+    const EffectPayload::Result result = cache.Read(entry, data);
+    if (result != EffectPayload::Result::kOk) {
+      problems.push_back("effect " + entry.name + ": " + EffectPayload::Describe(result));
+    }
+    progress.Update(++done);
+  }
+}
+
+// Puts one effect through the library, as a host would; false when the
+// cache could not be used or saved.
+bool StoreThroughLibrary(const UserPath& folder, const std::string& name, const std::vector<unsigned char>& bytes,
+                         bool permanent) {
+  RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(WStr(folder.Absolute())));
+  if (!cache->IsEnabled()) return false;
+  if (!cache->CacheCompiledEffect(WStr(WideText::FromUtf8(name)), bytes.data(), bytes.size(), permanent)) {
+    throw ToolError(ExitStatus::kFailed, "effect names are 1 to 65,536 bytes of UTF-8, not \"" + name + "\"");
+  }
+  cache->ForceSaveToFile();
+  return cache->IsEnabled();
+}
+
+}  // namespace
+
+std::shared_ptr<CommandGroup> EffectCommands::Group() {
+  using Command = CommandGroup::Command;
+  std::vector<Command> commands;
+  commands.push_back(Command{"list", "FOLDER [--json]", "one line per stored effect",
+                             "For each effect stored in the folder's cache file, in the order of its index:\n"
+                             "its size, its stored (compressed) size, p when it is permanent, when it was\n"
+                             "last used and its name. Effects a host holds in memory are not in the file\n"
+                             "yet. --json writes a JSON array of the same.\n",
+                             {"--json"}, {}, 1, 1, &EffectCommands::List, nullptr});
+  commands.push_back(Command{"get", "FOLDER NAME [-o FILE]", "an effect's bytes",
+                             "Writes the effect's bytes, decompressed, to FILE (-o) or standard output.\n",
+                             {}, {"-o"}, 2, 2, &EffectCommands::Get, nullptr});
+  commands.push_back(Command{"put", "FOLDER NAME FILE [--permanent]", "store a file as an effect",
+                             "Stores FILE's bytes (1 byte to 1 MiB) as the effect NAME through the library's\n"
+                             "EffectCacheSystem, as a host would, and saves. A permanent effect is never\n"
+                             "trimmed. The folder must exist; a cache file is made if it has none. A cache\n"
+                             "file that cannot be read is left alone (the library would replace it).\n",
+                             {"--permanent"}, {}, 3, 3, &EffectCommands::Put, nullptr});
+  commands.push_back(Command{"stats", "FOLDER [--json]", "count, bytes, compression, oldest and newest use",
+                             "The number of effects, the bytes stored and the bytes of the effects, the\n"
+                             "compression ratio and the oldest and newest last use. --json: one object.\n",
+                             {"--json"}, {}, 1, 1, &EffectCommands::Stats, nullptr});
+  commands.push_back(Command{"verify", "FOLDER", "every effect decompresses to its recorded size",
+                             "Reads every effect of the index and checks that its stream holds what its\n"
+                             "record says and decompresses to its recorded size; also that no two effects\n"
+                             "share a name or a stream and that every stream belongs to an effect.\n"
+                             "Prints each problem found.\n\n"
+                             "exit status: 0 no problem, 1 problems found, 2 the cache cannot be read at all\n",
+                             {}, {}, 1, 1, &EffectCommands::Verify, nullptr});
+  return std::make_shared<CommandGroup>(
+      "tovrel effects", "Looks into an effect cache folder, and stores effects in it through the library.",
+      std::move(commands));
+}
+
+int EffectCommands::List(const CommandLine& line, Console& console) {
+  const CacheFile cache{UserPath(line.Positionals()[0])};
+  if (line.Has("--json")) {
+    PrintListJson(cache, console.Out());
+  } else {
+    PrintListText(cache, console.Out());
+  }
+  return ExitStatus::kOk;
+}
+
+int EffectCommands::Get(const CommandLine& line, Console& console) {
+  const std::string& name = line.Positionals()[1];
+  Tab<unsigned char> data;
+  {
+    const CacheFile cache{UserPath(line.Positionals()[0])};
+    const CacheFile::Entry* entry = cache.Find(name);
+    if (entry == nullptr) throw ToolError(ExitStatus::kFailed, line.Positionals()[0] + ": no effect " + name);
+    const EffectPayload::Result result = cache.Read(*entry, data);
+    if (result != EffectPayload::Result::kOk) {
+      throw ToolError(ExitStatus::kFailed, line.Positionals()[0] + ": effect " + name + ": " +
+                                               EffectPayload::Describe(result));
+    }
+  }
+  const auto size = static_cast<std::size_t>(data.Count());
+  if (line.HasValue("-o")) {
+    LocalFile::Write(UserPath(line.Value("-o", "")), data.Addr(0), size);
+  } else {
+    console.Out().write(reinterpret_cast<const char*>(data.Addr(0)), static_cast<std::streamsize>(size));
+    console.Out().flush();
+  }
+  return ExitStatus::kOk;
+}
+
+int EffectCommands::Put(const CommandLine& line, Console& console) {
+  const UserPath folder(line.Positionals()[0]);
+  const std::string& name = line.Positionals()[1];
+  const std::vector<unsigned char> bytes = LocalFile::Read(UserPath(line.Positionals()[2]), EffectIndex::kEffectSizeLimit);
+  if (bytes.empty()) throw ToolError(ExitStatus::kFailed, line.Positionals()[2] + ": empty; an effect holds 1 byte or more");
+  if (!folder.IsFolder()) throw ToolError(ExitStatus::kUnreadable, folder.Typed() + ": no such folder");
+  if (CacheFile::FileOf(folder).Exists()) {
+    const CacheFile check(folder);  // refuses a file the library would replace
+  }
+  if (!StoreThroughLibrary(folder, name, bytes, line.Has("--permanent"))) {
+    throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved");
+  }
+  const CacheFile cache(folder);
+  const CacheFile::Entry* stored = cache.Find(name);
+  if (stored == nullptr || stored->record.uncompressedSize != bytes.size()) {
+    throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the cache did not keep " + name +
+                                             " (too little disk space, or its size limit)");
+  }
+  console.Out() << "stored " << name << ": " << TextFormat::Bytes(bytes.size()) << ", "
+                << TextFormat::Count(stored->record.compressedSize) << " compressed ("
+                << TextFormat::Ratio(bytes.size(), stored->record.compressedSize) << ")"
+                << (stored->record.permanent != 0 ? ", permanent\n" : "\n");
+  return ExitStatus::kOk;
+}
+
+int EffectCommands::Stats(const CommandLine& line, Console& console) {
+  const CacheFile cache{UserPath(line.Positionals()[0])};
+  const Totals totals = Sum(cache);
+  if (line.Has("--json")) {
+    PrintStatsJson(cache, totals, console.Out());
+  } else {
+    PrintStatsText(cache, totals, console.Out());
+  }
+  return ExitStatus::kOk;
+}
+
+int EffectCommands::Verify(const CommandLine& line, Console& console) {
+  const std::string& name = line.Positionals()[0];
+  const CacheFile cache{UserPath(name)};
+  std::vector<std::string> problems;
+  CheckStreamOwners(cache, problems);
+  CheckEffects(cache, console, problems);
+  return VerifyReport::Print(console, name, problems, TextFormat::Count(cache.Entries().size()) + " effects");
+}
+
+}  // namespace Tool
+}  // namespace Tovrel

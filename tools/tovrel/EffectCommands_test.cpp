@@ -1,0 +1,281 @@
+#include "EffectCommands.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "ExitStatus.h"
+#include "effectcache/EffectCacheImpl.h"
+#include "host/AutoMutex.h"
+#include "host/MutexObject.h"
+#include "platform/WideText.h"
+#include "support/EffectTesting.h"
+#include "support/TempDir.h"
+#include "tool/PackagePatch.h"
+#include "tool/ToolTesting.h"
+#include "tovrel/EffectCacheSystem.h"
+
+namespace Tovrel {
+namespace Tool {
+namespace {
+
+namespace fs = std::filesystem;
+using Testing::EffectTesting;
+using Testing::PackagePatch;
+using Testing::TempDir;
+using Testing::ToolTesting;
+
+// A cache of six effects fx/0 .. fx/5 of 3,000 .. 3,005 bytes; fx/0 and
+// fx/5 are permanent.
+class EffectCommandsTest : public testing::Test {
+ protected:
+  void SetUp() override { ToolTesting::MakeCache(folder_, 6, 3000); }
+
+  ToolTesting::Result Run(const std::string& command, const std::vector<std::string>& more = {}) const {
+    return ToolTesting::RunOn("effects", command, folder_, more);
+  }
+  static std::string Expected(std::uint32_t i) {
+    const std::vector<unsigned char> bytes = EffectTesting::Bytes(i + 1, 3000 + i, true);
+    return std::string(bytes.begin(), bytes.end());
+  }
+  fs::path CacheFile() const { return folder_ / "norvaneFxoCache.dat"; }
+  std::uint64_t StreamOf(const std::string& name) const {
+    return EffectTesting::ReadIndex(WideText::FromUtf8(ToolTesting::Utf8(CacheFile()))).at(name).streamId;
+  }
+  // Damages the compressed bytes of one effect.
+  void DamageEffect(const std::string& name) const {
+    ToolTesting::FlipBytes(CacheFile(), ToolTesting::FileOffsetOf(CacheFile(), StreamOf(name), 40), 4);
+  }
+  void DamageHeader() const {
+    const PackagePatch patch(CacheFile());
+    ToolTesting::FlipBytes(CacheFile(), patch.UserDataLength() + 8, 4);  // the header block's tag
+  }
+
+  TempDir dir_;
+  fs::path folder_ = dir_.Path() / "fxcache";
+};
+
+TEST_F(EffectCommandsTest, ListShowsEveryStoredEffect) {
+  const ToolTesting::Result result = Run("list");
+  EXPECT_EQ(result.status, ExitStatus::kOk);
+  EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 7);
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "     3000")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "  p  ")) << result.out;
+  for (int i = 0; i < 6; ++i) EXPECT_TRUE(ToolTesting::Contains(result.out, " fx/" + std::to_string(i) + "\n"));
+}
+
+TEST_F(EffectCommandsTest, ListAsJsonGivesNameSizesAndPermanence) {
+  const ToolTesting::Result result = Run("list", {"--json"});
+  EXPECT_EQ(result.status, ExitStatus::kOk);
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"name\": \"fx/3\",\n    \"size\": 3003,")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"permanent\": true")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"permanent\": false")) << result.out;
+}
+
+TEST_F(EffectCommandsTest, GetWritesTheEffectsBytesToOutputOrAFile) {
+  const ToolTesting::Result toOutput = Run("get", {"fx/2"});
+  EXPECT_EQ(toOutput.status, ExitStatus::kOk);
+  EXPECT_EQ(toOutput.out, Expected(2));
+  const fs::path file = dir_.Path() / "fx2.bin";
+  const ToolTesting::Result toFile = Run("get", {"fx/2", "-o", ToolTesting::Utf8(file)});
+  EXPECT_EQ(toFile.status, ExitStatus::kOk);
+  EXPECT_EQ(toFile.out, "");
+  const std::vector<std::uint8_t> written = ToolTesting::ReadFile(file);
+  EXPECT_EQ(std::string(written.begin(), written.end()), Expected(2));
+}
+
+TEST_F(EffectCommandsTest, GetOfAnEffectThatIsNotThereFails) {
+  const ToolTesting::Result result = Run("get", {"fx/99"});
+  EXPECT_EQ(result.status, ExitStatus::kFailed);
+  EXPECT_TRUE(ToolTesting::Contains(result.err, "fxcache: no effect fx/99")) << result.err;
+}
+
+TEST_F(EffectCommandsTest, PutStoresAFileThroughTheLibrary) {
+  const fs::path file = dir_.Path() / "glass.bin";
+  const std::vector<unsigned char> bytes = EffectTesting::Bytes(42, 10000, true);
+  { std::ofstream(file, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), bytes.size()); }
+  const ToolTesting::Result result = Run("put", {"shaders/glass.fx", ToolTesting::Utf8(file), "--permanent"});
+  EXPECT_EQ(result.status, ExitStatus::kOk) << result.err;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "stored shaders/glass.fx: 10,000 bytes")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, ", permanent")) << result.out;
+  RefPtr<EffectCacheSystem> host(new EffectCacheSystem(WStr(WideText::FromUtf8(ToolTesting::Utf8(folder_)))));
+  Tab<unsigned char> found;
+  ASSERT_TRUE(host->SearchCachedEffects(WStr(L"shaders/glass.fx"), found));
+  EXPECT_EQ(EffectTesting::ToVector(found), bytes);
+  EXPECT_EQ(host->GetNumberOfEffectsInFile(), 7u);
+}
+
+TEST_F(EffectCommandsTest, PutIntoAFolderWithoutACacheStartsOne) {
+  const fs::path other = dir_.Path() / "new";
+  fs::create_directory(other);
+  const fs::path file = dir_.Path() / "one.bin";
+  { std::ofstream(file, std::ios::binary) << "x"; }
+  EXPECT_EQ(ToolTesting::Run({"effects", "put", ToolTesting::Utf8(other), "one", ToolTesting::Utf8(file)}).status,
+            ExitStatus::kOk);
+  const ToolTesting::Result got = ToolTesting::Run({"effects", "get", ToolTesting::Utf8(other), "one"});
+  EXPECT_EQ(got.out, "x");
+}
+
+TEST_F(EffectCommandsTest, PutRefusesFilesThatAreNoEffect) {
+  const fs::path empty = dir_.Path() / "empty.bin";
+  { std::ofstream touch(empty); }
+  const fs::path large = dir_.Path() / "large.bin";
+  fs::resize_file((std::ofstream(large).close(), large), 1048577);
+  EXPECT_EQ(Run("put", {"e", ToolTesting::Utf8(empty)}).status, ExitStatus::kFailed);
+  const ToolTesting::Result tooLarge = Run("put", {"l", ToolTesting::Utf8(large)});
+  EXPECT_EQ(tooLarge.status, ExitStatus::kFailed);
+  EXPECT_TRUE(ToolTesting::Contains(tooLarge.err, "large.bin: 1048577 bytes, more than 1048576")) << tooLarge.err;
+  EXPECT_EQ(Run("put", {"m", ToolTesting::Utf8(dir_.Path() / "missing.bin")}).status, ExitStatus::kFailed);
+  EXPECT_EQ(Run("list").out.find(" e\n"), std::string::npos);
+}
+
+TEST_F(EffectCommandsTest, PutLeavesADamagedCacheAlone) {
+  DamageHeader();
+  const std::vector<std::uint8_t> before = ToolTesting::ReadFile(CacheFile());
+  const fs::path file = dir_.Path() / "one.bin";
+  { std::ofstream(file, std::ios::binary) << "x"; }
+  const ToolTesting::Result result = Run("put", {"one", ToolTesting::Utf8(file)});
+  EXPECT_EQ(result.status, ExitStatus::kUnreadable);
+  EXPECT_TRUE(ToolTesting::Contains(result.err, "not a cache the library would load")) << result.err;
+  EXPECT_EQ(ToolTesting::ReadFile(CacheFile()), before);
+}
+
+TEST_F(EffectCommandsTest, StatsCountsBytesRatioAndUse) {
+  const ToolTesting::Result result = Run("stats");
+  EXPECT_EQ(result.status, ExitStatus::kOk);
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "effects      6 (2 permanent)")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "effects      18,015 bytes (17.6 KiB) uncompressed")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "compression  ")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "oldest used  ")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "newest used  ")) << result.out;
+  const ToolTesting::Result json = Run("stats", {"--json"});
+  EXPECT_TRUE(ToolTesting::Contains(json.out, "\"effects\": 6,\n  \"permanent\": 2,")) << json.out;
+  EXPECT_TRUE(ToolTesting::Contains(json.out, "\"effectBytes\": 18015,")) << json.out;
+}
+
+TEST_F(EffectCommandsTest, VerifyOfASoundCacheFindsNoProblem) {
+  const ToolTesting::Result result = Run("verify");
+  EXPECT_EQ(result.status, ExitStatus::kOk) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "fxcache: no problem found (6 effects)")) << result.out;
+}
+
+TEST_F(EffectCommandsTest, VerifyAndGetFindAnEffectWhoseBytesAreDamaged) {
+  DamageEffect("fx/4");
+  const ToolTesting::Result result = Run("verify");
+  EXPECT_EQ(result.status, ExitStatus::kFailed);
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "fxcache: effect fx/4: its compressed bytes are damaged")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "fxcache: 1 problem\n")) << result.out;
+  const ToolTesting::Result get = Run("get", {"fx/4"});
+  EXPECT_EQ(get.status, ExitStatus::kFailed);
+  EXPECT_TRUE(ToolTesting::Contains(get.err, "effect fx/4: its compressed bytes are damaged")) << get.err;
+  EXPECT_EQ(Run("get", {"fx/3"}).out, Expected(3));
+  EXPECT_EQ(Run("list").status, ExitStatus::kOk);
+  EXPECT_EQ(Run("stats").status, ExitStatus::kOk);
+}
+
+TEST_F(EffectCommandsTest, VerifyFindsRecordsThatDisagreeWithTheirStreams) {
+  const std::wstring file = WideText::FromUtf8(ToolTesting::Utf8(CacheFile()));
+  EffectTesting::PatchRecord(file, "fx/1", [](EffectRecord& r) { r.uncompressedSize += 1; });
+  EffectTesting::PatchRecord(file, "fx/2", [](EffectRecord& r) { r.compressedSize += 1; });
+  const ToolTesting::Result result = Run("verify");
+  EXPECT_EQ(result.status, ExitStatus::kFailed);
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "effect fx/1: it decompresses to another size than its record says"))
+      << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "effect fx/2: its stream's size differs from its record"))
+      << result.out;
+}
+
+TEST_F(EffectCommandsTest, VerifyFindsAStreamOfNoEffectAndAMissingStream) {
+  const std::uint64_t stray = ToolTesting::AddStream(CacheFile(), 100);
+  const std::wstring file = WideText::FromUtf8(ToolTesting::Utf8(CacheFile()));
+  EffectTesting::PatchRecord(file, "fx/3", [](EffectRecord& r) { r.streamId = 5000; });
+  const ToolTesting::Result result = Run("verify");
+  EXPECT_EQ(result.status, ExitStatus::kFailed);
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "stream " + std::to_string(stray) + " belongs to no effect"))
+      << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "effect fx/3: its stream is missing")) << result.out;
+}
+
+TEST_F(EffectCommandsTest, EveryCommandRefusesAMissingFolderOrCache) {
+  const fs::path empty = dir_.Path() / "empty";
+  fs::create_directory(empty);
+  for (const std::string command : {"list", "get", "stats", "verify"}) {
+    std::vector<std::string> words{"effects", command, ToolTesting::Utf8(dir_.Path() / "missing")};
+    if (command == "get") words.push_back("fx/1");
+    const ToolTesting::Result missing = ToolTesting::Run(words);
+    EXPECT_EQ(missing.status, ExitStatus::kUnreadable) << command;
+    EXPECT_TRUE(ToolTesting::Contains(missing.err, "missing: no such folder")) << missing.err;
+    words[2] = ToolTesting::Utf8(empty);
+    const ToolTesting::Result noCache = ToolTesting::Run(words);
+    EXPECT_EQ(noCache.status, ExitStatus::kUnreadable) << command;
+    EXPECT_TRUE(ToolTesting::Contains(noCache.err, "empty: no effect cache here")) << noCache.err;
+  }
+  EXPECT_TRUE(fs::is_empty(empty));
+  const fs::path file = dir_.Path() / "one.bin";
+  { std::ofstream(file, std::ios::binary) << "x"; }
+  const ToolTesting::Result put =
+      ToolTesting::Run({"effects", "put", ToolTesting::Utf8(dir_.Path() / "missing"), "one", ToolTesting::Utf8(file)});
+  EXPECT_EQ(put.status, ExitStatus::kUnreadable);
+  EXPECT_FALSE(fs::exists(dir_.Path() / "missing"));
+}
+
+TEST_F(EffectCommandsTest, EveryReadingCommandRefusesACacheWithADamagedHeader) {
+  DamageHeader();
+  for (const std::string command : {"list", "get", "stats", "verify"}) {
+    const ToolTesting::Result result = Run(command, command == "get" ? std::vector<std::string>{"fx/1"}
+                                                                      : std::vector<std::string>{});
+    EXPECT_EQ(result.status, ExitStatus::kUnreadable) << command;
+    EXPECT_TRUE(ToolTesting::Contains(result.err, "norvaneFxoCache.dat: not a cache the library would load: no "
+                                                  "header block"))
+        << result.err;
+  }
+}
+
+TEST_F(EffectCommandsTest, ACacheFileThatIsNoPackageIsUnreadable) {
+  ToolTesting::FlipBytes(CacheFile(), 0, 8);
+  const ToolTesting::Result result = Run("verify");
+  EXPECT_EQ(result.status, ExitStatus::kUnreadable);
+  EXPECT_TRUE(ToolTesting::Contains(result.err, "norvaneFxoCache.dat: not a package")) << result.err;
+}
+
+TEST_F(EffectCommandsTest, ReadingWaitsForTheCachesNamedMutex) {
+  const WStr path = EffectCacheImpl::CacheFilePathFor(WStr(WideText::FromUtf8(ToolTesting::Utf8(folder_))));
+  NorvaneSDK::Util::MutexObject mutex(EffectCacheImpl::FileMutexName(path.data()).c_str());
+  std::atomic<bool> done{false};
+  ToolTesting::Result result{};
+  std::thread reader;
+  {
+    NorvaneSDK::Util::AutoMutex hold(mutex);
+    ASSERT_TRUE(hold.IsOwner());
+    reader = std::thread([&]() {
+      result = Run("list");
+      done = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_FALSE(done.load());
+  }
+  reader.join();
+  EXPECT_TRUE(done.load());
+  EXPECT_EQ(result.status, ExitStatus::kOk);
+}
+
+TEST_F(EffectCommandsTest, HelpAtEveryLevel) {
+  const ToolTesting::Result group = ToolTesting::Run({"effects", "-h"});
+  EXPECT_EQ(group.status, ExitStatus::kOk);
+  for (const char* command : {"list", "get", "put", "stats", "verify"}) {
+    EXPECT_TRUE(ToolTesting::Contains(group.out, std::string("\n  ") + command + " ")) << command;
+    const ToolTesting::Result leaf = ToolTesting::Run({"effects", command, "--help"});
+    EXPECT_EQ(leaf.status, ExitStatus::kOk);
+    EXPECT_TRUE(ToolTesting::Contains(leaf.out, std::string("usage: tovrel effects ") + command)) << leaf.out;
+  }
+  EXPECT_EQ(ToolTesting::Run({"effects", "get", "folder"}).status, ExitStatus::kUsage);
+}
+
+}  // namespace
+}  // namespace Tool
+}  // namespace Tovrel

@@ -1,0 +1,58 @@
+#include "LockedPackage.h"
+
+#include <cstring>
+
+#include "ExitStatus.h"
+#include "ToolError.h"
+#include "effectcache/EffectCacheImpl.h"
+#include "pagefile/FileDataCorruptException.h"
+#include "pagefile/FileIOException.h"
+#include "pagefile/InvalidParameterException.h"
+#include "tovrel/FilePackage.h"
+
+namespace Tovrel {
+namespace Tool {
+
+using NorvaneSDK::Util::AutoMutex;
+using NorvaneSDK::Util::MutexObject;
+
+LockedPackage::LockedPackage(const UserPath& file, std::uint64_t streamLimit) : file_(file), fileSize_(0) {
+  const std::string& name = file.Typed();
+  mutex_.reset(new MutexObject(EffectCacheImpl::FileMutexName(file.Absolute()).c_str()));
+  hold_.reset(new AutoMutex(*mutex_));
+  if (!hold_->IsOwner()) throw ToolError(ExitStatus::kUnreadable, name + ": the cache's named mutex cannot be taken");
+  if (file.IsFolder()) throw ToolError(ExitStatus::kUnreadable, name + ": is a folder, not a package file");
+  if (!file.IsFile()) throw ToolError(ExitStatus::kUnreadable, name + ": no such file");
+  fileSize_ = file.FileSize();
+  if (fileSize_ == 0) throw ToolError(ExitStatus::kUnreadable, name + ": empty file, not a package");
+  const PagedFilePackageConfig config{file.Absolute().c_str(), kCachePages, streamLimit};
+  RefPtr<IDataStreamSet> opened = OpenFilePackage(config);
+  package_ = RefPtr<PagedFilePackage>(dynamic_cast<PagedFilePackage*>(opened.Get()));
+  if (!package_) throw ToolError(ExitStatus::kUnreadable, name + ": " + WhyUnreadable(config));
+}
+
+LockedPackage::~LockedPackage() {
+  package_.Reset();
+  hold_.reset();
+}
+
+std::string LockedPackage::WhyUnreadable(const PagedFilePackageConfig& config) const {
+  RefPtr<PagedFilePackage> probe(new PagedFilePackage(config));
+  std::string reason = "not a package: its head chain does not hold together";
+  try {
+    if (probe->Load()) reason = "not a package (it did not open, though its tables read)";
+  } catch (const FileDataCorruptException&) {
+    reason = "not a package, or a damaged one: its head chain or its tables break the package format";
+  } catch (const InvalidParameterException&) {
+    reason = "not a package, or a damaged one: a table holds a value out of range";
+  } catch (const FileIOException& e) {
+    reason = std::string("cannot be read: ") + (e.errorCode != 0 ? std::strerror(e.errorCode) : "short read");
+  } catch (const std::exception& e) {
+    reason = std::string("cannot be read: ") + e.what();
+  }
+  probe->Close();
+  return reason;
+}
+
+}  // namespace Tool
+}  // namespace Tovrel

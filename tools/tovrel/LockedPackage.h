@@ -1,0 +1,67 @@
+// LockedPackage: a package file opened for the tool to read, under the
+// named mutex that the effect cache takes for that file.
+//
+// The mutex is named as EffectCacheImpl names it for a cache file of that
+// path, so while the tool reads a cache file no host process saves into
+// it, whichever way the tool reached the file (a package command or an
+// effects command). For any other package the mutex is simply one no
+// host takes. The package is opened with OpenFilePackage while the mutex
+// is held, and let go before the mutex is; reading never marks it
+// modified, so the tool writes nothing to the file.
+//
+// A missing file is refused before OpenFilePackage is asked (which would
+// leave an empty file behind). A file that does not open as a package is
+// refused with the reason the package's loader gives.
+//
+// Owned by the command that reads, for the length of its reading.
+// Thread-safety: none; the mutex belongs to the thread that made it.
+#ifndef TOVREL_TOOL_LOCKEDPACKAGE_H
+#define TOVREL_TOOL_LOCKEDPACKAGE_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "UserPath.h"
+#include "host/AutoMutex.h"
+#include "host/MutexObject.h"
+#include "host/RefPtr.h"
+#include "package/PagedFilePackage.h"
+
+namespace Tovrel {
+namespace Tool {
+
+class LockedPackage {
+ public:
+  static constexpr std::uint64_t kCachePages = 64;
+  // The stream limit for packages in general: as high as a package's
+  // tables allow, so that any package the library wrote opens.
+  static constexpr std::uint64_t kAnyStreamLimit = 0xFFFFFF;
+
+  // Holds the mutex of `file`, then opens it. ToolError (unreadable) when
+  // the file is missing, is a folder, or is not a package.
+  LockedPackage(const UserPath& file, std::uint64_t streamLimit);
+  ~LockedPackage();
+  LockedPackage(const LockedPackage&) = delete;
+  LockedPackage& operator=(const LockedPackage&) = delete;
+
+  PagedFilePackage& Package() const { return *package_; }
+  const UserPath& File() const { return file_; }
+  // The file's size when it was opened.
+  std::uint64_t FileSize() const { return fileSize_; }
+
+ private:
+  // Why the package does not open, in words, with the mutex still held.
+  std::string WhyUnreadable(const PagedFilePackageConfig& config) const;
+
+  UserPath file_;
+  std::uint64_t fileSize_;
+  std::unique_ptr<NorvaneSDK::Util::MutexObject> mutex_;  // never null
+  std::unique_ptr<NorvaneSDK::Util::AutoMutex> hold_;     // held for the object's life
+  RefPtr<PagedFilePackage> package_;                      // never null after construction
+};
+
+}  // namespace Tool
+}  // namespace Tovrel
+
+#endif

@@ -1,0 +1,152 @@
+#include "PackageCommands.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+
+#include "ExitStatus.h"
+#include "support/PackageTesting.h"
+#include "support/TempDir.h"
+#include "tool/ToolTesting.h"
+
+namespace Tovrel {
+namespace Tool {
+namespace {
+
+using Testing::PackageTesting;
+using Testing::TempDir;
+using Testing::ToolTesting;
+
+// Streams of 1 byte, one whole page, a page and a byte, and 20,000 bytes,
+// with 40 bytes of user data.
+class PackageCommandsTest : public testing::Test {
+ protected:
+  void SetUp() override { ids_ = ToolTesting::MakePackage(file_, {1, 8192, 8193, 20000}, 40); }
+
+  ToolTesting::Result Run(const std::string& command, const std::vector<std::string>& more = {}) const {
+    return ToolTesting::RunOn("package", command, file_, more);
+  }
+
+  TempDir dir_;
+  std::filesystem::path file_ = dir_.Path() / "good.pkg";
+  std::vector<std::uint64_t> ids_;
+};
+
+TEST_F(PackageCommandsTest, InfoReportsTheFilesSizesAndCounts) {
+  const ToolTesting::Result result = Run("info");
+  EXPECT_EQ(result.status, ExitStatus::kOk);
+  EXPECT_EQ(result.err, "");
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "streams      4, holding 36,386 bytes")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "child files  1 of 64 KiB, 3,618 bytes used")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "user data    40 bytes")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "on 1 page\n")) << result.out;
+}
+
+TEST_F(PackageCommandsTest, InfoAsJsonHoldsTheSameFigures) {
+  const ToolTesting::Result result = Run("info", {"--json"});
+  EXPECT_EQ(result.status, ExitStatus::kOk);
+  EXPECT_EQ(result.out.front(), '{');
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"count\": 4,\n    \"bytes\": 36386")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"usedBytes\": 3618")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"userDataBytes\": 40\n}\n")) << result.out;
+}
+
+TEST_F(PackageCommandsTest, LsShowsOneLinePerStreamWithItsTail) {
+  const ToolTesting::Result result = Run("ls");
+  EXPECT_EQ(result.status, ExitStatus::kOk);
+  EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 5);
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "       1         8192       1")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "child 0 at 0, 1 bytes")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "child 0 at 1, 1 bytes")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "       3        20000       2")) << result.out;
+}
+
+TEST_F(PackageCommandsTest, LsAsJsonListsEveryStream) {
+  const ToolTesting::Result result = Run("ls", {"--json"});
+  EXPECT_EQ(result.status, ExitStatus::kOk);
+  EXPECT_EQ(result.out.front(), '[');
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"id\": 3,\n    \"size\": 20000,\n    \"wholePages\": 2")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"tail\": {}")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"offset\": 2,\n      \"size\": 3616")) << result.out;
+}
+
+TEST_F(PackageCommandsTest, CatWritesAStreamsBytesExactly) {
+  const ToolTesting::Result result = Run("cat", {std::to_string(ids_[3])});
+  EXPECT_EQ(result.status, ExitStatus::kOk);
+  const std::vector<std::uint8_t> expected = PackageTesting::Bytes(20000, 4);
+  EXPECT_EQ(result.out, std::string(expected.begin(), expected.end()));
+}
+
+TEST_F(PackageCommandsTest, CatOfAStreamThatIsNotThereFails) {
+  const ToolTesting::Result result = Run("cat", {"9"});
+  EXPECT_EQ(result.status, ExitStatus::kFailed);
+  EXPECT_EQ(result.out, "");
+  EXPECT_TRUE(ToolTesting::Contains(result.err, "good.pkg: stream 9: no such stream")) << result.err;
+  EXPECT_EQ(Run("cat", {"x"}).status, ExitStatus::kUsage);
+}
+
+TEST_F(PackageCommandsTest, VerifyOfASoundPackageFindsNoProblem) {
+  const ToolTesting::Result result = Run("verify");
+  EXPECT_EQ(result.status, ExitStatus::kOk);
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "good.pkg: no problem found (")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "36,386 bytes read")) << result.out;
+}
+
+TEST_F(PackageCommandsTest, EveryCommandRefusesAMissingFileWithoutMakingIt) {
+  const std::filesystem::path missing = dir_.Path() / "missing.pkg";
+  for (const std::string command : {"info", "ls", "cat", "verify"}) {
+    std::vector<std::string> words{"package", command, ToolTesting::Utf8(missing)};
+    if (command == "cat") words.push_back("0");
+    const ToolTesting::Result result = ToolTesting::Run(words);
+    EXPECT_EQ(result.status, ExitStatus::kUnreadable) << command;
+    EXPECT_TRUE(ToolTesting::Contains(result.err, "missing.pkg: no such file")) << result.err;
+    EXPECT_EQ(result.out, "");
+    EXPECT_FALSE(std::filesystem::exists(missing)) << command;
+  }
+}
+
+TEST_F(PackageCommandsTest, EveryCommandRefusesAFileWhoseHeadIsDamaged) {
+  ToolTesting::FlipBytes(file_, 0, 8);  // the head chain's page count
+  for (const std::string command : {"info", "ls", "cat", "verify"}) {
+    const ToolTesting::Result result = Run(command, command == "cat" ? std::vector<std::string>{"0"}
+                                                                      : std::vector<std::string>{});
+    EXPECT_EQ(result.status, ExitStatus::kUnreadable) << command;
+    EXPECT_TRUE(ToolTesting::Contains(result.err, "good.pkg: not a package")) << result.err;
+  }
+}
+
+TEST_F(PackageCommandsTest, AFolderOrAnEmptyFileIsNoPackage) {
+  EXPECT_TRUE(ToolTesting::Contains(ToolTesting::Run({"package", "info", ToolTesting::Utf8(dir_.Path())}).err,
+                                    "is a folder, not a package file"));
+  const std::filesystem::path empty = dir_.Path() / "empty.pkg";
+  { std::ofstream touch(empty); }
+  const ToolTesting::Result result = ToolTesting::Run({"package", "verify", ToolTesting::Utf8(empty)});
+  EXPECT_EQ(result.status, ExitStatus::kUnreadable);
+  EXPECT_TRUE(ToolTesting::Contains(result.err, "empty.pkg: empty file")) << result.err;
+}
+
+TEST_F(PackageCommandsTest, AWrongCommandLineIsAUsageError) {
+  EXPECT_EQ(ToolTesting::Run({"package", "info"}).status, ExitStatus::kUsage);
+  EXPECT_EQ(ToolTesting::Run({"package", "info", "a", "b"}).status, ExitStatus::kUsage);
+  EXPECT_EQ(ToolTesting::Run({"package", "frob", "a"}).status, ExitStatus::kUsage);
+  EXPECT_EQ(ToolTesting::Run({"package", "ls", "a", "--long"}).status, ExitStatus::kUsage);
+  EXPECT_EQ(ToolTesting::Run({"package"}).status, ExitStatus::kUsage);
+}
+
+TEST_F(PackageCommandsTest, HelpAtEveryLevel) {
+  const ToolTesting::Result group = ToolTesting::Run({"package", "--help"});
+  EXPECT_EQ(group.status, ExitStatus::kOk);
+  for (const char* command : {"info", "ls", "cat", "verify"}) {
+    EXPECT_TRUE(ToolTesting::Contains(group.out, std::string("\n  ") + command + " ")) << command;
+    const ToolTesting::Result leaf = ToolTesting::Run({"package", command, "--help"});
+    EXPECT_EQ(leaf.status, ExitStatus::kOk);
+    EXPECT_TRUE(ToolTesting::Contains(leaf.out, std::string("usage: tovrel package ") + command)) << leaf.out;
+  }
+  EXPECT_TRUE(ToolTesting::Contains(ToolTesting::Run({"package", "verify", "-h"}).out, "exit status: 0"));
+}
+
+}  // namespace
+}  // namespace Tool
+}  // namespace Tovrel

@@ -1,0 +1,46 @@
+#include "TextFormat.h"
+
+#include <gtest/gtest.h>
+
+namespace Tovrel {
+namespace Tool {
+namespace {
+
+TEST(TextFormatTest, GroupsDigitsByThousands) {
+  EXPECT_EQ(TextFormat::Count(0), "0");
+  EXPECT_EQ(TextFormat::Count(999), "999");
+  EXPECT_EQ(TextFormat::Count(1000), "1,000");
+  EXPECT_EQ(TextFormat::Count(35212288), "35,212,288");
+}
+
+TEST(TextFormatTest, SizesInBinaryUnits) {
+  EXPECT_EQ(TextFormat::Size(512), "512 B");
+  EXPECT_EQ(TextFormat::Size(2048), "2.0 KiB");
+  EXPECT_EQ(TextFormat::Size(35212288), "33.6 MiB");
+  EXPECT_EQ(TextFormat::Bytes(1), "1 byte");
+  EXPECT_EQ(TextFormat::Bytes(1023), "1,023 bytes");
+  EXPECT_EQ(TextFormat::Bytes(1536), "1,536 bytes (1.5 KiB)");
+}
+
+TEST(TextFormatTest, RatiosAndPercentsWithoutADivisorAreADash) {
+  EXPECT_EQ(TextFormat::Ratio(303, 100), "3.03:1");
+  EXPECT_EQ(TextFormat::Ratio(5, 0), "-");
+  EXPECT_EQ(TextFormat::Percent(1, 8), "12.5 %");
+  EXPECT_EQ(TextFormat::Percent(1, 0), "-");
+}
+
+TEST(TextFormatTest, SecondsAndTimeStamps) {
+  EXPECT_EQ(TextFormat::Seconds(0.31), "310 ms");
+  EXPECT_EQ(TextFormat::Seconds(7.414), "7.41 s");
+  EXPECT_EQ(TextFormat::Time(CacheTimeStamp{2024, 5, 1, 9, 3, 7, 45}), "2024-05-01 09:03:07.045");
+}
+
+TEST(TextFormatTest, PadsToAWidth) {
+  EXPECT_EQ(TextFormat::Right("12", 5), "   12");
+  EXPECT_EQ(TextFormat::Left("ab", 4), "ab  ");
+  EXPECT_EQ(TextFormat::Right("123456", 3), "123456");
+}
+
+}  // namespace
+}  // namespace Tool
+}  // namespace Tovrel

@@ -1,0 +1,47 @@
+#include "TovrelTool.h"
+
+#include <new>
+
+#include "DemoCommand.h"
+#include "EffectCommands.h"
+#include "ExitStatus.h"
+#include "PackageCommands.h"
+#include "ToolError.h"
+
+namespace Tovrel {
+namespace Tool {
+
+std::shared_ptr<CommandGroup> TovrelTool::Commands() {
+  using Command = CommandGroup::Command;
+  std::vector<Command> commands;
+  commands.push_back(DemoCommand::Describe());
+  commands.push_back(Command{"package", "COMMAND ...", "look into a package file: info, ls, cat, verify", "", {}, {},
+                             0, 0, nullptr, PackageCommands::Group()});
+  commands.push_back(Command{"effects", "COMMAND ...", "an effect cache folder: list, get, put, stats, verify", "",
+                             {}, {}, 0, 0, nullptr, EffectCommands::Group()});
+  return std::make_shared<CommandGroup>(
+      "tovrel",
+      "Looks into Tovrel package files and effect cache folders, and plays a host\n"
+      "that uses an effect cache (demo).\n\n"
+      "exit status: 0 done; 1 problems found (verify) or the command failed;\n"
+      "2 the file cannot be read at all; 3 the command line is wrong",
+      std::move(commands));
+}
+
+int TovrelTool::Run(const std::vector<std::string>& words, Console& console) {
+  try {
+    return Commands()->Run(words, console);
+  } catch (const ToolError& e) {
+    console.Err() << "tovrel: " << e.what() << "\n";
+    if (e.Status() == ExitStatus::kUsage) console.Err() << "(\"tovrel --help\" lists the commands)\n";
+    return e.Status();
+  } catch (const std::bad_alloc&) {
+    console.Err() << "tovrel: out of memory\n";
+  } catch (const std::exception& e) {
+    console.Err() << "tovrel: " << e.what() << "\n";
+  }
+  return ExitStatus::kFailed;
+}
+
+}  // namespace Tool
+}  // namespace Tovrel

@@ -1,0 +1,21 @@
+#include "VerifyReport.h"
+
+#include "ExitStatus.h"
+
+namespace Tovrel {
+namespace Tool {
+
+int VerifyReport::Print(const Console& console, const std::string& name, const std::vector<std::string>& problems,
+                        const std::string& checked) {
+  std::ostream& out = console.Out();
+  for (const std::string& problem : problems) out << name << ": " << problem << "\n";
+  if (problems.empty()) {
+    out << name << ": no problem found (" << checked << ")\n";
+    return ExitStatus::kOk;
+  }
+  out << name << ": " << problems.size() << (problems.size() == 1 ? " problem\n" : " problems\n");
+  return ExitStatus::kFailed;
+}
+
+}  // namespace Tool
+}  // namespace Tovrel

@@ -1,0 +1,26 @@
+// VerifyReport: how the tool's verify commands end: one line per problem
+// found, each after the name of what was checked, then a closing line,
+// and the exit status (0 no problem, 1 problems found).
+// Stateless; thread-safety: one command at a time.
+#ifndef TOVREL_TOOL_VERIFYREPORT_H
+#define TOVREL_TOOL_VERIFYREPORT_H
+
+#include <string>
+#include <vector>
+
+#include "Console.h"
+
+namespace Tovrel {
+namespace Tool {
+
+class VerifyReport {
+ public:
+  // `checked` says what a clean check covered: "44 pages, 51 streams".
+  static int Print(const Console& console, const std::string& name, const std::vector<std::string>& problems,
+                   const std::string& checked);
+};
+
+}  // namespace Tool
+}  // namespace Tovrel
+
+#endif
