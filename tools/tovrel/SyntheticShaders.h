@@ -28,7 +28,7 @@ namespace Tool {
 class SyntheticShaders {
  public:
   static constexpr std::uint32_t kDefaultSeed = 20091030;
-  static constexpr std::uint64_t kDefaultWorkRounds = 2000000;
+  static constexpr std::uint64_t kDefaultWorkRounds = 1300000;
   static constexpr std::size_t kSmallest = 2048;
   static constexpr std::size_t kLargest = 65536;
 
