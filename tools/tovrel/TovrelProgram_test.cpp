@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "ExitStatus.h"
+#include "support/EffectTesting.h"
 #include "support/PackageTesting.h"
 #include "support/TempDir.h"
 #include "tool/PackagePatch.h"
@@ -18,6 +19,7 @@ namespace Tool {
 namespace {
 
 namespace fs = std::filesystem;
+using Testing::EffectTesting;
 using Testing::PackagePatch;
 using Testing::PackageTesting;
 using Testing::TempDir;
@@ -86,6 +88,83 @@ TEST(TovrelProgramTest, EffectsPutThenGetGiveBackTheBytes) {
   EXPECT_EQ(get.out, std::string(bytes.begin(), bytes.end()));
   const ToolTesting::Result list = ToolTesting::RunProgram({"effects", "list", ToolTesting::Utf8(folder)}, dir.Path());
   EXPECT_TRUE(ToolTesting::Contains(list.out, " fx/\xC3\xA9t\xC3\xA9\n")) << list.out;
+}
+
+// One subcommand run as a process on a sound file, on a copy whose first
+// bytes (the head chain's page count) are flipped, and on a missing one.
+struct Case {
+  std::vector<std::string> words;  // the target's place is "@"
+  bool onCache;                    // the target is a cache folder, not a package file
+  std::string goodOut;             // what standard output holds on the sound target
+};
+
+std::vector<std::string> WordsFor(const Case& c, const std::string& target) {
+  std::vector<std::string> words = c.words;
+  for (std::string& word : words) {
+    if (word == "@") word = target;
+  }
+  return words;
+}
+
+TEST(TovrelProgramTest, EverySubcommandOnASoundACorruptedAndAMissingFile) {
+  TempDir dir;
+  const fs::path good = dir.Path() / "good";
+  const fs::path bad = dir.Path() / "bad";
+  fs::create_directories(good);
+  ToolTesting::MakePackage(good / "p.pkg", {100, 30000});
+  ToolTesting::MakeCache(good / "fx", 6, 3000);
+  fs::copy(good, bad, fs::copy_options::recursive);
+  ToolTesting::FlipBytes(bad / "p.pkg", 0, 8);
+  ToolTesting::FlipBytes(bad / "fx" / "norvaneFxoCache.dat", 0, 8);
+  const fs::path input = dir.Path() / "in.bin";
+  { std::ofstream(input, std::ios::binary) << "an effect"; }
+  const std::vector<std::uint8_t> stream = PackageTesting::Bytes(30000, 2);
+  const std::vector<unsigned char> effect = EffectTesting::Bytes(2, 3001, true);
+
+  const std::vector<Case> cases{
+      {{"package", "info", "@"}, false, "streams      2, holding 30,100 bytes"},
+      {{"package", "info", "--json", "@"}, false, "\"count\": 2"},
+      {{"package", "ls", "@"}, false, "       1        30000       3"},
+      {{"package", "ls", "--json", "@"}, false, "\"size\": 30000"},
+      {{"package", "cat", "@", "1"}, false, std::string(stream.begin(), stream.end())},
+      {{"package", "verify", "@"}, false, "p.pkg: no problem found"},
+      {{"effects", "list", "@"}, true, " fx/5\n"},
+      {{"effects", "list", "--json", "@"}, true, "\"name\": \"fx/5\""},
+      {{"effects", "get", "@", "fx/1"}, true, std::string(effect.begin(), effect.end())},
+      {{"effects", "stats", "@"}, true, "effects      6 (2 permanent)"},
+      {{"effects", "stats", "--json", "@"}, true, "\"effects\": 6"},
+      {{"effects", "verify", "@"}, true, "fx: no problem found (6 effects)"},
+      {{"effects", "put", "@", "fx/new", ToolTesting::Utf8(input)}, true, ""},
+  };
+  for (const Case& c : cases) {
+    const std::string target = c.onCache ? "fx" : "p.pkg";
+    const std::string what = c.words[0] + " " + c.words[1] + (c.words[2] == "--json" ? " --json" : "");
+
+    const ToolTesting::Result sound = ToolTesting::RunProgram(WordsFor(c, ToolTesting::Utf8(good / target)), dir.Path());
+    EXPECT_EQ(sound.status, ExitStatus::kOk) << what << ": " << sound.err;
+    EXPECT_EQ(sound.err, "") << what;
+    EXPECT_TRUE(ToolTesting::Contains(sound.out, c.goodOut)) << what << ": " << sound.out;
+
+    const fs::path damagedFile = c.onCache ? bad / "fx" / "norvaneFxoCache.dat" : bad / "p.pkg";
+    const std::vector<std::uint8_t> before = ToolTesting::ReadFile(damagedFile);
+    const ToolTesting::Result damaged = ToolTesting::RunProgram(WordsFor(c, ToolTesting::Utf8(bad / target)), dir.Path());
+    EXPECT_EQ(damaged.status, ExitStatus::kUnreadable) << what;
+    EXPECT_EQ(damaged.out, "") << what;
+    const std::string named = c.onCache ? "norvaneFxoCache.dat: not a package" : "p.pkg: not a package";
+    EXPECT_TRUE(ToolTesting::Contains(damaged.err, named)) << what << ": " << damaged.err;
+    EXPECT_EQ(ToolTesting::ReadFile(damagedFile), before) << what << " changed the damaged file";
+
+    const fs::path missing = dir.Path() / "missing" / target;
+    const ToolTesting::Result gone = ToolTesting::RunProgram(WordsFor(c, ToolTesting::Utf8(missing)), dir.Path());
+    EXPECT_EQ(gone.status, ExitStatus::kUnreadable) << what;
+    EXPECT_EQ(gone.out, "") << what;
+    const std::string why = c.onCache ? "fx: no such folder" : "p.pkg: no such file";
+    EXPECT_TRUE(ToolTesting::Contains(gone.err, why)) << what << ": " << gone.err;
+    EXPECT_FALSE(fs::exists(missing)) << what;
+  }
+  const ToolTesting::Result afterPut =
+      ToolTesting::RunProgram({"effects", "get", ToolTesting::Utf8(good / "fx"), "fx/new"}, dir.Path());
+  EXPECT_EQ(afterPut.out, "an effect");
 }
 
 TEST(TovrelProgramTest, TheDemoRunsColdThenWarmAsTwoProcesses) {
