@@ -55,6 +55,18 @@ TEST(DemoCommandTest, BothRunsReportTheSameBytesOfEffects) {
   EXPECT_FALSE(bytesOf(cold.out).empty());
 }
 
+TEST(DemoCommandTest, TheSpeedUpLineRepeatsTheWallTimesOfBothRuns) {
+  TempDir dir;
+  const ToolTesting::Result cold = Demo(dir.Path());
+  const ToolTesting::Result warm = Demo(dir.Path());
+  const auto wallTimeOf = [](const std::string& out) {
+    const std::size_t at = out.find("wall time:  ") + 12;
+    return out.substr(at, out.find('\n', at) - at);
+  };
+  const std::string speedUp = "(" + wallTimeOf(cold.out) + " -> " + wallTimeOf(warm.out) + ")\n";
+  EXPECT_TRUE(ToolTesting::Contains(warm.out, speedUp)) << speedUp << " in\n" << warm.out;
+}
+
 TEST(DemoCommandTest, MoreEffectsThanCachedMakeAPartlyWarmRun) {
   TempDir dir;
   Demo(dir.Path(), "10");
