@@ -28,7 +28,7 @@ struct Outcome {
   std::uint64_t misses;
   std::uint64_t wrong;  // found, but not of the size the shader has
   std::uint64_t bytes;  // of the effects found or compiled
-  double seconds;
+  std::uint64_t wallMilliseconds;  // the one measure of its time, printed and recorded alike
 };
 
 UserPath PrepareFolder(const CommandLine& line) {
@@ -65,7 +65,8 @@ Outcome PlayHost(const UserPath& folder, const SyntheticShaders& shaders, std::u
   }
   progress.Finish();
   cache.Reset();
-  outcome.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  outcome.wallMilliseconds = static_cast<std::uint64_t>(
+      std::chrono::duration_cast<std::chrono::duration<double, std::milli>>(Clock::now() - start).count() + 0.5);
   return outcome;
 }
 
@@ -84,19 +85,17 @@ void Report(const DemoHistory::Run& run, const Outcome& outcome, const CacheFile
       << TextFormat::Count(outcome.misses) << " misses, " << TextFormat::Bytes(outcome.bytes) << " of effects\n"
       << "  cache file: " << TextFormat::Count(cache.Entries().size()) << " effects, "
       << TextFormat::Bytes(stored) << " stored, compression ratio " << TextFormat::Ratio(uncompressed, stored) << "\n"
-      << "  wall time:  " << TextFormat::Seconds(run.wallMilliseconds / 1000.0) << "\n";
+      << "  wall time:  " << TextFormat::Seconds(run.WallSeconds()) << "\n";
   if (outcome.wrong != 0) out << "  " << outcome.wrong << " effects came back with the wrong size\n";
 }
 
-// Both runs' times are the milliseconds the folder records, so that the
-// figures printed here agree with those printed for each run.
 void ReportSpeedUp(const DemoHistory& history, const DemoHistory::Run& run, std::ostream& out) {
   const DemoHistory::Run* cold = history.LastColdRun(run.effects);
   if (run.IsCold()) {
     out << "every effect was compiled and cached; run the demo again on this folder for the warm run\n";
   } else if (run.IsWarm() && cold != nullptr) {
-    const double coldSeconds = cold->wallMilliseconds / 1000.0;
-    const double warmSeconds = run.wallMilliseconds / 1000.0;
+    const double coldSeconds = cold->WallSeconds();
+    const double warmSeconds = run.WallSeconds();
     char factor[32];
     std::snprintf(factor, sizeof factor, "%.1f", coldSeconds / (warmSeconds > 0 ? warmSeconds : 1e-3));
     out << "warm run over cold run " << cold->number << ": " << factor << " times faster ("
@@ -137,8 +136,7 @@ int DemoCommand::Run(const CommandLine& line, Console& console) {
   console.Out() << "tovrel demo: a host that needs " << TextFormat::Count(effects) << " shader effects, cached in "
                 << folder.AbsoluteText() << "\n";
   const Outcome outcome = PlayHost(folder, SyntheticShaders(SyntheticShaders::kDefaultSeed, rounds), effects, console);
-  const DemoHistory::Run run{history.NextNumber(), effects, outcome.hits, outcome.misses,
-                             static_cast<std::uint64_t>(outcome.seconds * 1000.0 + 0.5)};
+  const DemoHistory::Run run{history.NextNumber(), effects, outcome.hits, outcome.misses, outcome.wallMilliseconds};
   Report(run, outcome, CacheFile(folder), console.Out());
   ReportSpeedUp(history, run, console.Out());
   history.Record(run);

@@ -31,6 +31,7 @@ class DemoHistory {
 
     bool IsCold() const { return hits == 0 && misses > 0; }
     bool IsWarm() const { return misses == 0 && hits > 0; }
+    double WallSeconds() const { return static_cast<double>(wallMilliseconds) / 1000.0; }
   };
 
   // Reads the record in `folder`; empty when there is none.

@@ -19,6 +19,7 @@ TEST(DemoHistoryTest, ARunReadsBackAsItWasWritten) {
   EXPECT_EQ(read.hits, 1990u);
   EXPECT_EQ(read.misses, 10u);
   EXPECT_EQ(read.wallMilliseconds, 1234u);
+  EXPECT_DOUBLE_EQ(read.WallSeconds(), 1.234);
 }
 
 TEST(DemoHistoryTest, LinesOfAnotherShapeAreNotRuns) {
