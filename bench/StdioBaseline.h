@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/PlatformFile.h"
+#include "platform/NativeFile.h"
 
 namespace Tovrel {
 namespace Bench {
@@ -37,10 +37,10 @@ inline std::vector<std::uint8_t> Bytes(std::size_t size, std::uint32_t seed = 0)
 inline double PlainWriteRead(const std::wstring& path, const std::vector<std::uint8_t>& in,
                              std::vector<std::uint8_t>& out, std::size_t block) {
   const auto start = Clock::now();
-  std::FILE* file = PlatformFile::Open(path.c_str(), "w+b");
+  std::FILE* file = NativeFile::Open(path.c_str(), "w+b");
   for (std::size_t at = 0; at < in.size(); at += block) std::fwrite(in.data() + at, block, 1, file);
   std::fclose(file);
-  file = PlatformFile::Open(path.c_str(), "rb");
+  file = NativeFile::Open(path.c_str(), "rb");
   for (std::size_t at = 0; at < out.size(); at += block) {
     if (std::fread(out.data() + at, block, 1, file) != 1) std::abort();
   }

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "pagefile/LittleEndian.h"
+#include "platform/NativeFile.h"
 #include "platform/PlatformFile.h"
 #include "support/TempDir.h"
 #include "tovrel/FilePackage.h"
@@ -124,7 +125,7 @@ void BM_OpenLargePackage(benchmark::State& state) {
   const std::wstring path = dir.File("large.dat");
   MicrosecondsPerStream(path, 65535);
   std::vector<std::uint8_t> header(8192);
-  std::FILE* file = PlatformFile::Open(path.c_str(), "rb");
+  std::FILE* file = NativeFile::Open(path.c_str(), "rb");
   if (file == nullptr || std::fread(header.data(), 8192, 1, file) != 1) std::abort();
   std::fclose(file);
   const std::uint64_t headBytes = LittleEndian::Load64(header.data() + 8);
@@ -134,7 +135,7 @@ void BM_OpenLargePackage(benchmark::State& state) {
   double opening = 0, plain = 0;
   for (auto _ : state) {
     auto start = Clock::now();
-    std::FILE* raw = PlatformFile::Open(path.c_str(), "rb");
+    std::FILE* raw = NativeFile::Open(path.c_str(), "rb");
     if (std::fread(plainBytes.data(), plainBytes.size(), 1, raw) != 1) std::abort();
     std::fclose(raw);
     plain += Seconds(start);

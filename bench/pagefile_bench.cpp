@@ -17,6 +17,7 @@
 #include "pagefile/HeadFileSeeker.h"
 #include "pagefile/HeadFileWriteOnlySeeker.h"
 #include "pagefile/PageRef.h"
+#include "platform/NativeFile.h"
 #include "platform/PlatformFile.h"
 #include "streams/PageAllocator.h"
 #include "support/MemoryDataStream.h"
@@ -125,7 +126,7 @@ void BM_HeadChainWalkVsFread(benchmark::State& state) {
   double plain = 0, walked = 0;
   for (auto _ : state) {
     auto start = Clock::now();
-    std::FILE* file = PlatformFile::Open(path.c_str(), "rb");
+    std::FILE* file = NativeFile::Open(path.c_str(), "rb");
     for (std::uint64_t i = 0; i < kHeadPages; ++i) {
       if (std::fread(out.data() + i * kPageSize, kPageSize, 1, file) != 1) std::abort();
     }

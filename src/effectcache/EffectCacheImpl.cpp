@@ -12,11 +12,13 @@
 #include "host/Path.h"
 #include "host/TabOutOfRangeException.h"
 #include "package/PagedFilePackage.h"
+#include "pagefile/FileDataCorruptException.h"
 #include "pagefile/FileIOException.h"
 #include "pagefile/LittleEndian.h"
-#include "platform/DiskSpace.h"
+#include "pagefile/RollbackJournal.h"
 #include "platform/LocalClock.h"
 #include "platform/PlatformFile.h"
+#include "platform/WideText.h"
 #include "streams/StreamTransfer.h"
 
 namespace Tovrel {
@@ -34,7 +36,15 @@ void AbandonPackageChanges(IDataStreamSet* package) {
   if (auto* paged = dynamic_cast<PagedFilePackage*>(package)) paged->Abandon();
 }
 
-std::string Utf8Name(const WStr& name) { return name.ToNorvaneString().ToUTF8(); }
+// The name's UTF-8 bytes; false for a name that is not well-formed
+// Unicode, which has no UTF-8 form of its own (two such names would share
+// the replacement character's bytes, and one could find the other's effect).
+bool Utf8Name(const WStr& name, std::string* key) {
+  const NorvaneString text = name.ToNorvaneString();
+  if (!WideText::IsWellFormed(text.Wide())) return false;
+  *key = text.ToUTF8();
+  return true;
+}
 
 CacheTimeStamp Now() {
   const LocalClock::Time t = LocalClock::Now();
@@ -71,6 +81,7 @@ EffectCacheImpl::EffectCacheImpl(const WStr& cacheFolder, int compressionLevel, 
   const std::wstring base = SharedObjectBaseName(cacheFilePath_.data());
   fileMutex_.reset(new MutexObject(FileMutexName(cacheFilePath_.data()).c_str()));
   config_.filePath = cacheFilePath_.data();
+  journalPath_ = RollbackJournal::PathFor(cacheFilePath_.data());
   config_.cachePageCount = kCachePageCount;
   config_.streamLimit = kStreamLimit;
   try {
@@ -126,8 +137,8 @@ std::wstring EffectCacheImpl::SharedObjectBaseName(const std::wstring& cacheFile
 bool EffectCacheImpl::CacheCompiledEffect(const WStr& name, const unsigned char* data, std::size_t size,
                                           bool permanent) {
   if (data == nullptr || size < 1 || size > kEffectSizeLimit) return false;
-  const std::string key = Utf8Name(name);
-  if (key.empty() || key.size() > kEffectNameSizeLimit) return false;
+  std::string key;
+  if (!Utf8Name(name, &key) || key.empty() || key.size() > kEffectNameSizeLimit) return false;
   std::lock_guard<std::recursive_mutex> guard(lock_);
   CheckInvariants();
   if (!package_) return false;
@@ -173,7 +184,7 @@ void EffectCacheImpl::SetEnabled(bool enabled) {
 void EffectCacheImpl::ListCachedEffects(const wchar_t* file) {
   if (file == nullptr) return;
   std::lock_guard<std::recursive_mutex> guard(lock_);
-  std::FILE* out = PlatformFile::Open(file, "wb");
+  FileHandle* out = PlatformFile::Open(file, "wb");
   if (out == nullptr) return;
   std::string text = "\xEF\xBB\xBF";
   for (const auto& entry : fileEffects_) {
@@ -185,8 +196,8 @@ void EffectCacheImpl::ListCachedEffects(const wchar_t* file) {
 }
 
 bool EffectCacheImpl::SearchCachedEffects(const WStr& name, Tab<unsigned char>& data) {
-  if (name.isNull()) return false;
-  const std::string key = Utf8Name(name);
+  std::string key;
+  if (name.isNull() || !Utf8Name(name, &key)) return false;
   std::lock_guard<std::recursive_mutex> guard(lock_);
   CheckInvariants();
   if (!package_) return false;
@@ -215,9 +226,19 @@ bool EffectCacheImpl::FindInFile(const std::string& key, Tab<unsigned char>& dat
   if (found == fileEffects_.end() || !package_) return false;
   EffectRecord& record = found->second;
   Tab<unsigned char> compressed;
-  if (EffectPayload::ReadCompressed(*package_, record, compressed) != EffectPayload::Result::kOk) return false;
+  EffectPayload::Result result = EffectPayload::Result::kNoStream;
+  try {
+    result = EffectPayload::ReadCompressed(*package_, record, compressed);
+  } catch (const FileDataCorruptException&) {
+    result = EffectPayload::Result::kUnreadable;
+  }
   const std::uint32_t start = LocalClock::TickCount();
-  if (EffectPayload::Decompress(record, compressed, data) != EffectPayload::Result::kOk) return false;
+  if (result == EffectPayload::Result::kOk) result = EffectPayload::Decompress(record, compressed, data);
+  if (result != EffectPayload::Result::kOk) {
+    // Bytes that cannot be read back: the entry goes at the next save.
+    damaged_[key] = record.streamId;
+    return false;
+  }
   profile_.AddDecompression(LocalClock::TickCount() - start);
   record.lastUsed = Now();
   return true;
@@ -324,7 +345,7 @@ bool EffectCacheImpl::SaveIndex() {
 
 bool EffectCacheImpl::WritePendingEffects() {
   if (!package_) return false;
-  const std::uint64_t room = std::min(DiskSpace::AvailableBytes(folderPath_.data()), cacheBytesLimit_);
+  const std::uint64_t room = std::min(PlatformFile::AvailableBytes(folderPath_.data()), cacheBytesLimit_);
   if (room < pendingBytes_) {
     DiscardPending();  // too little disk: the effects are dropped and the save succeeds
     return true;
@@ -367,7 +388,11 @@ bool EffectCacheImpl::WritePendingEffect(const std::string& name, const PendingE
 }
 
 bool EffectCacheImpl::RefreshIfChanged() {
-  if (!timeStamp_.IsChanged()) return true;
+  // A journal beside the file under the mutex is a dead writer's: its save
+  // never completed. The reload rolls it back before it reads anything.
+  const bool interrupted = PlatformFile::Exists(journalPath_.c_str());
+  const bool changed = timeStamp_.IsChanged();
+  if (!changed && !interrupted) return true;
   return package_ && package_->Reload() && ReadHeader() && LoadIndex();
 }
 
@@ -390,16 +415,22 @@ bool EffectCacheImpl::TrimToLimit(std::uint64_t limit, std::uint64_t* removed) {
 }
 
 std::uint64_t EffectCacheImpl::GetSizeLimit() const {
-  return std::min(DiskSpace::AvailableBytes(folderPath_.data()), cacheBytesLimit_);
+  // The bytes the file already stores are on the disk already: trimming
+  // them frees no space (the file never shrinks), so they count as room.
+  const std::uint64_t stored = package_ ? package_->GetTotalStreamSize() : 0;
+  const std::uint64_t free = PlatformFile::AvailableBytes(folderPath_.data());
+  return std::min(free + stored < free ? ~std::uint64_t{0} : free + stored, cacheBytesLimit_);
 }
 
 bool EffectCacheImpl::SaveToFile() {
   if (!package_) return true;
   AutoMutex hold(*fileMutex_);
   if (!hold.IsOwner()) return false;
-  if (pendingEffects_.empty()) return true;
+  if (pendingEffects_.empty() && damaged_.empty()) return true;
   try {
-    if (!RefreshIfChanged() || !WritePendingEffects() || !SaveDirectory()) throw FileIOException();
+    if (!RefreshIfChanged()) throw FileIOException();
+    DropDamagedEntries();
+    if (!WritePendingEffects() || !SaveDirectory()) throw FileIOException();
     return true;
   } catch (const std::exception&) {
     DropPackage();
@@ -413,6 +444,22 @@ bool EffectCacheImpl::SaveDirectory() {
   return true;
 }
 
+void EffectCacheImpl::DropDamagedEntries() {
+  for (const auto& damaged : damaged_) {
+    const auto entry = fileEffects_.find(damaged.first);
+    // Another process may have stored the name afresh since: only the
+    // entry that was found damaged goes.
+    if (entry == fileEffects_.end() || entry->second.streamId != damaged.second) continue;
+    try {
+      package_->RemoveStream(entry->second.streamId);
+    } catch (const FileDataCorruptException&) {
+      // A stream too damaged to remove stays, unnamed; the package is unchanged.
+    }
+    fileEffects_.erase(entry);
+  }
+  damaged_.clear();
+}
+
 void EffectCacheImpl::DiscardPending() {
   pendingEffects_.clear();
   pendingBytes_ = 0;
@@ -420,6 +467,7 @@ void EffectCacheImpl::DiscardPending() {
 
 void EffectCacheImpl::ResetState() {
   fileEffects_.clear();
+  damaged_.clear();
   DiscardPending();
   enabled_ = true;
   header_ = EffectCacheHeader{};

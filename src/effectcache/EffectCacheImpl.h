@@ -103,6 +103,7 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   bool SaveToFile();
   bool SaveDirectory();
   bool FindInFile(const std::string& name, Tab<unsigned char>& data);
+  void DropDamagedEntries();
   void DiscardPending();
   void ResetState();
   void DropPackage();
@@ -116,6 +117,9 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   EffectCacheHeader header_;           // copy of the file's header block
   FileMap fileEffects_;                // the file's index as last read or written
   PendingMap pendingEffects_;          // cached since the last save
+  // Entries whose bytes were found unreadable, with the stream they named;
+  // the next save drops them from the index (a save is due while any is).
+  std::map<std::string, std::uint64_t, EffectNameOrder> damaged_;
   // Estimate of what pendingEffects_ will add to the file: 44 + 8 + name
   // + 8 + size per CacheCompiledEffect call (a replaced effect counts again).
   std::uint64_t pendingBytes_;
@@ -128,6 +132,7 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   std::uint64_t cacheBytesLimit_;
   EffectCacheProfile profile_;
   PagedFilePackageConfig config_;  // filePath points into cacheFilePath_
+  std::wstring journalPath_;       // the package file's rollback journal
 };
 
 }  // namespace Tovrel

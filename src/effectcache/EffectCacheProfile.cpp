@@ -41,7 +41,7 @@ std::string EffectCacheProfile::Report() const {
 
 void EffectCacheProfile::AppendTo(const std::wstring& path) const {
   if (path.empty()) return;
-  std::FILE* file = PlatformFile::Open(path.c_str(), "ab");
+  FileHandle* file = PlatformFile::Open(path.c_str(), "ab");
   if (file == nullptr) return;
   const std::string report = Report();
   PlatformFile::Write(report.data(), 1, report.size(), file);

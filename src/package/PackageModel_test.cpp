@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <map>
+#include <memory>
 #include <random>
 #include <set>
 
 #include "package/PagedFilePackage.h"
+#include "support/InstalledFileSystem.h"
 #include "support/PackageTesting.h"
 #include "support/TempDir.h"
 #include "tovrel/FilePackage.h"
@@ -26,15 +28,18 @@ struct RunSettings {
   std::uint32_t seed;
   std::uint64_t cachePages;
   std::uint64_t streamLimit;
+  bool inMemory;  // on a MemoryFileSystem instead of the disk
 };
 
 std::ostream& operator<<(std::ostream& out, const RunSettings& s) {
-  return out << "seed" << s.seed << "_cache" << s.cachePages << "_limit" << s.streamLimit;
+  return out << "seed" << s.seed << "_cache" << s.cachePages << "_limit" << s.streamLimit
+             << (s.inMemory ? "_memory" : "_disk");
 }
 
 class PackageModelTest : public ::testing::TestWithParam<RunSettings> {
  protected:
   void SetUp() override {
+    if (GetParam().inMemory) memory_.reset(new Testing::InstalledFileSystem);
     random_.seed(GetParam().seed);
     package_ = CreateFilePackage(Config());
     ASSERT_TRUE(package_);
@@ -77,6 +82,7 @@ class PackageModelTest : public ::testing::TestWithParam<RunSettings> {
   void CheckDirectory() const;
   void CheckAllBytes();
 
+  std::unique_ptr<Testing::InstalledFileSystem> memory_;
   TempDir dir_;
   std::wstring path_ = dir_.File("model.dat");
   std::mt19937 random_;
@@ -316,8 +322,8 @@ TEST_P(PackageModelTest, EveryStepAgreesWithTheModel) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, PackageModelTest,
-                         ::testing::Values(RunSettings{1, 12, 65535}, RunSettings{2, 64, 65535},
-                                           RunSettings{3, 16, 20}, RunSettings{4, 24, 65535}),
+                         ::testing::Values(RunSettings{1, 12, 65535, true}, RunSettings{2, 64, 65535, true},
+                                           RunSettings{3, 16, 20, false}, RunSettings{4, 24, 65535, true}),
                          [](const ::testing::TestParamInfo<RunSettings>& info) {
                            std::ostringstream name;
                            name << info.param;

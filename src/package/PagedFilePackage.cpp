@@ -31,14 +31,21 @@ PagedFilePackage::PagedFilePackage(const PagedFilePackageConfig& config)
 }
 
 PagedFilePackage::~PagedFilePackage() {
+  bool saved = true;
   if (modified_) {
     try {
-      Save();
+      saved = Save();
     } catch (...) {
-      // Nothing can be reported from here; the file keeps its last save.
+      saved = false;
     }
   }
-  Close();
+  // A save that failed half-way is taken back: the file keeps its last
+  // completed save. Nothing can be reported from here.
+  if (saved) {
+    Close();
+  } else {
+    Abandon();
+  }
 }
 
 void PagedFilePackage::CheckInvariants() const {
@@ -68,9 +75,20 @@ void PagedFilePackage::Abandon() {
   for (auto& open : openStreams_) open.second->Detach();
   openStreams_.clear();
   headSeeker_.Reset();
-  if (cache_) cache_->DiscardAll();
+  RollBackPageWrites();
   modified_ = false;
   Close();
+}
+
+bool PagedFilePackage::RollBackPageWrites() {
+  if (!cache_) return true;
+  try {
+    cache_->Rollback();
+    return true;
+  } catch (const std::exception&) {
+    // The cache has closed itself; its journal stays for the next opener.
+    return false;
+  }
 }
 
 bool PagedFilePackage::Create() {
@@ -92,13 +110,21 @@ bool PagedFilePackage::Load() {
   // pages and never meets a broken link.
   reader->LoadPagesUpTo(reader->pageCount - 1);
   RefPtr<IDataStream> head(new PagedFileStream(cache_.get(), headSeeker_));
-  return allocator_->LoadTable(head) && streams_.Read(head, config_.streamLimit) &&
-         childFiles_.Read(head, config_.streamLimit) && userData_.Read(head);
+  if (!allocator_->LoadTable(head) || !streams_.Read(head, config_.streamLimit) ||
+      !childFiles_.Read(head, config_.streamLimit) || !userData_.Read(head)) {
+    return false;
+  }
+  cache_->SetSavedFreePages(allocator_->GetFreePages());
+  return true;
 }
 
 bool PagedFilePackage::Reload() {
   CheckInvariants();
   if (!openStreams_.empty()) return false;
+  // Pages written since the last save are dropped, whatever the outcome,
+  // and those already written to the file are taken back first, so that
+  // the file read is the last completed save.
+  if (!RollBackPageWrites()) return false;
   RefPtr<PagedFilePackage> loaded(new PagedFilePackage(config_));
   bool success = false;
   try {
@@ -107,8 +133,6 @@ bool PagedFilePackage::Reload() {
   } catch (...) {
     success = false;
   }
-  // Pages written since the last save are dropped, whatever the outcome.
-  if (cache_) cache_->DiscardAll();
   if (!success) {
     loaded->Close();
     return false;
@@ -374,6 +398,7 @@ bool PagedFilePackage::Save() {
   }
   ReleaseOpenStreamPages();
   ReopenCache();
+  cache_->SetSavedFreePages(allocator_->GetFreePages());
   modified_ = false;
   return true;
 }

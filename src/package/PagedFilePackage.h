@@ -84,10 +84,11 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   bool Load();
   // Drops everything: open streams detached, cache closed, tables empty.
   void Close();
-  // Forgets every change not yet saved and closes: no page written since
-  // the last save reaches the file, and nothing is saved. For an owner
-  // whose save failed half-way, so that the half-done save is never
-  // completed as a directory later.
+  // Forgets every change not yet saved and closes: pages written to the
+  // file since the last save are taken back (the file is again as the last
+  // completed save left it), and nothing is saved. For an owner whose save
+  // failed half-way, so that the half-done save is never completed as a
+  // directory later.
   void Abandon();
 
   bool IsModified() const { return modified_; }
@@ -101,6 +102,9 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
 
  private:
   void SwapState(PagedFilePackage& other);
+  // Drops the cache's unsaved pages and rolls the file back to the last
+  // save; false when that fails (the cache has then closed itself).
+  bool RollBackPageWrites();
   std::uint64_t AllocateChain(std::uint64_t pages);
   void FreeChain(std::uint64_t firstPage, std::uint64_t pages);
   std::uint64_t ChildFileWithRoom(std::uint64_t bytes);

@@ -19,7 +19,8 @@ FilePageCache::FilePageCache(const wchar_t* path, std::uint64_t capacity)
       count_(0),
       mostRecent_(nullptr),
       leastRecent_(nullptr),
-      zerosFrom_(0) {
+      zerosFrom_(0),
+      savedLength_(0) {
   Open(path, capacity);
 }
 
@@ -27,27 +28,37 @@ FilePageCache::~FilePageCache() {
   try {
     Close();
   } catch (...) {
-    // The file could not take every written page; nothing is left to do
-    // with them, and a destructor must not throw.
+    // The file could not take every written page; the journal stays behind
+    // and the next opener rolls the file back to its saved state.
     FreeAllPages();
-    CloseFile();
+    journal_.Abandon();
+    try {
+      CloseFile();
+    } catch (...) {
+      // Closed all the same; a destructor must not throw.
+    }
   }
 }
 
 bool FilePageCache::Open(const wchar_t* path, std::uint64_t capacity) {
   Close();
-  std::FILE* file = PlatformFile::Open(path, "r+b");
+  FileHandle* file = PlatformFile::Open(path, "r+b");
   if (file == nullptr) file = PlatformFile::Open(path, "w+b");
   if (file == nullptr) throw FileIOException(errno);
   std::uint64_t length = 0;
   try {
+    RollbackJournal::Recover(path, file);
     length = PageFileIO::GetFileLength(file);
   } catch (...) {
     PlatformFile::Close(file);
     throw;
   }
   file_ = file;
+  path_ = path;
+  journal_.Attach(path_);
   fileLength_ = length;
+  savedLength_ = length;
+  savedFree_.clear();
   zerosFrom_ = length;
   capacity_ = capacity == 0 ? 1 : capacity;
   count_ = 0;
@@ -57,17 +68,32 @@ bool FilePageCache::Open(const wchar_t* path, std::uint64_t capacity) {
 
 void FilePageCache::Close() {
   CheckInvariants();
-  for (CachedPage* page : index_) {
-    if (page != nullptr) WriteBack(page);
-  }
+  if (file_ != nullptr) Commit();
   FreeAllPages();
   CloseFile();
 }
 
+void FilePageCache::Commit() {
+  CheckInvariants();
+  FlushDeferred();
+  for (CachedPage* page : index_) {
+    if (page != nullptr) WriteBack(page);
+  }
+  if (journal_.IsActive()) {
+    errno = 0;
+    if (PlatformFile::Sync(file_) != 0) throw FileIOException(errno);
+    journal_.Finish();
+  }
+  savedLength_ = fileLength_;
+  savedFree_.clear();
+}
+
 void FilePageCache::CloseFile() {
-  std::FILE* file = file_;
+  FileHandle* file = file_;
   file_ = nullptr;
   fileLength_ = 0;
+  savedLength_ = 0;
+  savedFree_.clear();
   zerosFrom_ = 0;
   capacity_ = 1;
   if (file == nullptr) return;
@@ -83,11 +109,36 @@ void FilePageCache::DiscardAll() {
   FreeAllPages();
 }
 
+void FilePageCache::Rollback() {
+  CheckInvariants();
+  FreeAllPages();
+  if (!journal_.IsActive()) return;
+  try {
+    fileLength_ = journal_.Rollback(file_);
+    zerosFrom_ = fileLength_;
+  } catch (...) {
+    // The file is neither the saved state nor this cache's: the cache
+    // closes without writing, and the journal it leaves rolls the file
+    // back at the next open.
+    journal_.Abandon();
+    try {
+      CloseFile();
+    } catch (...) {
+      // Closed all the same.
+    }
+    throw;
+  }
+}
+
+void FilePageCache::SetSavedFreePages(std::vector<bool> freePages) { savedFree_ = std::move(freePages); }
+
 void FilePageCache::FreeAllPages() {
   for (CachedPage*& page : index_) {
     delete page;
     page = nullptr;
   }
+  for (auto& waiting : deferred_) delete waiting.second;
+  deferred_.clear();
   index_.clear();
   count_ = 0;
   mostRecent_ = leastRecent_ = nullptr;
@@ -99,6 +150,7 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t pageId, bool forRead) {
   const std::uint64_t idx = pageId - kFirstPageId;
   if (idx >= index_.size()) index_.resize(idx + 1, nullptr);
   if (CachedPage* page = index_[idx]) {
+    if (!forRead && page->dirty == 0) ProtectBeforeChange(*page);
     Unlink(page);
     PushMostRecent(page);
     ++page->pinCount;
@@ -107,6 +159,7 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t pageId, bool forRead) {
   }
   if (capacity_ == 0) throw InvalidParameterException();
   if (!CanEvictDownTo(capacity_ - 1)) return nullptr;
+  if (CachedPage* waiting = TakeDeferred(idx)) return Revive(waiting);
 
   // The new page is loaded before anything is evicted, so that a failed
   // file call leaves the cached pages exactly as they were.
@@ -124,18 +177,51 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t pageId, bool forRead) {
   } else if (!PageFileIO::ReadPage(file_, fileLength_, page->data, idx * kPageSize)) {
     return nullptr;
   }
+  if (!forRead) ProtectBeforeChange(*page);
   EvictDownTo(capacity_ - 1);
   index_[idx] = page.get();
   PushMostRecent(page.release());
   return index_[idx]->data;
 }
 
+std::uint8_t* FilePageCache::Revive(CachedPage* page) {
+  // A written page whose write still waits for the journal comes back as it
+  // left, changes and all.
+  try {
+    EvictDownTo(capacity_ - 1);
+  } catch (...) {
+    deferred_[page->index] = page;
+    throw;
+  }
+  page->pinCount = 1;
+  page->older = page->newer = nullptr;
+  index_[page->index] = page;
+  PushMostRecent(page);
+  return page->data;
+}
+
 void FilePageCache::EnsureFileCoversPage(std::uint64_t pageId) {
   const std::uint64_t needed = pageId * kPageSize - kFirstPageId * kPageSize + kPageSize;
   if (needed > fileLength_) {
+    BeginJournalIfNeeded();
     PageFileIO::ExtendFile(file_, needed);
     fileLength_ = needed;
   }
+}
+
+bool FilePageCache::NeedsJournal(std::uint64_t index) const {
+  return index * kPageSize < savedLength_ && !(index < savedFree_.size() && savedFree_[index]);
+}
+
+void FilePageCache::BeginJournalIfNeeded() {
+  if (!journal_.IsActive()) journal_.Begin(savedLength_);
+}
+
+void FilePageCache::ProtectBeforeChange(const CachedPage& page) {
+  const std::uint64_t pageId = page.index + kFirstPageId;
+  if (!NeedsJournal(page.index) || journal_.IsJournaled(pageId)) return;
+  BeginJournalIfNeeded();
+  journal_.Append(pageId, page.data);
 }
 
 void FilePageCache::UnpinPage(std::uint64_t pageId) {
@@ -175,19 +261,55 @@ bool FilePageCache::EvictDownTo(std::uint64_t bound) {
   while (page != nullptr && count_ > bound) {
     CachedPage* next = page->newer;
     if (page->pinCount < 1) {
-      WriteBack(page);
+      const bool waits = WaitsForJournal(*page);
+      if (waits && deferred_.size() >= capacity_) FlushDeferred();
+      if (waits && journal_.HasUnsyncedRecords()) {
+        deferred_[page->index] = page;
+      } else {
+        WriteBack(page);
+      }
       index_[page->index] = nullptr;
       Unlink(page);
-      delete page;
+      if (deferred_.count(page->index) == 0) delete page;
     }
     page = next;
   }
   return count_ <= bound;
 }
 
+bool FilePageCache::WaitsForJournal(const CachedPage& page) const {
+  return page.dirty != 0 && page.index * kPageSize < fileLength_ &&
+         journal_.IsJournaled(page.index + kFirstPageId) && journal_.HasUnsyncedRecords();
+}
+
+void FilePageCache::FlushDeferred() {
+  if (deferred_.empty()) return;
+  journal_.SyncIfNeeded();
+  while (!deferred_.empty()) {
+    CachedPage* page = deferred_.begin()->second;
+    WriteBack(page);
+    deferred_.erase(deferred_.begin());
+    delete page;
+  }
+}
+
+FilePageCache::CachedPage* FilePageCache::TakeDeferred(std::uint64_t index) {
+  const auto found = deferred_.find(index);
+  if (found == deferred_.end()) return nullptr;
+  CachedPage* page = found->second;
+  deferred_.erase(found);
+  return page;
+}
+
 void FilePageCache::WriteBack(CachedPage* page) {
   if (page->dirty == 0) return;
   const std::uint64_t offset = page->index * kPageSize;
+  if (offset < fileLength_) {
+    // Nothing reaches the file before the journal exists, and no saved
+    // page is overwritten before its saved image is on stable storage.
+    BeginJournalIfNeeded();
+    if (journal_.IsJournaled(page->index + kFirstPageId)) journal_.SyncIfNeeded();
+  }
   PageFileIO::WritePage(file_, fileLength_, page->data, offset);
   if (offset + kPageSize > zerosFrom_) zerosFrom_ = offset + kPageSize;
   page->dirty = 0;
@@ -215,7 +337,7 @@ void FilePageCache::CheckInvariants() const {
 #ifndef NDEBUG
   assert(capacity_ >= 1);
   if (file_ == nullptr) {
-    assert(count_ == 0 && fileLength_ == 0);
+    assert(count_ == 0 && fileLength_ == 0 && savedLength_ == 0 && !journal_.IsActive());
   }
   std::uint64_t walked = 0;
   const CachedPage* previous = nullptr;
@@ -223,6 +345,7 @@ void FilePageCache::CheckInvariants() const {
     assert(p->older == previous);
     assert(p->index < index_.size() && index_[p->index] == p);
     assert(p->dirty == 0 || p->index * kPageSize < fileLength_);
+    assert(p->dirty == 0 || !NeedsJournal(p->index) || journal_.IsJournaled(p->index + kFirstPageId));
     previous = p;
     ++walked;
   }
@@ -231,6 +354,13 @@ void FilePageCache::CheckInvariants() const {
   std::uint64_t indexed = 0;
   for (const CachedPage* p : index_) indexed += p != nullptr ? 1 : 0;
   assert(indexed == count_);
+  for (const auto& waiting : deferred_) {
+    const CachedPage* p = waiting.second;
+    assert(p->index == waiting.first && p->dirty != 0 && (p->index >= index_.size() || index_[p->index] == nullptr));
+    assert(journal_.IsJournaled(p->index + kFirstPageId));
+    (void)p;
+  }
+  assert(deferred_.size() <= capacity_);
   (void)walked;
   (void)indexed;
 #endif

@@ -6,10 +6,23 @@
 // When room is needed the least recently used unpinned page is evicted; a
 // page is written back to the file only if it was obtained for writing
 // (several processes may share one file, and a page that was only read must
-// never overwrite another process's newer save). Close writes back the
-// written pages and closes the file; DiscardAll drops every page unwritten.
-// Pages that the cache itself appended as zeros and has not written since
-// are known without reading them.
+// never overwrite another process's newer save). Pages that the cache
+// itself appended as zeros and has not written since are known without
+// reading them.
+//
+// Saves are all-or-nothing through a RollbackJournal beside the file. The
+// state of the file when the cache opened it, or when it last committed, is
+// the saved state. Before a page of the saved state is changed for the
+// first time, its saved image goes to the journal (pages that the package
+// says were free in the saved state, and pages past the saved length, need
+// none), and the journal reaches stable storage before such a page is
+// written back (evicted pages that would each need a sync wait outside the
+// cache, up to the capacity, and share one). Commit (and Close, which
+// commits) writes every changed
+// page, syncs the file and deletes the journal: from then on the file is
+// the new saved state. Rollback instead drops every cached page and writes
+// the saved images back, so that the file is the saved state again. Open
+// first rolls back a journal that a dead writer left beside the file.
 //
 // Owned plainly by its package (not reference counted), created with a path
 // and deleted by it. Thread-safety: none; one thread at a time.
@@ -17,11 +30,14 @@
 #define TOVREL_PAGEFILE_FILEPAGECACHE_H
 
 #include <cstdint>
-#include <cstdio>
+#include <map>
+#include <string>
 #include <vector>
 
 #include "host/GraphicsHeapOperators.h"
 #include "pagefile/PageGeometry.h"
+#include "pagefile/RollbackJournal.h"
+#include "platform/FileHandle.h"
 
 namespace Tovrel {
 
@@ -34,25 +50,45 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   FilePageCache& operator=(const FilePageCache&) = delete;
 
   // Closes any current file, then opens `path` for update ("r+b"), or
-  // creates it empty ("w+b") when that fails. Capacity 0 means 1.
-  // FileIOException (errno of the second open) when neither open works.
+  // creates it empty ("w+b") when that fails, and rolls back a journal left
+  // beside it. Capacity 0 means 1. FileIOException (errno of the second
+  // open, or of the rollback; EBUSY while a living writer holds the journal)
+  // when it cannot; the file is then not open.
   bool Open(const wchar_t* path, std::uint64_t capacity);
 
-  // Writes back every page obtained for writing, frees every page (pinned
-  // ones too: a handle's later Release finds nothing), closes the file and
-  // resets the capacity to 1. A failed write-back throws FileIOException
-  // with every page still cached and the file open (pages written before
-  // the failure are then clean); a failed flush or close throws after the
-  // cache is closed.
+  // Commits (see Commit), frees every page (pinned ones too: a handle's
+  // later Release finds nothing), closes the file and resets the capacity
+  // to 1. A failed write-back or sync throws FileIOException with every
+  // page still cached and the file open (pages written before the failure
+  // are then clean); a failed close throws after the cache is closed.
   void Close();
+
+  // Writes back every page obtained for writing (the journal synced first
+  // where it protects them), syncs the file and deletes the journal. The
+  // pages stay cached, clean. FileIOException on failure, with the journal
+  // kept: the changes then roll back when the file is next opened.
+  void Commit();
 
   // Frees every cached page without writing anything; the file stays open.
   void DiscardAll();
 
+  // Frees every cached page without writing anything and writes the saved
+  // images back: the file is again as the last commit (or open) left it.
+  // FileIOException when that fails: the cache is then closed, and the
+  // journal it leaves rolls the file back at the next open.
+  void Rollback();
+
+  // Tells which pages of the saved state were free (index: page id - 10);
+  // their images need not be kept. Cleared by Open and Commit until told
+  // again: until then every page of the saved length is kept.
+  void SetSavedFreePages(std::vector<bool> freePages);
+
   // Finds or loads the page and pins it; returns its 8192 bytes, or null
   // for an id outside 10..0xFFFFF, a page past the end of the file, or a
   // cache full of pinned pages. A page obtained for writing (forRead false)
-  // is marked to be written back, and the file is extended to cover it.
+  // is marked to be written back, its saved image is journaled, and the
+  // file is extended to cover it (on disk when this returns). A failed file
+  // call throws FileIOException and leaves the cache as it was.
   std::uint8_t* GetPage(std::uint64_t pageId, bool forRead);
 
   // Grows the file with zeros so that the page lies inside it.
@@ -63,9 +99,11 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
 
   bool IsOpen() const { return file_ != nullptr; }
   std::uint64_t GetFileLength() const { return fileLength_; }
+  std::uint64_t GetSavedLength() const { return savedLength_; }
   std::uint64_t GetCapacity() const { return capacity_; }
   std::uint64_t GetCachedPageCount() const { return count_; }
   bool IsCached(std::uint64_t pageId) const { return Find(pageId) != nullptr; }
+  bool IsJournalActive() const { return journal_.IsActive(); }
   // Pin count of a cached page; -1 when the page is not cached.
   int GetPinCount(std::uint64_t pageId) const;
   // Page ids from least to most recently used.
@@ -78,7 +116,7 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   struct CachedPage {
     std::uint64_t index;     // page id - 10, also file offset / 8192
     std::int32_t pinCount;   // handles holding the page; never evicted while > 0
-    std::uint8_t dirty;      // obtained for writing since it was loaded
+    std::uint8_t dirty;      // obtained for writing since it was loaded or written back
     alignas(16) std::uint8_t data[kPageSize];  // the page's image
     CachedPage* older;       // neighbour toward the least recent end
     CachedPage* newer;       // neighbour toward the most recent end
@@ -92,6 +130,18 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // page cached). True when the bound was reached.
   bool EvictDownTo(std::uint64_t bound);
   void WriteBack(CachedPage* page);
+  // True for a written page whose saved image is journaled but not yet on
+  // stable storage: its write must wait for the journal's next sync.
+  bool WaitsForJournal(const CachedPage& page) const;
+  // Syncs the journal and writes every waiting page.
+  void FlushDeferred();
+  CachedPage* TakeDeferred(std::uint64_t index);
+  std::uint8_t* Revive(CachedPage* page);
+  // Journals the page's saved image before its first change, if the saved
+  // state needs it; the page's data must still be that image.
+  void ProtectBeforeChange(const CachedPage& page);
+  bool NeedsJournal(std::uint64_t index) const;
+  void BeginJournalIfNeeded();
   void PushMostRecent(CachedPage* page);
   void Unlink(CachedPage* page);
   void FreeAllPages();
@@ -99,7 +149,8 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
 
   // Invariants (checked by CheckInvariants):
   // - file_ is null exactly when the cache is closed; then no page is
-  //   cached (count_ is 0), capacity_ is 1 and fileLength_ is 0.
+  //   cached (count_ is 0), capacity_ is 1, fileLength_ and savedLength_
+  //   are 0 and no journal is active.
   // - capacity_ >= 1.
   // - the recency list runs from leastRecent_ (via newer) to mostRecent_
   //   (via older back); it holds count_ pages, each exactly once.
@@ -108,7 +159,11 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // - count_ <= capacity_ unless pinned pages forced more in (never: a
   //   miss that cannot evict returns null).
   // - a page with dirty set lies inside fileLength_.
-  std::FILE* file_;
+  // - a dirty page that NeedsJournal is journaled; the file differs from
+  //   the saved state only where the journal holds the saved image, or past
+  //   savedLength_, or in a page free in the saved state.
+  FileHandle* file_;
+  std::wstring path_;
   std::uint64_t fileLength_;
   std::uint64_t capacity_;
   std::vector<CachedPage*> index_;
@@ -119,6 +174,16 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // has not written over since (set to the file's length on open; a page
   // written back moves it past that page).
   std::uint64_t zerosFrom_;
+  // The file's length in the saved state.
+  std::uint64_t savedLength_;
+  // Pages free in the saved state (index: page id - 10); empty: none known.
+  std::vector<bool> savedFree_;
+  // Evicted written pages whose writes wait for the journal's next sync
+  // (see WaitsForJournal), by index; not on the recency list nor counted,
+  // at most capacity_ of them. Waiting together, they share one sync of
+  // the journal instead of one each. A miss on one takes it back.
+  std::map<std::uint64_t, CachedPage*> deferred_;
+  RollbackJournal journal_;
 };
 
 }  // namespace Tovrel

@@ -92,7 +92,7 @@ TEST_F(FilePageCacheFaultsTest, AReadOnlyFileCannotBeOpened) {
   TempDir::WriteAll(path, bytes);
   namespace fs = std::filesystem;
   fs::permissions(fs::path(path), fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read);
-  std::FILE* probe = PlatformFile::Open(path.c_str(), "r+b");
+  FileHandle* probe = PlatformFile::Open(path.c_str(), "r+b");
   if (probe != nullptr) {
     // This process may write any file (an administrator); the system would
     // answer the cache's two opens the way it answers everyone else's.
@@ -164,6 +164,7 @@ TEST_F(FilePageCacheFaultsTest, EveryFileCallFailingInTurnKeepsStateAndLosesNoDa
     TempDir::WriteAll(path, Pattern(3));
     const int error = 1000 + static_cast<int>(k);
     int failures = 0;
+    FileCall failed = FileCall::kAny;
     {
       FilePageCache cache(path.c_str(), 2);
       FileFaults::FailNth(FileCall::kAny, k, error);
@@ -181,10 +182,20 @@ TEST_F(FilePageCacheFaultsTest, EveryFileCallFailingInTurnKeepsStateAndLosesNoDa
           step(cache);  // nothing armed any more: the same step now works
         }
       }
+      failed = FileFaults::LastFailed();
       FileFaults::Reset();
     }
-    EXPECT_EQ(failures, 1);
+    if (failed == FileCall::kClose || failed == FileCall::kRemove) {
+      // Closing and deleting the journal after a complete commit: the save
+      // is done by then, so the failure is not reported, and a journal left
+      // behind is inert (the next open deletes it).
+      EXPECT_LE(failures, 1);
+    } else {
+      EXPECT_EQ(failures, 1);
+    }
     EXPECT_EQ(TempDir::ReadAll(path), scenario.expected);
+    FilePageCache reopened(path.c_str(), 2);
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::path(RollbackJournal::PathFor(path))));
   }
 }
 

@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <vector>
 
 #include "pagefile/FileIOException.h"
 #include "pagefile/PageRef.h"
+#include "pagefile/RollbackJournal.h"
 #include "platform/FileFaults.h"
 #include "support/TempDir.h"
 
@@ -139,6 +141,26 @@ TEST_F(FilePageCacheTest, APageOnlyReadIsDroppedOnEvictionWithoutAWrite) {
 }
 
 TEST_F(FilePageCacheTest, APageObtainedForWritingIsWrittenBackOnEviction) {
+  // Page 11 was free in the saved state: its old image needs no keeping,
+  // and nothing makes its write wait.
+  auto bytes = Pattern(3, 4);
+  const std::wstring path = FileWith(bytes);
+  FilePageCache cache(path.c_str(), 1);
+  cache.SetSavedFreePages({false, true, false});
+  {
+    PageRef page(&cache);
+    page.AcquireForWrite(11)[7] = 0x42;
+  }
+  {
+    PageRef page(&cache);
+    ASSERT_NE(page.AcquireForRead(12), nullptr);
+  }
+  EXPECT_FALSE(cache.IsCached(11));
+  bytes[kPageSize + 7] = 0x42;
+  EXPECT_EQ(TempDir::ReadAll(path), bytes);
+}
+
+TEST_F(FilePageCacheTest, AnEvictedSavedPageWaitsForItsJournalRecordToBeSynced) {
   auto bytes = Pattern(3, 4);
   const std::wstring path = FileWith(bytes);
   FilePageCache cache(path.c_str(), 1);
@@ -151,8 +173,15 @@ TEST_F(FilePageCacheTest, APageObtainedForWritingIsWrittenBackOnEviction) {
     ASSERT_NE(page.AcquireForRead(12), nullptr);
   }
   EXPECT_FALSE(cache.IsCached(11));
+  EXPECT_EQ(TempDir::ReadAll(path), bytes);  // waits for the journal
+  EXPECT_TRUE(cache.IsJournalActive());
+  EXPECT_EQ(cache.GetPage(11, true)[7], 0x42);  // a miss takes it back, changes and all
+  cache.UnpinPage(11);
+  cache.Commit();
   bytes[kPageSize + 7] = 0x42;
   EXPECT_EQ(TempDir::ReadAll(path), bytes);
+  EXPECT_FALSE(cache.IsJournalActive());
+  EXPECT_FALSE(std::filesystem::exists(std::filesystem::path(RollbackJournal::PathFor(path))));
 }
 
 TEST_F(FilePageCacheTest, AReadPageLaterObtainedForWritingIsWrittenBack) {

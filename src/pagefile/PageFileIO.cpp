@@ -13,7 +13,7 @@ namespace {
 
 const std::uint8_t kZeroPage[kPageSize] = {};
 
-void SeekTo(std::FILE* file, std::uint64_t offset) {
+void SeekTo(FileHandle* file, std::uint64_t offset) {
   if (PlatformFile::Seek(file, static_cast<std::int64_t>(offset), SEEK_SET) != 0) {
     throw FileIOException(errno);
   }
@@ -21,7 +21,7 @@ void SeekTo(std::FILE* file, std::uint64_t offset) {
 
 }  // namespace
 
-std::uint64_t PageFileIO::GetFileLength(std::FILE* file) {
+std::uint64_t PageFileIO::GetFileLength(FileHandle* file) {
   if (file == nullptr) throw InvalidParameterException();
   if (PlatformFile::Seek(file, 0, SEEK_END) != 0) throw FileIOException(errno);
   const std::int64_t position = PlatformFile::Tell(file);
@@ -29,9 +29,23 @@ std::uint64_t PageFileIO::GetFileLength(std::FILE* file) {
   return static_cast<std::uint64_t>(position);
 }
 
-void PageFileIO::ExtendFile(std::FILE* file, std::uint64_t newLength) {
-  std::uint64_t current = GetFileLength(file);
+void PageFileIO::ExtendFile(FileHandle* file, std::uint64_t newLength) {
+  const std::uint64_t current = GetFileLength(file);
   if (newLength <= current) return;
+  try {
+    AppendZeros(file, current, newLength);
+    // Handed to the system now, so that the file's length on disk covers
+    // the new end and a full device or a size limit is reported here.
+    errno = 0;
+    if (PlatformFile::Flush(file) != 0) throw FileIOException(errno);
+  } catch (const FileIOException&) {
+    // Whatever part of the extension landed is taken back, best effort.
+    PlatformFile::Truncate(file, current);
+    throw;
+  }
+}
+
+void PageFileIO::AppendZeros(FileHandle* file, std::uint64_t current, std::uint64_t newLength) {
   if (newLength - current > kPageSize) {
     // A long extension: writing its last byte makes the system fill in the
     // zeros before it, without moving them through the stream.
@@ -49,7 +63,7 @@ void PageFileIO::ExtendFile(std::FILE* file, std::uint64_t newLength) {
   }
 }
 
-bool PageFileIO::ReadPage(std::FILE* file, std::uint64_t fileLength, std::uint8_t* buffer,
+bool PageFileIO::ReadPage(FileHandle* file, std::uint64_t fileLength, std::uint8_t* buffer,
                           std::uint64_t offset) {
   if (buffer == nullptr) return false;
   if (file == nullptr) throw FileIOException(0);
@@ -60,7 +74,7 @@ bool PageFileIO::ReadPage(std::FILE* file, std::uint64_t fileLength, std::uint8_
   return true;
 }
 
-void PageFileIO::WritePage(std::FILE* file, std::uint64_t fileLength, const std::uint8_t* buffer,
+void PageFileIO::WritePage(FileHandle* file, std::uint64_t fileLength, const std::uint8_t* buffer,
                            std::uint64_t offset) {
   if (buffer == nullptr) return;
   if (file == nullptr) throw FileIOException(0);

@@ -2,13 +2,14 @@
 //
 // Measuring a file, growing it with zeros, and moving one page between a
 // buffer and the file. Every failed C-runtime call throws FileIOException
-// with errno (0 when no file is open). Stateless; the FILE* belongs to the
+// with errno (0 when no file is open). Stateless; the file handle belongs to the
 // caller. Thread-safety: as the stream passed in (one thread at a time).
 #ifndef TOVREL_PAGEFILE_PAGEFILEIO_H
 #define TOVREL_PAGEFILE_PAGEFILEIO_H
 
 #include <cstdint>
-#include <cstdio>
+
+#include "platform/FileHandle.h"
 
 namespace Tovrel {
 
@@ -16,24 +17,30 @@ class PageFileIO {
  public:
   // Seeks to the end and returns the position. InvalidParameterException for
   // a null stream; FileIOException when the seek or tell fails.
-  static std::uint64_t GetFileLength(std::FILE* file);
+  static std::uint64_t GetFileLength(FileHandle* file);
 
   // Grows the file to newLength bytes of which the new ones read as zeros:
   // up to a page is appended as zeros, a longer extension is left to the
-  // system to fill in. Nothing when the file is already that long.
-  static void ExtendFile(std::FILE* file, std::uint64_t newLength);
+  // system to fill in. The new length is handed to the system before it
+  // returns; a failure throws FileIOException with errno, after cutting the
+  // file back to its former length as far as it can. Nothing when the file
+  // is already that long.
+  static void ExtendFile(FileHandle* file, std::uint64_t newLength);
 
   // Reads one page at `offset` into buffer. False for a null buffer or an
   // offset past fileLength; FileIOException when no file is open, when the
   // seek fails, or when fewer than a page's bytes arrive (so a page that
   // starts exactly at fileLength throws while one past it gives false).
-  static bool ReadPage(std::FILE* file, std::uint64_t fileLength, std::uint8_t* buffer,
+  static bool ReadPage(FileHandle* file, std::uint64_t fileLength, std::uint8_t* buffer,
                        std::uint64_t offset);
 
   // Writes one page at `offset`. Nothing for a null buffer or an offset at
   // or past fileLength; FileIOException when no file is open or a call fails.
-  static void WritePage(std::FILE* file, std::uint64_t fileLength, const std::uint8_t* buffer,
+  static void WritePage(FileHandle* file, std::uint64_t fileLength, const std::uint8_t* buffer,
                         std::uint64_t offset);
+
+ private:
+  static void AppendZeros(FileHandle* file, std::uint64_t current, std::uint64_t newLength);
 };
 
 }  // namespace Tovrel

@@ -19,7 +19,7 @@ class FileFaultsTest : public ::testing::Test {
 };
 
 TEST_F(FileFaultsTest, TheNthCallOfAKindFailsOnceWithTheChosenErrno) {
-  std::FILE* file = PlatformFile::Open(path_.c_str(), "w+b");
+  FileHandle* file = PlatformFile::Open(path_.c_str(), "w+b");
   ASSERT_NE(file, nullptr);
   FileFaults::FailNth(FileCall::kSeek, 2, EROFS);
   EXPECT_EQ(PlatformFile::Seek(file, 0, SEEK_SET), 0);
@@ -32,7 +32,7 @@ TEST_F(FileFaultsTest, TheNthCallOfAKindFailsOnceWithTheChosenErrno) {
 }
 
 TEST_F(FileFaultsTest, AStickyFaultFailsEveryLaterCallOfItsKind) {
-  std::FILE* file = PlatformFile::Open(path_.c_str(), "w+b");
+  FileHandle* file = PlatformFile::Open(path_.c_str(), "w+b");
   ASSERT_NE(file, nullptr);
   FileFaults::FailNth(FileCall::kWrite, 1, ENOSPC, true);
   const char byte = 1;
@@ -47,7 +47,7 @@ TEST_F(FileFaultsTest, AStickyFaultFailsEveryLaterCallOfItsKind) {
 
 TEST_F(FileFaultsTest, AnyKindCountsEveryCall) {
   FileFaults::StartCounting();
-  std::FILE* file = PlatformFile::Open(path_.c_str(), "w+b");
+  FileHandle* file = PlatformFile::Open(path_.c_str(), "w+b");
   ASSERT_NE(file, nullptr);
   PlatformFile::Seek(file, 0, SEEK_END);
   PlatformFile::Tell(file);
@@ -60,7 +60,7 @@ TEST_F(FileFaultsTest, AnyKindCountsEveryCall) {
 }
 
 TEST_F(FileFaultsTest, AFailedCloseStillClosesTheFile) {
-  std::FILE* file = PlatformFile::Open(path_.c_str(), "w+b");
+  FileHandle* file = PlatformFile::Open(path_.c_str(), "w+b");
   ASSERT_NE(file, nullptr);
   FileFaults::FailNth(FileCall::kClose, 1, EIO);
   EXPECT_EQ(PlatformFile::Close(file), EOF);
@@ -69,7 +69,7 @@ TEST_F(FileFaultsTest, AFailedCloseStillClosesTheFile) {
 }
 
 TEST_F(FileFaultsTest, NothingIsCountedUntilAsked) {
-  std::FILE* file = PlatformFile::Open(path_.c_str(), "w+b");
+  FileHandle* file = PlatformFile::Open(path_.c_str(), "w+b");
   ASSERT_NE(file, nullptr);
   PlatformFile::Close(file);
   EXPECT_EQ(FileFaults::Calls(FileCall::kAny), 0u);

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "platform/FileFaults.h"
+#include "platform/FileSystem.h"
 #include "platform/NativeFile.h"
 
 namespace Tovrel {
@@ -19,48 +20,78 @@ bool Faulted(FileCall call) {
 
 }  // namespace
 
-std::FILE* PlatformFile::Open(const wchar_t* path, const char* mode) {
+FileHandle* PlatformFile::Open(const wchar_t* path, const char* mode) {
   if (Faulted(FileCall::kOpen)) return nullptr;
-  return NativeFile::Open(path, mode);
+  return FileSystem::Current().Open(path, mode);
 }
 
-int PlatformFile::Seek(std::FILE* file, std::int64_t offset, int origin) {
+FileHandle* PlatformFile::OpenLocked(const wchar_t* path, const char* mode, bool* busy) {
+  *busy = false;
+  if (Faulted(FileCall::kOpen)) return nullptr;
+  return FileSystem::Current().OpenLocked(path, mode, busy);
+}
+
+int PlatformFile::Seek(FileHandle* file, std::int64_t offset, int origin) {
   if (Faulted(FileCall::kSeek)) return -1;
-  return NativeFile::Seek(file, offset, origin);
+  return file->Seek(offset, origin);
 }
 
-std::int64_t PlatformFile::Tell(std::FILE* file) {
+std::int64_t PlatformFile::Tell(FileHandle* file) {
   if (Faulted(FileCall::kTell)) return -1;
-  return NativeFile::Tell(file);
+  return file->Tell();
 }
 
-std::size_t PlatformFile::Read(void* buffer, std::size_t size, std::size_t count, std::FILE* file) {
+std::size_t PlatformFile::Read(void* buffer, std::size_t size, std::size_t count, FileHandle* file) {
   if (Faulted(FileCall::kRead)) return 0;
-  return std::fread(buffer, size, count, file);
+  return file->Read(buffer, size, count);
 }
 
-std::size_t PlatformFile::Write(const void* buffer, std::size_t size, std::size_t count,
-                                std::FILE* file) {
+std::size_t PlatformFile::Write(const void* buffer, std::size_t size, std::size_t count, FileHandle* file) {
   if (Faulted(FileCall::kWrite)) return 0;
-  return std::fwrite(buffer, size, count, file);
+  return file->Write(buffer, size, count);
 }
 
-int PlatformFile::Flush(std::FILE* file) {
+int PlatformFile::Flush(FileHandle* file) {
   if (Faulted(FileCall::kFlush)) return EOF;
-  return std::fflush(file);
+  return file->Flush();
 }
 
-int PlatformFile::Close(std::FILE* file) {
+int PlatformFile::Sync(FileHandle* file) {
+  if (Faulted(FileCall::kSync)) return -1;
+  return file->Sync();
+}
+
+int PlatformFile::Truncate(FileHandle* file, std::uint64_t length) {
+  if (Faulted(FileCall::kTruncate)) return -1;
+  return file->Truncate(length);
+}
+
+int PlatformFile::Close(FileHandle* file) {
   if (Faulted(FileCall::kClose)) {
     const int error = errno;
-    std::fclose(file);
+    delete file;
     errno = error;
     return EOF;
   }
-  return std::fclose(file);
+  const int result = file->Close();
+  const int error = errno;
+  delete file;
+  errno = error;
+  return result;
 }
 
-int PlatformFile::Remove(const wchar_t* path) { return NativeFile::Remove(path); }
+int PlatformFile::Remove(const wchar_t* path) {
+  if (Faulted(FileCall::kRemove)) return -1;
+  return FileSystem::Current().Remove(path);
+}
+
+bool PlatformFile::Exists(const wchar_t* path) { return FileSystem::Current().Exists(path); }
+
+std::uint64_t PlatformFile::AvailableBytes(const wchar_t* folder) {
+  std::uint64_t figure = 0;
+  if (FileFaults::AvailableBytesOverride(&figure)) return figure;
+  return FileSystem::Current().AvailableBytes(folder);
+}
 
 wchar_t PlatformFile::Separator() { return NativeFile::Separator(); }
 

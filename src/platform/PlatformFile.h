@@ -1,10 +1,11 @@
-// PlatformFile: the library's only way to the file system.
+// PlatformFile: the library's only way to its files.
 //
-// Thin wrappers over the C runtime's stdio on wide paths, with 64-bit
-// offsets, that report failure exactly as the C runtime does (null, -1, a
-// short count, with errno set). Before each call FileFaults may make it fail
-// with a chosen errno; a failed Close still closes the stream.
-// Stateless; thread-safety as the C runtime's stdio.
+// Every call goes to the current FileSystem (the system's own, or one a
+// test installed) and reports failure exactly as the C runtime does (null,
+// -1, EOF, a short count, with errno set). Before each call FileFaults may
+// make it fail with a chosen errno, or cut the power at it; a failed Close
+// still closes the file and deletes its handle.
+// Stateless; thread-safety as the current file system's.
 #ifndef TOVREL_PLATFORM_PLATFORMFILE_H
 #define TOVREL_PLATFORM_PLATFORMFILE_H
 
@@ -12,18 +13,30 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "platform/FileHandle.h"
+
 namespace Tovrel {
 
 class PlatformFile {
  public:
-  static std::FILE* Open(const wchar_t* path, const char* mode);
-  static int Seek(std::FILE* file, std::int64_t offset, int origin);
-  static std::int64_t Tell(std::FILE* file);
-  static std::size_t Read(void* buffer, std::size_t size, std::size_t count, std::FILE* file);
-  static std::size_t Write(const void* buffer, std::size_t size, std::size_t count, std::FILE* file);
-  static int Flush(std::FILE* file);
-  static int Close(std::FILE* file);
+  static FileHandle* Open(const wchar_t* path, const char* mode);
+  // See FileSystem::OpenLocked; *busy tells a lock held elsewhere apart
+  // from other failures.
+  static FileHandle* OpenLocked(const wchar_t* path, const char* mode, bool* busy);
+  static int Seek(FileHandle* file, std::int64_t offset, int origin);
+  static std::int64_t Tell(FileHandle* file);
+  static std::size_t Read(void* buffer, std::size_t size, std::size_t count, FileHandle* file);
+  static std::size_t Write(const void* buffer, std::size_t size, std::size_t count, FileHandle* file);
+  static int Flush(FileHandle* file);
+  static int Sync(FileHandle* file);
+  static int Truncate(FileHandle* file, std::uint64_t length);
+  // Closes the file and deletes its handle, whatever the result.
+  static int Close(FileHandle* file);
   static int Remove(const wchar_t* path);
+  static bool Exists(const wchar_t* path);
+  // Free bytes available to this process on the volume of `folder` (or the
+  // figure a test set through FileFaults).
+  static std::uint64_t AvailableBytes(const wchar_t* folder);
   static wchar_t Separator();
 };
 

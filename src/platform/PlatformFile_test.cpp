@@ -12,7 +12,7 @@ namespace {
 TEST(PlatformFileTest, SeeksAndTellsBeyondFourGigabytes) {
   Testing::TempDir dir;
   const std::wstring path = dir.File("big.bin");
-  std::FILE* file = PlatformFile::Open(path.c_str(), "w+b");
+  FileHandle* file = PlatformFile::Open(path.c_str(), "w+b");
   ASSERT_NE(file, nullptr);
   const std::int64_t far = (std::int64_t{5} << 30) + 123;
   ASSERT_EQ(PlatformFile::Seek(file, far, SEEK_SET), 0);
@@ -23,7 +23,7 @@ TEST(PlatformFileTest, SeeksAndTellsBeyondFourGigabytes) {
 TEST(PlatformFileTest, OpensWidePathsWithCharactersOutsideAscii) {
   Testing::TempDir dir;
   const std::wstring path = dir.Path().wstring() + L"/caf\u00e9 \u4e2d.bin";
-  std::FILE* file = PlatformFile::Open(path.c_str(), "w+b");
+  FileHandle* file = PlatformFile::Open(path.c_str(), "w+b");
   ASSERT_NE(file, nullptr);
   const char bytes[3] = {1, 2, 3};
   EXPECT_EQ(PlatformFile::Write(bytes, 1, 3, file), 3u);

@@ -28,6 +28,10 @@ class PlatformProcess {
   // UTF-8 path of the running program.
   static std::string CurrentExecutable();
 
+  // Ends this process at once with `exitCode`: no destructors, no exit
+  // handlers, no flushing of buffered output (as a crash or a kill would).
+  [[noreturn]] static void ExitNow(int exitCode);
+
   // Starts `program` (UTF-8 path) with `arguments`; false, with the reason in
   // SystemError::Last(), when it cannot. One start per object.
   bool Start(const std::string& program, const std::vector<std::string>& arguments);

@@ -86,6 +86,19 @@ std::string WideText::ToUtf8(const std::wstring& wide) {
   return out;
 }
 
+bool WideText::IsWellFormed(const std::wstring& wide) {
+  for (std::size_t i = 0; i < wide.size(); ++i) {
+    const char32_t c = static_cast<char32_t>(static_cast<std::make_unsigned_t<wchar_t>>(wide[i]));
+    if (c > 0x10FFFF) return false;
+    if (!IsSurrogate(c)) continue;
+    if (!kWideIsUtf16 || c > 0xDBFF || i + 1 >= wide.size()) return false;
+    const auto low = static_cast<char32_t>(static_cast<std::make_unsigned_t<wchar_t>>(wide[i + 1]));
+    if (low < 0xDC00 || low > 0xDFFF) return false;
+    ++i;
+  }
+  return true;
+}
+
 std::wstring WideText::FromUtf8(const std::string& utf8) {
   std::wstring out;
   out.reserve(utf8.size());

@@ -14,6 +14,9 @@ namespace Tovrel {
 class WideText {
  public:
   static std::string ToUtf8(const std::wstring& wide);
+  // True when the wide string is well-formed Unicode: no unpaired
+  // surrogate, no code point above U+10FFFF (so ToUtf8 replaces nothing).
+  static bool IsWellFormed(const std::wstring& wide);
   static std::wstring FromUtf8(const std::string& utf8);
 };
 

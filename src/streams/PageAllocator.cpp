@@ -175,4 +175,10 @@ bool PageAllocator::SaveTable(RefPtr<IDataStream>& stream) {
   return true;
 }
 
+std::vector<bool> PageAllocator::GetFreePages() const {
+  std::vector<bool> free(entries_.size());
+  for (std::size_t i = 0; i < entries_.size(); ++i) free[i] = entries_[i].next == kFreeLink;
+  return free;
+}
+
 }  // namespace Tovrel

@@ -55,6 +55,9 @@ class PageAllocator : public IPageAllocator {
   // Bytes SaveTable writes: 8 + 8 per entry.
   std::uint64_t GetTableSaveSize() const { return 8 + 8 * entries_.size(); }
 
+  // For each entry of the table (index: page id - 10), whether it is free.
+  std::vector<bool> GetFreePages() const;
+
   std::uint64_t GetHighestPage() const { return highestPage_; }
   std::uint64_t GetTableLength() const { return entries_.size(); }
 

@@ -43,6 +43,8 @@ PlatformProcess::~PlatformProcess() {
   Wait(kReapBoundMilliseconds, &ignored);
 }
 
+void PlatformProcess::ExitNow(int exitCode) { _exit(exitCode); }
+
 std::string PlatformProcess::CurrentExecutable() {
   char path[4096];
   const ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);

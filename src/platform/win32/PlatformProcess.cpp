@@ -84,6 +84,11 @@ PlatformProcess::~PlatformProcess() {
   CloseHandle(AsHandle(handle_));
 }
 
+void PlatformProcess::ExitNow(int exitCode) {
+  TerminateProcess(GetCurrentProcess(), static_cast<UINT>(exitCode));
+  ExitProcess(static_cast<UINT>(exitCode));  // not reached: the process has ended
+}
+
 std::string PlatformProcess::CurrentExecutable() {
   std::wstring path(kPathCapacity, L'\0');
   const DWORD length = GetModuleFileNameW(nullptr, &path[0], kPathCapacity);

@@ -1,0 +1,35 @@
+// NativeFileSystem: the system's own file system, through the C runtime.
+//
+// Files are StdioFileHandles; free space comes from the volume (statvfs,
+// GetDiskFreeSpaceExW). It cannot simulate a power cut: CutPower ends the
+// process at once, which is what a crash test that asks for it wants.
+// One instance for the process (Instance()); stateless, so every operation
+// may be called from any thread.
+#ifndef TOVREL_PLATFORM_NATIVEFILESYSTEM_H
+#define TOVREL_PLATFORM_NATIVEFILESYSTEM_H
+
+#include "platform/FileSystem.h"
+
+namespace Tovrel {
+
+class NativeFileSystem : public FileSystem {
+ public:
+  // Exit code of a process ended by CutPower.
+  static constexpr int kPowerCutExitCode = 86;
+
+  static NativeFileSystem& Instance();
+
+  FileHandle* Open(const wchar_t* path, const char* mode) override;
+  FileHandle* OpenLocked(const wchar_t* path, const char* mode, bool* busy) override;
+  int Remove(const wchar_t* path) override;
+  bool Exists(const wchar_t* path) override;
+  std::uint64_t AvailableBytes(const wchar_t* folder) override;
+  void CutPower() override;
+
+ private:
+  NativeFileSystem() = default;
+};
+
+}  // namespace Tovrel
+
+#endif
