@@ -11,6 +11,7 @@
 #include "host/Path.h"
 #include "pagefile/LittleEndian.h"
 #include "platform/FileFaults.h"
+#include "platform/WideText.h"
 #include "support/EffectTesting.h"
 #include "support/TempDir.h"
 
@@ -389,6 +390,115 @@ TEST_F(EffectCacheImplTest, TruncatedAndForeignFilesAreRecreatedEmpty) {
   auto cache = Open();
   EXPECT_TRUE(cache->IsEnabled());
   EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 0u);
+}
+
+TEST_F(EffectCacheImplTest, ANearlyFullDiskNeverRemovesAStoredEffect) {
+  std::vector<std::vector<unsigned char>> effects;
+  {
+    auto cache = Open();
+    for (std::uint32_t i = 0; i < 40; ++i) {
+      effects.push_back(EffectTesting::Bytes(100 + i, 20000, false));
+      ASSERT_TRUE(cache->CacheCompiledEffect(WStr(std::to_wstring(i)), effects[i].data(), effects[i].size(), false));
+    }
+  }
+  ASSERT_GT(EffectTesting::Shape(CacheFile()).totalStreamSize, 40u * 20000);
+  FileFaults::SetAvailableBytes(100 * 1024);  // far less than the 800 KB stored
+  {
+    auto cache = Open();
+    EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 40u);
+    Tab<unsigned char> data;
+    for (std::uint32_t i = 0; i < 40; ++i) {
+      ASSERT_TRUE(cache->SearchCachedEffects(WStr(std::to_wstring(i)), data)) << i;
+      EXPECT_EQ(EffectTesting::ToVector(data), effects[i]);
+    }
+    const auto small = EffectTesting::Bytes(99, 3000, true);
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"new"), small.data(), small.size(), false));
+    cache->ForceSaveToFile();
+    EXPECT_TRUE(cache->IsEnabled());
+    EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 41u);
+  }
+  EXPECT_EQ(EffectTesting::IndexNames(CacheFile()).size(), 41u);
+  // The cache's own limit still trims, whatever the free space.
+  {
+    auto cache = Open(20 * 20000);
+    EXPECT_LT(cache->GetNumberOfEffectsInFile(), 21u);
+  }
+  EXPECT_LT(EffectTesting::Shape(CacheFile()).totalStreamSize, 20u * 20000);
+}
+
+TEST_F(EffectCacheImplTest, NamesThatAreNotUnicodeAreRefusedAndNeverFindAnotherName) {
+  const auto bytes = EffectTesting::Bytes(41, 3000, true);
+  auto cache = Open();
+  ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"fx\uFFFD"), bytes.data(), bytes.size(), false));
+  std::vector<std::wstring> bad{std::wstring(L"fx") + wchar_t(0xD800), std::wstring(L"fx") + wchar_t(0xDFFF)};
+  if (sizeof(wchar_t) == 4) {
+    bad.push_back(std::wstring(L"fx") + static_cast<wchar_t>(0x110000));
+    bad.push_back(std::wstring(L"fx") + static_cast<wchar_t>(0x7FFFFFFF));
+  }
+  for (const std::wstring& name : bad) {
+    EXPECT_FALSE(cache->CacheCompiledEffect(WStr(name), bytes.data(), bytes.size(), false));
+    Tab<unsigned char> data;
+    EXPECT_FALSE(cache->SearchCachedEffects(WStr(name), data));  // not even the pending U+FFFD name
+  }
+  EXPECT_EQ(cache->GetNumberOfEffectsInMemory(), 1u);
+  cache->ForceSaveToFile();
+  for (const std::wstring& name : bad) {
+    Tab<unsigned char> data;
+    EXPECT_FALSE(cache->SearchCachedEffects(WStr(name), data));  // nor the stored one
+  }
+}
+
+TEST_F(EffectCacheImplTest, NamesOfEveryPlaneAreKeptByteForByte) {
+  const std::vector<std::string> names{
+      "\xE4\xB8\xAD\xE6\x96\x87/\xE7\x9D\x80\xE8\x89\xB2\xE5\x99\xA8.fx",  // CJK
+      "\xF0\x9F\x98\x80\xF0\x9F\x8E\xA8",                                      // emoji, outside the first plane
+      "e\xCC\x81\xCC\xA7 combining",                                                   // combining marks
+      "tab\there\nnewline",
+      "back\\slash\\name",
+      "\xEF\xBF\xBD stands for itself"};
+  std::vector<std::vector<unsigned char>> effects;
+  {
+    auto cache = Open();
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      effects.push_back(EffectTesting::Bytes(50 + static_cast<std::uint32_t>(i), 1000 + i, true));
+      ASSERT_TRUE(cache->CacheCompiledEffect(WStr(WideText::FromUtf8(names[i])), effects[i].data(),
+                                             effects[i].size(), false));
+    }
+  }
+  const auto index = EffectTesting::ReadIndex(CacheFile());
+  for (const std::string& name : names) EXPECT_EQ(index.count(name), 1u) << name;
+  auto cache = Open();
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    Tab<unsigned char> data;
+    ASSERT_TRUE(cache->SearchCachedEffects(WStr(WideText::FromUtf8(names[i])), data)) << names[i];
+    EXPECT_EQ(EffectTesting::ToVector(data), effects[i]);
+  }
+}
+
+TEST_F(EffectCacheImplTest, AnEntryWhoseBytesCannotBeReadIsDroppedAtTheNextSave) {
+  const auto bytes = EffectTesting::Bytes(60, 40000, true);
+  {
+    auto cache = Open();
+    for (const wchar_t* name : {L"good", L"bad", L"other"}) {
+      ASSERT_TRUE(cache->CacheCompiledEffect(WStr(name), bytes.data(), bytes.size(), false));
+    }
+  }
+  EffectTesting::DamageEffectBytes(CacheFile(), "bad");
+  {
+    auto cache = Open();
+    Tab<unsigned char> data;
+    EXPECT_FALSE(cache->SearchCachedEffects(WStr(L"bad"), data));
+    EXPECT_EQ(EffectTesting::IndexNames(CacheFile()).size(), 3u);  // nothing written by a search
+    EXPECT_TRUE(cache->SearchCachedEffects(WStr(L"good"), data));
+  }  // the cache ends, and saves: the damaged entry goes
+  EXPECT_EQ(EffectTesting::IndexNames(CacheFile()), (std::vector<std::string>{"good", "other"}));
+  const auto shape = EffectTesting::Shape(CacheFile());
+  EXPECT_EQ(shape.header.effectCount, 2u);
+  EXPECT_EQ(shape.streams, 3u);  // two effects and the index: the damaged stream went too
+  auto cache = Open();
+  Tab<unsigned char> data;
+  EXPECT_TRUE(cache->SearchCachedEffects(WStr(L"other"), data));
+  EXPECT_EQ(EffectTesting::ToVector(data), bytes);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "pagefile/PageRef.h"
 #include "pagefile/RollbackJournal.h"
 #include "platform/FileFaults.h"
+#include "support/InstalledFileSystem.h"
 #include "support/TempDir.h"
 
 namespace Tovrel {
@@ -101,6 +102,7 @@ TEST_F(FilePageCacheTest, WritingPageTwelveOfAnEmptyFileExtendsItToThreePages) {
     std::uint8_t* data = page.AcquireForWrite(12);
     ASSERT_NE(data, nullptr);
     EXPECT_EQ(cache.GetFileLength(), 24576u);
+    EXPECT_EQ(TempDir::SizeOf(path), 24576u);  // on disk already, not waiting in a buffer
     EXPECT_EQ(data[0], 0);
     EXPECT_EQ(data[kPageSize - 1], 0);
     data[1] = 0xAB;
@@ -351,6 +353,114 @@ TEST_F(FilePageCacheTest, ManyPagesRoundTripThroughASmallCache) {
     PageRef page(&cache);
     ASSERT_EQ(std::memcmp(page.AcquireForRead(10 + i), bytes.data() + i * kPageSize, kPageSize), 0);
   }
+}
+
+TEST_F(FilePageCacheTest, ADeviceThatRefusesTheExtensionFailsGetPageAndKeepsTheCache) {
+  Testing::InstalledFileSystem memory;
+  memory.Memory().WriteAll(L"small.bin", Pattern(2, 6));
+  memory.Memory().SetCapacity(4 * kPageSize + RollbackJournal::kHeaderSize);  // room for the journal's header too
+  FilePageCache cache(L"small.bin", 4);
+  ASSERT_NE(cache.GetPage(10, true), nullptr);
+  cache.UnpinPage(10);
+  const std::vector<std::uint64_t> order = cache.GetRecencyOrder();
+  try {
+    cache.GetPage(14, false);  // would need 5 pages
+    FAIL() << "grew past the device";
+  } catch (const FileIOException& e) {
+    EXPECT_EQ(e.errorCode, ENOSPC);
+  }
+  EXPECT_EQ(cache.GetRecencyOrder(), order);
+  EXPECT_EQ(cache.GetFileLength(), 2 * kPageSize);
+  EXPECT_EQ(memory.Memory().ReadAll(L"small.bin").size(), 2 * kPageSize);
+  ASSERT_NE(cache.GetPage(13, false), nullptr);  // 4 pages fit
+  cache.UnpinPage(13);
+  EXPECT_EQ(memory.Memory().ReadAll(L"small.bin").size(), 4 * kPageSize);
+  cache.Close();
+}
+
+TEST_F(FilePageCacheTest, AnExtensionThatTheSystemRefusesOnHandingOverFailsWithItsErrno) {
+  const std::wstring path = FileWith(Pattern(1, 2));
+  FilePageCache cache(path.c_str(), 4);
+  FileFaults::FailNth(FileCall::kFlush, 1, EFBIG);
+  try {
+    cache.GetPage(40, false);
+    FAIL() << "grew the file";
+  } catch (const FileIOException& e) {
+    EXPECT_EQ(e.errorCode, EFBIG);
+  }
+  FileFaults::Reset();
+  EXPECT_EQ(cache.GetFileLength(), kPageSize);
+  EXPECT_EQ(cache.GetCachedPageCount(), 0u);
+  cache.Close();
+  EXPECT_EQ(TempDir::SizeOf(path), kPageSize);
+}
+
+TEST_F(FilePageCacheTest, RollbackPutsBackEveryPageWrittenSinceTheLastCommit) {
+  const auto bytes = Pattern(3, 4);
+  const std::wstring path = FileWith(bytes);
+  FilePageCache cache(path.c_str(), 1);
+  for (std::uint64_t id : {10, 11, 12, 13}) {
+    PageRef page(&cache);
+    page.AcquireForWrite(id)[5] = 0xEE;
+  }
+  cache.Commit();
+  auto committed = bytes;
+  committed.resize(4 * kPageSize, 0);
+  for (std::size_t p = 0; p < 4; ++p) committed[p * kPageSize + 5] = 0xEE;
+  EXPECT_EQ(TempDir::ReadAll(path), committed);
+  for (std::uint64_t id : {11, 12, 14, 10}) {
+    PageRef page(&cache);
+    page.AcquireForWrite(id)[6] = 0x77;
+  }
+  EXPECT_EQ(TempDir::SizeOf(path), 5 * kPageSize);
+  EXPECT_NE(TempDir::ReadAll(path), committed);  // evicted pages reached the file
+  cache.Rollback();
+  EXPECT_EQ(TempDir::ReadAll(path), committed);
+  EXPECT_EQ(cache.GetFileLength(), 4 * kPageSize);
+  EXPECT_FALSE(cache.IsJournalActive());
+  EXPECT_EQ(cache.GetPage(11, true)[6], committed[kPageSize + 6]);
+  cache.UnpinPage(11);
+}
+
+TEST_F(FilePageCacheTest, OpeningRollsBackWhatADeadWriterLeft) {
+  Testing::InstalledFileSystem memory;
+  const auto bytes = Pattern(3, 9);
+  memory.Memory().WriteAll(L"p.bin", bytes);
+  {
+    auto* cache = new FilePageCache(L"p.bin", 1);
+    for (std::uint64_t id : {12, 10, 11, 15}) {
+      PageRef page(cache);
+      page.AcquireForWrite(id)[0] = 0x55;
+    }
+    memory.Memory().EndProcess();  // the writer dies here
+    delete cache;
+  }
+  EXPECT_NE(memory.Memory().ReadAll(L"p.bin"), bytes);
+  ASSERT_TRUE(memory.Memory().Exists(RollbackJournal::PathFor(L"p.bin").c_str()));
+  FilePageCache reopened(L"p.bin", 4);
+  EXPECT_EQ(memory.Memory().ReadAll(L"p.bin"), bytes);
+  EXPECT_EQ(reopened.GetFileLength(), bytes.size());
+  EXPECT_FALSE(memory.Memory().Exists(RollbackJournal::PathFor(L"p.bin").c_str()));
+}
+
+TEST_F(FilePageCacheTest, PagesFreeInTheSavedStateAreNotJournaled) {
+  Testing::InstalledFileSystem memory;
+  memory.Memory().WriteAll(L"f.bin", Pattern(3, 1));
+  FilePageCache cache(L"f.bin", 4);
+  cache.SetSavedFreePages({false, true, true});
+  cache.GetPage(11, false)[0] = 1;
+  cache.UnpinPage(11);
+  cache.GetPage(12, false)[0] = 2;
+  cache.UnpinPage(12);
+  EXPECT_FALSE(cache.IsJournalActive());  // nothing of the saved state to keep yet
+  cache.GetPage(10, false)[0] = 3;
+  cache.UnpinPage(10);
+  EXPECT_EQ(memory.Memory().ReadAll(RollbackJournal::PathFor(L"f.bin")).size(),
+            RollbackJournal::kHeaderSize + RollbackJournal::kRecordSize);
+  FileFaults::StartCounting();
+  cache.Commit();
+  EXPECT_EQ(FileFaults::Calls(FileCall::kSync), 2u);  // the journal, then the file
+  FileFaults::Reset();
 }
 
 }  // namespace

@@ -75,5 +75,31 @@ TEST_F(FileFaultsTest, NothingIsCountedUntilAsked) {
   EXPECT_EQ(FileFaults::Calls(FileCall::kAny), 0u);
 }
 
+TEST_F(FileFaultsTest, AFreeSpaceFigureReplacesTheVolumesUntilReset) {
+  FileFaults::SetAvailableBytes(12345);
+  EXPECT_EQ(PlatformFile::AvailableBytes(dir_.Path().wstring().c_str()), 12345u);
+  FileFaults::Reset();
+  EXPECT_NE(PlatformFile::AvailableBytes(dir_.Path().wstring().c_str()), 12345u);
+}
+
+TEST_F(FileFaultsTest, TheKindOfTheFailedCallIsKept) {
+  EXPECT_EQ(FileFaults::LastFailed(), FileCall::kAny);
+  FileHandle* file = PlatformFile::Open(path_.c_str(), "w+b");
+  ASSERT_NE(file, nullptr);
+  FileFaults::FailNth(FileCall::kAny, 2, EIO);
+  EXPECT_EQ(PlatformFile::Seek(file, 0, SEEK_SET), 0);
+  EXPECT_NE(PlatformFile::Sync(file), 0);
+  EXPECT_EQ(FileFaults::LastFailed(), FileCall::kSync);
+  FileFaults::FailNth(FileCall::kTruncate, 1, EFBIG);
+  errno = 0;
+  EXPECT_NE(PlatformFile::Truncate(file, 10), 0);
+  EXPECT_EQ(errno, EFBIG);
+  FileFaults::FailNth(FileCall::kRemove, 1, EACCES);
+  PlatformFile::Close(file);
+  EXPECT_NE(PlatformFile::Remove(path_.c_str()), 0);
+  EXPECT_EQ(FileFaults::LastFailed(), FileCall::kRemove);
+  EXPECT_TRUE(PlatformFile::Exists(path_.c_str()));
+}
+
 }  // namespace
 }  // namespace Tovrel

@@ -45,5 +45,62 @@ TEST(PlatformFileTest, UpdateModeFailsForAMissingFileWithItsErrno) {
   EXPECT_EQ(errno, ENOENT);
 }
 
+TEST(PlatformFileTest, TruncateCutsAndGrowsAndSyncSucceeds) {
+  Testing::TempDir dir;
+  const std::wstring path = dir.File("t.bin");
+  FileHandle* file = PlatformFile::Open(path.c_str(), "w+b");
+  ASSERT_NE(file, nullptr);
+  const char bytes[5] = {1, 2, 3, 4, 5};
+  ASSERT_EQ(PlatformFile::Write(bytes, 1, 5, file), 5u);
+  EXPECT_EQ(PlatformFile::Truncate(file, 2), 0);  // writes still buffered are cut too
+  EXPECT_EQ(Testing::TempDir::SizeOf(path), 2u);
+  EXPECT_EQ(PlatformFile::Truncate(file, 8192), 0);
+  EXPECT_EQ(PlatformFile::Sync(file), 0);
+  EXPECT_EQ(Testing::TempDir::SizeOf(path), 8192u);
+  EXPECT_EQ(PlatformFile::Close(file), 0);
+  const std::vector<std::uint8_t> back = Testing::TempDir::ReadAll(path);
+  EXPECT_EQ(back[1], 2);
+  EXPECT_EQ(back[2], 0);
+}
+
+TEST(PlatformFileTest, ExistsTellsFilesThatAreThere) {
+  Testing::TempDir dir;
+  const std::wstring path = dir.File("e.bin");
+  EXPECT_FALSE(PlatformFile::Exists(path.c_str()));
+  Testing::TempDir::WriteAll(path, {1});
+  EXPECT_TRUE(PlatformFile::Exists(path.c_str()));
+  EXPECT_EQ(PlatformFile::Remove(path.c_str()), 0);
+  EXPECT_FALSE(PlatformFile::Exists(path.c_str()));
+}
+
+TEST(PlatformFileTest, ALockedFileCannotBeLockedAgainUntilItCloses) {
+  Testing::TempDir dir;
+  const std::wstring path = dir.File("l.bin");
+  bool busy = true;
+  FileHandle* holder = PlatformFile::OpenLocked(path.c_str(), "w+b", &busy);
+  ASSERT_NE(holder, nullptr);
+  EXPECT_FALSE(busy);
+  const char bytes[3] = {7, 8, 9};
+  ASSERT_EQ(PlatformFile::Write(bytes, 1, 3, holder), 3u);
+  ASSERT_EQ(PlatformFile::Flush(holder), 0);
+  EXPECT_EQ(PlatformFile::OpenLocked(path.c_str(), "r+b", &busy), nullptr);
+  EXPECT_TRUE(busy);
+  EXPECT_EQ(PlatformFile::OpenLocked(path.c_str(), "w+b", &busy), nullptr);
+  EXPECT_TRUE(busy);
+  EXPECT_EQ(Testing::TempDir::SizeOf(path), 3u);  // the refused "w+b" emptied nothing
+  EXPECT_EQ(PlatformFile::Close(holder), 0);
+  FileHandle* next = PlatformFile::OpenLocked(path.c_str(), "r+b", &busy);
+  ASSERT_NE(next, nullptr);
+  EXPECT_FALSE(busy);
+  char back[3] = {};
+  EXPECT_EQ(PlatformFile::Read(back, 1, 3, next), 3u);
+  EXPECT_EQ(back[2], 9);
+  PlatformFile::Close(next);
+  errno = 0;
+  EXPECT_EQ(PlatformFile::OpenLocked(dir.File("missing.bin").c_str(), "r+b", &busy), nullptr);
+  EXPECT_FALSE(busy);
+  EXPECT_EQ(errno, ENOENT);
+}
+
 }  // namespace
 }  // namespace Tovrel

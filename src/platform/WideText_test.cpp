@@ -24,5 +24,22 @@ TEST(WideTextTest, AnUnpairedSurrogateBecomesAReplacementCharacter) {
   EXPECT_EQ(WideText::ToUtf8(lone), "\xEF\xBF\xBD");
 }
 
+TEST(WideTextTest, WellFormedTextIsToldFromTextWithNoUtf8Form) {
+  EXPECT_TRUE(WideText::IsWellFormed(L""));
+  EXPECT_TRUE(WideText::IsWellFormed(WideText::FromUtf8("a\t\n\\\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80")));
+  EXPECT_TRUE(WideText::IsWellFormed(std::wstring(1, wchar_t(0xFFFD))));
+  EXPECT_FALSE(WideText::IsWellFormed(std::wstring(1, wchar_t(0xD800))));
+  EXPECT_FALSE(WideText::IsWellFormed(std::wstring(1, wchar_t(0xDFFF))));
+  EXPECT_FALSE(WideText::IsWellFormed(std::wstring{L'a', wchar_t(0xDC00), wchar_t(0xD800)}));  // reversed pair
+  if (sizeof(wchar_t) == 2) {
+    EXPECT_TRUE(WideText::IsWellFormed(std::wstring{wchar_t(0xD83D), wchar_t(0xDE00)}));
+    EXPECT_FALSE(WideText::IsWellFormed(std::wstring{wchar_t(0xD83D), L'a'}));
+  } else {
+    EXPECT_FALSE(WideText::IsWellFormed(std::wstring(1, static_cast<wchar_t>(0x110000))));
+    EXPECT_FALSE(WideText::IsWellFormed(std::wstring(1, static_cast<wchar_t>(0x7FFFFFFF))));
+    EXPECT_TRUE(WideText::IsWellFormed(std::wstring(1, static_cast<wchar_t>(0x10FFFF))));
+  }
+}
+
 }  // namespace
 }  // namespace Tovrel

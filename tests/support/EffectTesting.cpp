@@ -133,6 +133,16 @@ void EffectTesting::PatchRecord(const std::wstring& file, const std::string& nam
   throw std::runtime_error("no such effect");
 }
 
+void EffectTesting::DamageEffectBytes(const std::wstring& file, const std::string& name) {
+  const EffectRecord record = ReadIndex(file).at(name);
+  RefPtr<IDataStreamSet> package = OpenPackage(file);
+  RefPtr<IDataStream> stream = package->OpenStream(record.streamId);
+  if (!stream || record.compressedSize < 8) throw std::runtime_error("no such stream");
+  const std::vector<std::uint8_t> garbage(record.compressedSize / 2, 0xA5);
+  stream->Seek(0, 8 + static_cast<std::int32_t>(record.compressedSize / 4));
+  if (stream->Write(garbage.data(), garbage.size()) != garbage.size()) throw std::runtime_error("short write");
+}
+
 void EffectTesting::PatchHeader(const std::wstring& file, const std::function<void(EffectCacheHeader&)>& change) {
   RefPtr<IDataStreamSet> package = OpenPackage(file);
   std::uint64_t at = 0;

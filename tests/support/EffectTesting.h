@@ -40,6 +40,9 @@ class EffectTesting {
   static void PatchRecord(const std::wstring& file, const std::string& name,
                           const std::function<void(EffectRecord&)>& change);
   static void PatchHeader(const std::wstring& file, const std::function<void(EffectCacheHeader&)>& change);
+  // Overwrites bytes in the middle of an effect's compressed data, so that
+  // they no longer decompress.
+  static void DamageEffectBytes(const std::wstring& file, const std::string& name);
 };
 
 }  // namespace Testing
