@@ -2,39 +2,38 @@
 // EffectCacheSystem is made on its folder, looks for a few names taken
 // from the input, caches one effect, saves and is destroyed. Any crash,
 // leak, sanitizer report, exception or slow input is a finding; a cache
-// that refuses the file (and starts a new one) is not.
+// that refuses the file (and starts a new one) is not. The file lives in
+// an in-memory file system: no input touches the disk.
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "platform/FileSystem.h"
+#include "platform/MemoryFileSystem.h"
+#include "platform/PlatformFile.h"
 #include "tovrel/tovrel.h"
 
 namespace {
 
-class CacheFolder {
- public:
-  CacheFolder() {
-    std::random_device entropy;
-    path_ = std::filesystem::temp_directory_path() / ("tovrel-fxfuzz-" + std::to_string(entropy()));
-    std::filesystem::create_directories(path_);
-  }
-  ~CacheFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  void WriteCacheFile(const std::uint8_t* data, std::size_t size) const {
-    std::ofstream out(path_ / "norvaneFxoCache.dat", std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-  }
-  std::wstring Path() const { return path_.wstring(); }
+// The in-memory file system that holds the input, made current once.
+Tovrel::MemoryFileSystem& Files() {
+  static Tovrel::MemoryFileSystem* files = [] {
+    auto* memory = new Tovrel::MemoryFileSystem;
+    memory->SetTrackingUnsyncedChanges(false);
+    Tovrel::FileSystem::Install(memory);
+    return memory;
+  }();
+  return *files;
+}
 
- private:
-  std::filesystem::path path_;
-};
+// A folder name of its own per process, so that the cache's named mutex
+// and time stamp are not shared with another fuzzing process.
+std::wstring Folder() {
+  static const std::wstring folder = L"fxfuzz-" + std::to_wstring(std::random_device{}());
+  return folder;
+}
 
 // Names to look for: short runs of the input's printable bytes, and the
 // names the corpus files are made with.
@@ -55,9 +54,11 @@ std::vector<std::wstring> NamesFrom(const std::uint8_t* data, std::size_t size) 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const CacheFolder folder;
-  folder.WriteCacheFile(data, size);
-  RefPtr<Tovrel::EffectCacheSystem> cache(new Tovrel::EffectCacheSystem(WStr(folder.Path().c_str())));
+  const std::wstring folder = Folder();
+  const std::wstring file = folder + Tovrel::PlatformFile::Separator() + L"norvaneFxoCache.dat";
+  Files().Remove((file + L"-journal").c_str());
+  Files().WriteAll(file, std::vector<std::uint8_t>(data, data + size));
+  RefPtr<Tovrel::EffectCacheSystem> cache(new Tovrel::EffectCacheSystem(WStr(folder.c_str())));
   for (const std::wstring& name : NamesFrom(data, size)) {
     Tab<unsigned char> found;
     cache->SearchCachedEffects(WStr(name.c_str()), found);

@@ -3,15 +3,15 @@
 // and read, one is removed, one created, the package saved and opened
 // again. Any crash, leak, sanitizer report or slow input is a finding;
 // refusals (empty results, exceptions of the library's family) are not.
+// The file lives in an in-memory file system: no input touches the disk.
 #include <cstddef>
 #include <cstdint>
 #include <exception>
-#include <filesystem>
-#include <fstream>
-#include <random>
 #include <string>
 #include <vector>
 
+#include "platform/FileSystem.h"
+#include "platform/MemoryFileSystem.h"
 #include "tovrel/tovrel.h"
 
 namespace {
@@ -21,25 +21,18 @@ namespace {
 constexpr std::uint64_t kMostStreams = 256;
 constexpr std::uint64_t kMostBytes = 4 << 20;
 
-class InputFile {
- public:
-  InputFile() {
-    std::random_device entropy;
-    path_ = std::filesystem::temp_directory_path() / ("tovrel-fuzz-" + std::to_string(entropy()) + ".dat");
-  }
-  ~InputFile() {
-    std::error_code ignored;
-    std::filesystem::remove(path_, ignored);
-  }
-  void Write(const std::uint8_t* data, std::size_t size) const {
-    std::ofstream out(path_, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-  }
-  std::wstring Path() const { return path_.wstring(); }
+// The in-memory file system that holds the input, made current once.
+Tovrel::MemoryFileSystem& Files() {
+  static Tovrel::MemoryFileSystem* files = [] {
+    auto* memory = new Tovrel::MemoryFileSystem;
+    memory->SetTrackingUnsyncedChanges(false);
+    Tovrel::FileSystem::Install(memory);
+    return memory;
+  }();
+  return *files;
+}
 
- private:
-  std::filesystem::path path_;
-};
+const std::wstring kPath = L"fuzz-package.dat";
 
 void ReadStreams(Tovrel::IDataStreamSet& package) {
   std::vector<std::uint8_t> buffer(16 * 1024);
@@ -97,10 +90,10 @@ void Exercise(const std::wstring& path, std::uint64_t streamLimit) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const InputFile file;
   for (std::uint64_t limit : {std::uint64_t{65535}, std::uint64_t{10}}) {
-    file.Write(data, size);
-    Exercise(file.Path(), limit);
+    Files().Remove((kPath + L"-journal").c_str());
+    Files().WriteAll(kPath, std::vector<std::uint8_t>(data, data + size));
+    Exercise(kPath, limit);
   }
   return 0;
 }

@@ -84,7 +84,7 @@ FileHandle* MemoryFileSystem::OpenLockedUnderLock(const std::wstring& path, cons
     errno = EWOULDBLOCK;
     return nullptr;
   }
-  if (m.truncate && !file.content.empty()) Record(file, Change{true, 0, {}});
+  if (m.truncate && file.content.Size() != 0) Record(file, Change{true, 0, {}});
   auto* handle = new MemoryFileHandle(this, found->second, m.readable, m.writable, m.append, epoch_);
   if (locked) file.lockHolder = handle;
   return handle;
@@ -131,7 +131,7 @@ void MemoryFileSystem::SetTrackingUnsyncedChanges(bool track) {
   for (auto& entry : files_) {
     File& file = *entry.second;
     file.pending.clear();
-    file.durable = track ? file.content : std::vector<std::uint8_t>();
+    file.durable = track ? file.content : SparseBytes();
   }
 }
 
@@ -184,14 +184,14 @@ void MemoryFileSystem::EndProcess() {
 std::vector<std::uint8_t> MemoryFileSystem::ReadAll(const std::wstring& path) const {
   std::lock_guard<std::mutex> guard(lock_);
   const auto found = files_.find(path);
-  return found == files_.end() ? std::vector<std::uint8_t>() : found->second->content;
+  return found == files_.end() ? std::vector<std::uint8_t>() : found->second->content.ToVector();
 }
 
 void MemoryFileSystem::WriteAll(const std::wstring& path, const std::vector<std::uint8_t>& bytes) {
   std::lock_guard<std::mutex> guard(lock_);
   auto file = std::make_shared<File>();
-  file->content = bytes;
-  if (tracking_) file->durable = bytes;
+  file->content.Write(0, bytes.data(), bytes.size());
+  if (tracking_) file->durable = file->content;
   files_[path] = file;
 }
 
@@ -210,7 +210,7 @@ std::size_t MemoryFileSystem::UnsyncedChangeCount(const std::wstring& path) cons
 
 std::uint64_t MemoryFileSystem::UsedBytes() const {
   std::uint64_t used = 0;
-  for (const auto& entry : files_) used += entry.second->content.size();
+  for (const auto& entry : files_) used += entry.second->content.Size();
   return used;
 }
 
@@ -227,15 +227,12 @@ void MemoryFileSystem::Record(File& file, Change change) {
   if (tracking_) file.pending.push_back(std::move(change));
 }
 
-void MemoryFileSystem::Apply(std::vector<std::uint8_t>& bytes, const Change& change) {
+void MemoryFileSystem::Apply(SparseBytes& bytes, const Change& change) {
   if (change.isTruncate) {
-    bytes.resize(change.offset, 0);
-    return;
+    bytes.Resize(change.offset);
+  } else if (!change.bytes.empty()) {
+    bytes.Write(change.offset, change.bytes.data(), change.bytes.size());
   }
-  if (change.bytes.empty()) return;
-  const std::uint64_t end = change.offset + change.bytes.size();
-  if (bytes.size() < end) bytes.resize(end, 0);
-  std::copy(change.bytes.begin(), change.bytes.end(), bytes.begin() + static_cast<std::ptrdiff_t>(change.offset));
 }
 
 std::size_t MemoryFileSystem::HandleRead(MemoryFileHandle& handle, void* buffer, std::size_t bytes) {
@@ -245,10 +242,7 @@ std::size_t MemoryFileSystem::HandleRead(MemoryFileHandle& handle, void* buffer,
     errno = EBADF;
     return 0;
   }
-  const std::vector<std::uint8_t>& content = handle.file_->content;
-  if (handle.position_ >= content.size()) return 0;
-  const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(bytes, content.size() - handle.position_));
-  std::memcpy(buffer, content.data() + handle.position_, n);
+  const std::size_t n = handle.file_->content.Read(handle.position_, static_cast<std::uint8_t*>(buffer), bytes);
   handle.position_ += n;
   return n;
 }
@@ -261,15 +255,19 @@ std::size_t MemoryFileSystem::HandleWrite(MemoryFileHandle& handle, const void* 
     return 0;
   }
   File& file = *handle.file_;
-  if (handle.append_) handle.position_ = file.content.size();
+  if (handle.append_) handle.position_ = file.content.Size();
   const std::uint64_t end = handle.position_ + bytes;
-  const std::uint64_t growth = end > file.content.size() ? end - file.content.size() : 0;
+  const std::uint64_t growth = end > file.content.Size() ? end - file.content.Size() : 0;
   if (capacity_ != kUnlimited && UsedBytes() + growth > capacity_) {
     errno = ENOSPC;
     return 0;
   }
   const auto* first = static_cast<const std::uint8_t*>(buffer);
-  Record(file, Change{false, handle.position_, std::vector<std::uint8_t>(first, first + bytes)});
+  if (tracking_) {
+    Record(file, Change{false, handle.position_, std::vector<std::uint8_t>(first, first + bytes)});
+  } else {
+    file.content.Write(handle.position_, first, bytes);
+  }
   handle.position_ = end;
   return bytes;
 }
@@ -279,7 +277,7 @@ int MemoryFileSystem::HandleSeek(MemoryFileHandle& handle, std::int64_t offset, 
   if (!Usable(handle)) return -1;
   std::int64_t base = 0;
   if (origin == SEEK_CUR) base = static_cast<std::int64_t>(handle.position_);
-  if (origin == SEEK_END) base = static_cast<std::int64_t>(handle.file_->content.size());
+  if (origin == SEEK_END) base = static_cast<std::int64_t>(handle.file_->content.Size());
   if (origin != SEEK_SET && origin != SEEK_CUR && origin != SEEK_END) {
     errno = EINVAL;
     return -1;
@@ -315,7 +313,7 @@ int MemoryFileSystem::HandleTruncate(MemoryFileHandle& handle, std::uint64_t len
     return -1;
   }
   File& file = *handle.file_;
-  const std::uint64_t growth = length > file.content.size() ? length - file.content.size() : 0;
+  const std::uint64_t growth = length > file.content.Size() ? length - file.content.Size() : 0;
   if (capacity_ != kUnlimited && UsedBytes() + growth > capacity_) {
     errno = ENOSPC;
     return -1;

@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "platform/FileSystem.h"
+#include "platform/SparseBytes.h"
 
 namespace Tovrel {
 
@@ -84,8 +85,8 @@ class MemoryFileSystem : public FileSystem {
   // every change of `pending` applied in order (untracked, `durable` and
   // `pending` stay empty); lockHolder is an open handle of this epoch or null.
   struct File {
-    std::vector<std::uint8_t> content;
-    std::vector<std::uint8_t> durable;
+    SparseBytes content;
+    SparseBytes durable;
     std::vector<Change> pending;
     const MemoryFileHandle* lockHolder = nullptr;
   };
@@ -94,7 +95,7 @@ class MemoryFileSystem : public FileSystem {
   std::uint64_t UsedBytes() const;
   bool Usable(const MemoryFileHandle& handle) const;
   void Record(File& file, Change change);
-  static void Apply(std::vector<std::uint8_t>& bytes, const Change& change);
+  static void Apply(SparseBytes& bytes, const Change& change);
 
   // Operations of MemoryFileHandle, under lock_.
   std::size_t HandleRead(MemoryFileHandle& handle, void* buffer, std::size_t bytes);
