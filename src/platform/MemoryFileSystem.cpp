@@ -179,6 +179,7 @@ void MemoryFileSystem::EndProcess() {
   std::lock_guard<std::mutex> guard(lock_);
   for (auto& entry : files_) entry.second->lockHolder = nullptr;
   ++epoch_;
+  powerCut_ = false;
 }
 
 std::vector<std::uint8_t> MemoryFileSystem::ReadAll(const std::wstring& path) const {

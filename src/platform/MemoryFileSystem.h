@@ -14,8 +14,8 @@
 // changes made since its last sync, in their order, with one kept write
 // torn (only its first 512 bytes land), as a disk that lost its write cache
 // would; handles opened before become unusable. EndProcess plays the death
-// of the process instead: what was written stays, handles and their locks
-// go. A capacity (SetCapacity) makes writes that would pass it fail with
+// of the process instead (after a cut, or at any time): what was written
+// stays, handles and their locks go, and calls work again. A capacity (SetCapacity) makes writes that would pass it fail with
 // ENOSPC and is what AvailableBytes reports.
 //
 // Owned by the test that installs it; must outlive every handle it made
