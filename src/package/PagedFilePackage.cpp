@@ -24,6 +24,7 @@ constexpr std::uint64_t kPageShift = 13;
 
 PagedFilePackage::PagedFilePackage(const PagedFilePackageConfig& config)
     : modified_(false),
+      access_(FilePageCache::Access::kUpdate),
       config_(config),
       path_(config.filePath != nullptr ? config.filePath : L""),
       allocator_(new PageAllocator) {
@@ -91,8 +92,14 @@ bool PagedFilePackage::RollBackPageWrites() {
   }
 }
 
+bool PagedFilePackage::LoadReadOnly() {
+  access_ = FilePageCache::Access::kReadOnly;
+  return Load();
+}
+
 bool PagedFilePackage::Create() {
   Close();
+  access_ = FilePageCache::Access::kUpdate;
   cache_.reset(new FilePageCache(path_.c_str(), config_.cachePageCount));
   streams_.Clear();
   streams_.SetStreamLimit(config_.streamLimit);
@@ -102,7 +109,7 @@ bool PagedFilePackage::Create() {
 }
 
 bool PagedFilePackage::Load() {
-  cache_.reset(new FilePageCache(path_.c_str(), config_.cachePageCount));
+  cache_.reset(new FilePageCache(path_.c_str(), config_.cachePageCount, access_));
   RefPtr<HeadFileSeeker> reader(new HeadFileSeeker(cache_.get()));
   headSeeker_ = reader.Get();
   if (!reader->OpenForRead()) return false;
@@ -126,6 +133,7 @@ bool PagedFilePackage::Reload() {
   // the file read is the last completed save.
   if (!RollBackPageWrites()) return false;
   RefPtr<PagedFilePackage> loaded(new PagedFilePackage(config_));
+  loaded->access_ = access_;
   bool success = false;
   try {
     if (!loaded->Load()) throw FileDataCorruptException();
@@ -144,6 +152,7 @@ bool PagedFilePackage::Reload() {
 
 void PagedFilePackage::SwapState(PagedFilePackage& other) {
   std::swap(modified_, other.modified_);
+  std::swap(access_, other.access_);
   std::swap(config_, other.config_);
   path_.swap(other.path_);
   cache_.swap(other.cache_);
@@ -381,7 +390,7 @@ void PagedFilePackage::ReopenCache() {
 bool PagedFilePackage::Save() {
   CheckInvariants();
   if (!modified_) return true;
-  if (!cache_) return false;
+  if (!cache_ || access_ == FilePageCache::Access::kReadOnly) return false;
   FreeHeadChain();
   const std::uint64_t rest = streams_.GetSaveSize() + childFiles_.GetSaveSize() + userData_.GetSaveSize();
   const std::vector<std::uint64_t> pages = LayOutHeadChain(rest);

@@ -82,6 +82,13 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   bool Create();
   // Reads the package from the file; false or an exception when it cannot.
   bool Load();
+  // Reads the package from a file opened only for reading: nothing is ever
+  // written to it (a journal beside it is read, not rolled back: the
+  // package is the file as the rollback would leave it). Changes to the
+  // tables stay in memory (Save refuses them); writing stream bytes throws
+  // FileIOException(EROFS). Reload keeps the file read only.
+  bool LoadReadOnly();
+  bool IsReadOnly() const { return access_ == FilePageCache::Access::kReadOnly; }
   // Drops everything: open streams detached, cache closed, tables empty.
   void Close();
   // Forgets every change not yet saved and closes: pages written to the
@@ -119,6 +126,7 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   void CheckInvariants() const;
 
   bool modified_;
+  FilePageCache::Access access_;  // how Load opens the file
   // Invariant: config_.filePath points at path_.
   PagedFilePackageConfig config_;
   std::wstring path_;

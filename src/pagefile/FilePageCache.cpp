@@ -20,8 +20,26 @@ FilePageCache::FilePageCache(const wchar_t* path, std::uint64_t capacity)
       mostRecent_(nullptr),
       leastRecent_(nullptr),
       zerosFrom_(0),
-      savedLength_(0) {
+      savedLength_(0),
+      access_(Access::kUpdate) {
   Open(path, capacity);
+}
+
+FilePageCache::FilePageCache(const wchar_t* path, std::uint64_t capacity, Access access)
+    : file_(nullptr),
+      fileLength_(0),
+      capacity_(1),
+      count_(0),
+      mostRecent_(nullptr),
+      leastRecent_(nullptr),
+      zerosFrom_(0),
+      savedLength_(0),
+      access_(access) {
+  if (access == Access::kReadOnly) {
+    OpenReadOnly(path, capacity);
+  } else {
+    Open(path, capacity);
+  }
 }
 
 FilePageCache::~FilePageCache() {
@@ -53,9 +71,57 @@ bool FilePageCache::Open(const wchar_t* path, std::uint64_t capacity) {
     PlatformFile::Close(file);
     throw;
   }
+  Adopt(file, path, length, Access::kUpdate, capacity);
+  return true;
+}
+
+bool FilePageCache::OpenReadOnly(const wchar_t* path, std::uint64_t capacity) {
+  Close();
+  FileHandle* file = PlatformFile::Open(path, "rb");
+  if (file == nullptr) throw FileIOException(errno);
+  std::uint64_t length = 0;
+  std::map<std::uint64_t, std::vector<std::uint8_t>> images;
+  try {
+    length = PageFileIO::GetFileLength(file);
+    ReadJournalImages(path, &length, &images);
+  } catch (...) {
+    PlatformFile::Close(file);
+    throw;
+  }
+  Adopt(file, path, length, Access::kReadOnly, capacity);
+  journalImages_.swap(images);
+  return true;
+}
+
+void FilePageCache::ReadJournalImages(const std::wstring& path, std::uint64_t* length,
+                                      std::map<std::uint64_t, std::vector<std::uint8_t>>* images) {
+  const std::wstring journalPath = RollbackJournal::PathFor(path);
+  if (!PlatformFile::Exists(journalPath.c_str())) return;
+  FileHandle* journal = PlatformFile::Open(journalPath.c_str(), "rb");
+  if (journal == nullptr) return;  // gone in the meantime, or not ours to read
+  std::vector<std::pair<std::uint64_t, std::vector<std::uint8_t>>> records;
+  std::uint64_t savedLength = 0;
+  try {
+    if (RollbackJournal::ReadImages(journal, &savedLength, &records)) {
+      *length = savedLength;
+      // A rollback writes the records in order: the first image of a page
+      // is what the file held at the last save.
+      for (auto& record : records) images->emplace(record.first - kFirstPageId, std::move(record.second));
+    }
+  } catch (...) {
+    PlatformFile::Close(journal);
+    throw;
+  }
+  PlatformFile::Close(journal);
+}
+
+void FilePageCache::Adopt(FileHandle* file, const wchar_t* path, std::uint64_t length, Access access,
+                          std::uint64_t capacity) {
   file_ = file;
   path_ = path;
+  access_ = access;
   journal_.Attach(path_);
+  journalImages_.clear();
   fileLength_ = length;
   savedLength_ = length;
   savedFree_.clear();
@@ -63,7 +129,6 @@ bool FilePageCache::Open(const wchar_t* path, std::uint64_t capacity) {
   capacity_ = capacity == 0 ? 1 : capacity;
   count_ = 0;
   mostRecent_ = leastRecent_ = nullptr;
-  return true;
 }
 
 void FilePageCache::Close() {
@@ -91,6 +156,7 @@ void FilePageCache::Commit() {
 void FilePageCache::CloseFile() {
   FileHandle* file = file_;
   file_ = nullptr;
+  journalImages_.clear();
   fileLength_ = 0;
   savedLength_ = 0;
   savedFree_.clear();
@@ -150,6 +216,7 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t pageId, bool forRead) {
   const std::uint64_t idx = pageId - kFirstPageId;
   if (idx >= index_.size()) index_.resize(idx + 1, nullptr);
   if (CachedPage* page = index_[idx]) {
+    if (!forRead && access_ == Access::kReadOnly) throw FileIOException(EROFS);
     if (!forRead && page->dirty == 0) ProtectBeforeChange(*page);
     Unlink(page);
     PushMostRecent(page);
@@ -158,6 +225,7 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t pageId, bool forRead) {
     return page->data;
   }
   if (capacity_ == 0) throw InvalidParameterException();
+  if (!forRead && access_ == Access::kReadOnly) throw FileIOException(EROFS);
   if (!CanEvictDownTo(capacity_ - 1)) return nullptr;
   if (CachedPage* waiting = TakeDeferred(idx)) return Revive(waiting);
 
@@ -170,7 +238,10 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t pageId, bool forRead) {
   page->older = page->newer = nullptr;
   if (!forRead) EnsureFileCoversPage(pageId);
   const std::uint64_t offset = idx * kPageSize;
-  if (offset >= zerosFrom_ && offset + kPageSize <= fileLength_) {
+  const auto image = journalImages_.find(idx);
+  if (image != journalImages_.end() && offset < fileLength_) {
+    std::memcpy(page->data, image->second.data(), kPageSize);
+  } else if (offset >= zerosFrom_ && offset + kPageSize <= fileLength_) {
     // The page was appended as zeros and not written since: its image is
     // known without reading it back.
     std::memset(page->data, 0, kPageSize);
@@ -203,6 +274,7 @@ std::uint8_t* FilePageCache::Revive(CachedPage* page) {
 void FilePageCache::EnsureFileCoversPage(std::uint64_t pageId) {
   const std::uint64_t needed = pageId * kPageSize - kFirstPageId * kPageSize + kPageSize;
   if (needed > fileLength_) {
+    if (access_ == Access::kReadOnly) throw FileIOException(EROFS);
     BeginJournalIfNeeded();
     PageFileIO::ExtendFile(file_, needed);
     fileLength_ = needed;

@@ -43,8 +43,14 @@ namespace Tovrel {
 
 class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
  public:
+  // How a file is opened: for update (and created when missing), or only
+  // for reading.
+  enum class Access { kUpdate, kReadOnly };
+
   // Opens (or creates) the file; exceptions from Open propagate.
   FilePageCache(const wchar_t* path, std::uint64_t capacity);
+  // Opens the file with the given access (Open or OpenReadOnly).
+  FilePageCache(const wchar_t* path, std::uint64_t capacity, Access access);
   virtual ~FilePageCache();
   FilePageCache(const FilePageCache&) = delete;
   FilePageCache& operator=(const FilePageCache&) = delete;
@@ -55,6 +61,14 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // open, or of the rollback; EBUSY while a living writer holds the journal)
   // when it cannot; the file is then not open.
   bool Open(const wchar_t* path, std::uint64_t capacity);
+  // Opens `path` for reading only ("rb"), changing nothing on disk: a file
+  // that may not be written, or one to look at as it is. A journal left
+  // beside it is not rolled back but read: its saved images stand in for
+  // the file's pages and its saved length for the file's, so the pages read
+  // are those the rollback would give. Obtaining a page for writing, or
+  // growing the file, throws FileIOException(EROFS).
+  bool OpenReadOnly(const wchar_t* path, std::uint64_t capacity);
+  Access GetAccess() const { return access_; }
 
   // Commits (see Commit), frees every page (pinned ones too: a handle's
   // later Release finds nothing), closes the file and resets the capacity
@@ -122,6 +136,9 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
     CachedPage* newer;       // neighbour toward the most recent end
   };
 
+  void Adopt(FileHandle* file, const wchar_t* path, std::uint64_t length, Access access, std::uint64_t capacity);
+  static void ReadJournalImages(const std::wstring& path, std::uint64_t* length,
+                                std::map<std::uint64_t, std::vector<std::uint8_t>>* images);
   CachedPage* Find(std::uint64_t pageId) const;
   // True when evicting unpinned pages can bring the count down to bound.
   bool CanEvictDownTo(std::uint64_t bound) const;
@@ -178,6 +195,10 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   std::uint64_t savedLength_;
   // Pages free in the saved state (index: page id - 10); empty: none known.
   std::vector<bool> savedFree_;
+  Access access_;
+  // Read only: the saved images of a journal found beside the file, by
+  // page index; they stand in for the file's pages.
+  std::map<std::uint64_t, std::vector<std::uint8_t>> journalImages_;
   // Evicted written pages whose writes wait for the journal's next sync
   // (see WaitsForJournal), by index; not on the recency list nor counted,
   // at most capacity_ of them. Waiting together, they share one sync of

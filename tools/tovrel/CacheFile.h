@@ -46,6 +46,7 @@ class CacheFile {
   const UserPath& File() const { return file_->File(); }
   std::uint64_t FileSize() const { return file_->FileSize(); }
   PagedFilePackage& Package() const { return file_->Package(); }
+  const LockedPackage& Locked() const { return *file_; }
   const EffectCacheHeader& Header() const { return header_; }
   // The index's entries in the order it holds them.
   const std::vector<Entry>& Entries() const { return entries_; }

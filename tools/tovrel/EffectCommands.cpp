@@ -255,7 +255,8 @@ int EffectCommands::Verify(const CommandLine& line, Console& console) {
   std::vector<std::string> problems;
   CheckStreamOwners(cache, problems);
   CheckEffects(cache, console, problems);
-  return VerifyReport::Print(console, name, problems, TextFormat::Count(cache.Entries().size()) + " effects");
+  return VerifyReport::Print(console, name, problems, TextFormat::Count(cache.Entries().size()) + " effects",
+                             cache.Locked().JournalNote());
 }
 
 }  // namespace Tool

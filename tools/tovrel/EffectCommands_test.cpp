@@ -14,6 +14,7 @@
 #include "host/AutoMutex.h"
 #include "host/MutexObject.h"
 #include "platform/WideText.h"
+#include "support/ChildLauncher.h"
 #include "support/EffectTesting.h"
 #include "support/TempDir.h"
 #include "tool/PackagePatch.h"
@@ -274,6 +275,34 @@ TEST_F(EffectCommandsTest, HelpAtEveryLevel) {
     EXPECT_TRUE(ToolTesting::Contains(leaf.out, std::string("usage: tovrel effects ") + command)) << leaf.out;
   }
   EXPECT_EQ(ToolTesting::Run({"effects", "get", "folder"}).status, ExitStatus::kUsage);
+}
+
+TEST_F(EffectCommandsTest, VerifyReportsAnInterruptedSaveAndChecksTheCacheAsTheRollbackWillLeaveIt) {
+  {
+    // Effects that take whole pages, so that rewriting them moves pages
+    // through a small page cache to the file.
+    RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(WStr(folder_.wstring().c_str())));
+    for (std::uint32_t i = 0; i < 4; ++i) {
+      const auto bytes = EffectTesting::Bytes(70 + i, 30000, false);
+      const std::wstring name = L"fx/large" + std::to_wstring(i);
+      ASSERT_TRUE(cache->CacheCompiledEffect(WStr(name.c_str()), bytes.data(), bytes.size(), false));
+    }
+  }
+  const std::vector<std::uint8_t> saved = ToolTesting::ReadFile(CacheFile());
+  // A process that changed the cache file's streams and died before saving
+  // (the role belongs to the package commands' tests).
+  auto child = Testing::ChildLauncher::Start("interrupted_save", {ToolTesting::Utf8(CacheFile())});
+  ASSERT_NE(child, nullptr);
+  ASSERT_EQ(Testing::ChildLauncher::Finish(*child), 0);
+  const std::vector<std::uint8_t> interrupted = ToolTesting::ReadFile(CacheFile());
+  ASSERT_NE(interrupted, saved);
+  const ToolTesting::Result verify = Run("verify");
+  EXPECT_EQ(verify.status, ExitStatus::kOk) << verify.out;
+  EXPECT_TRUE(ToolTesting::Contains(verify.out, "an interrupted save will be rolled back when the library next opens it"))
+      << verify.out;
+  const ToolTesting::Result get = Run("get", {"fx/3"});
+  EXPECT_EQ(get.out, Expected(3));
+  EXPECT_EQ(ToolTesting::ReadFile(CacheFile()), interrupted);
 }
 
 }  // namespace

@@ -130,6 +130,12 @@ JsonWriter& JsonWriter::Bool(bool value) {
   return *this;
 }
 
+JsonWriter& JsonWriter::Null() {
+  BeforeValue();
+  out_ << "null";
+  return *this;
+}
+
 void JsonWriter::Finish() {
   assert(levels_.empty() && !afterKey_);
   out_ << "\n";

@@ -31,6 +31,7 @@ class JsonWriter {
   JsonWriter& Number(std::uint64_t value);
   JsonWriter& Number(double value);
   JsonWriter& Bool(bool value);
+  JsonWriter& Null();
 
   // Key and value in one call.
   template <typename T>

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "ExitStatus.h"
+#include "TextFormat.h"
 #include "ToolError.h"
 #include "effectcache/EffectCacheImpl.h"
 #include "pagefile/FileDataCorruptException.h"
@@ -23,12 +24,34 @@ LockedPackage::LockedPackage(const UserPath& file, std::uint64_t streamLimit) : 
   if (!hold_->IsOwner()) throw ToolError(ExitStatus::kUnreadable, name + ": the cache's named mutex cannot be taken");
   if (file.IsFolder()) throw ToolError(ExitStatus::kUnreadable, name + ": is a folder, not a package file");
   if (!file.IsFile()) throw ToolError(ExitStatus::kUnreadable, name + ": no such file");
-  fileSize_ = file.FileSize();
+  journal_ = RollbackJournal::Inspect(file.Absolute());
+  fileSize_ = journal_.complete ? journal_.savedLength : file.FileSize();
   if (fileSize_ == 0) throw ToolError(ExitStatus::kUnreadable, name + ": empty file, not a package");
   const PagedFilePackageConfig config{file.Absolute().c_str(), kCachePages, streamLimit};
-  RefPtr<IDataStreamSet> opened = OpenFilePackage(config);
-  package_ = RefPtr<PagedFilePackage>(dynamic_cast<PagedFilePackage*>(opened.Get()));
-  if (!package_) throw ToolError(ExitStatus::kUnreadable, name + ": " + WhyUnreadable(config));
+  RefPtr<PagedFilePackage> opened(new PagedFilePackage(config));
+  bool loaded = false;
+  try {
+    loaded = opened->LoadReadOnly();
+  } catch (const std::exception&) {
+    loaded = false;
+  }
+  if (!loaded) {
+    opened->Close();
+    throw ToolError(ExitStatus::kUnreadable, name + ": " + WhyUnreadable(config));
+  }
+  package_ = opened;
+}
+
+std::string LockedPackage::JournalNote() const {
+  if (!journal_.present) return "";
+  if (journal_.busy) return "a save is under way in another process (its journal is held); checked as the file will be if it fails";
+  if (!journal_.complete) {
+    return "the journal of a save that was interrupted before it changed the file will be deleted when the library "
+           "next opens it";
+  }
+  return "an interrupted save will be rolled back when the library next opens it (" +
+         TextFormat::Count(journal_.pageIds.size()) + " pages, the file back to " +
+         TextFormat::Bytes(journal_.savedLength) + "); checked as it will be then";
 }
 
 LockedPackage::~LockedPackage() {
@@ -40,7 +63,7 @@ std::string LockedPackage::WhyUnreadable(const PagedFilePackageConfig& config) c
   RefPtr<PagedFilePackage> probe(new PagedFilePackage(config));
   std::string reason = "not a package: its head chain does not hold together";
   try {
-    if (probe->Load()) reason = "not a package (it did not open, though its tables read)";
+    if (probe->LoadReadOnly()) reason = "not a package (it did not open, though its tables read)";
   } catch (const FileDataCorruptException&) {
     reason = "not a package, or a damaged one: its head chain or its tables break the package format";
   } catch (const InvalidParameterException&) {

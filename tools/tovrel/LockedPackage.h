@@ -5,9 +5,11 @@
 // path, so while the tool reads a cache file no host process saves into
 // it, whichever way the tool reached the file (a package command or an
 // effects command). For any other package the mutex is simply one no
-// host takes. The package is opened with OpenFilePackage while the mutex
-// is held, and let go before the mutex is; reading never marks it
-// modified, so the tool writes nothing to the file.
+// host takes. The package is opened for reading only while the mutex is
+// held, and let go before the mutex is: the tool writes nothing to the
+// file. A journal that an interrupted save left beside the file is not
+// rolled back but read: the package is the file as the rollback will
+// leave it when the library next opens it, and Journal() tells about it.
 //
 // A missing file is refused before OpenFilePackage is asked (which would
 // leave an empty file behind). A file that does not open as a package is
@@ -27,6 +29,7 @@
 #include "host/MutexObject.h"
 #include "host/RefPtr.h"
 #include "package/PagedFilePackage.h"
+#include "pagefile/RollbackJournal.h"
 
 namespace Tovrel {
 namespace Tool {
@@ -47,8 +50,13 @@ class LockedPackage {
 
   PagedFilePackage& Package() const { return *package_; }
   const UserPath& File() const { return file_; }
-  // The file's size when it was opened.
+  // The file's size: when a journal will roll it back, the size it will
+  // then have.
   std::uint64_t FileSize() const { return fileSize_; }
+  // The journal beside the file, if any, as it was when the file was opened.
+  const RollbackJournal::Found& Journal() const { return journal_; }
+  // A sentence on the journal for a report ("" when there is none).
+  std::string JournalNote() const;
 
  private:
   // Why the package does not open, in words, with the mutex still held.
@@ -56,6 +64,7 @@ class LockedPackage {
 
   UserPath file_;
   std::uint64_t fileSize_;
+  RollbackJournal::Found journal_;
   std::unique_ptr<NorvaneSDK::Util::MutexObject> mutex_;  // never null
   std::unique_ptr<NorvaneSDK::Util::AutoMutex> hold_;     // held for the object's life
   RefPtr<PagedFilePackage> package_;                      // never null after construction

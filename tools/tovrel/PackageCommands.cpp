@@ -91,7 +91,8 @@ void PrintInfoText(const LockedPackage& file, const Summary& s, std::ostream& ou
       << " 50-75 %, " << quarters[3] << " 75-100 %\n"
       << "head stream  " << TextFormat::Bytes(s.headBytes) << " on " << s.headPages
       << (s.headPages == 1 ? " page\n" : " pages\n")
-      << "user data    " << TextFormat::Bytes(s.userDataBytes) << "\n";
+      << "user data    " << TextFormat::Bytes(s.userDataBytes) << "\n"
+      << "journal      " << (file.Journal().present ? file.JournalNote() : std::string("none")) << "\n";
 }
 
 void PrintInfoJson(const LockedPackage& file, const Summary& s, std::ostream& out) {
@@ -108,7 +109,17 @@ void PrintInfoJson(const LockedPackage& file, const Summary& s, std::ostream& ou
   }
   json.EndArray().EndObject();
   json.Key("headStream").BeginObject().Field("bytes", s.headBytes).Field("pages", s.headPages).EndObject();
-  json.Field("userDataBytes", s.userDataBytes).EndObject().Finish();
+  json.Field("userDataBytes", s.userDataBytes);
+  const RollbackJournal::Found& journal = file.Journal();
+  json.Key("journal");
+  if (journal.present) {
+    json.BeginObject().Field("complete", journal.complete).Field("heldByAnotherProcess", journal.busy);
+    json.Field("pages", static_cast<std::uint64_t>(journal.pageIds.size())).Field("savedFileBytes", journal.savedLength);
+    json.EndObject();
+  } else {
+    json.Null();
+  }
+  json.EndObject().Finish();
 }
 
 // Where one stream's tail lies: its record and the page and offset in the
@@ -260,7 +271,8 @@ int PackageCommands::Verify(const CommandLine& line, Console& console) {
   return VerifyReport::Print(console, line.Positionals()[0], problems,
                              TextFormat::Count(verifier.PagesChecked()) + " pages, " +
                                  TextFormat::Count(file.Package().GetNumberOfStreams()) + " streams, " +
-                                 TextFormat::Count(verifier.BytesRead()) + " bytes read");
+                                 TextFormat::Count(verifier.BytesRead()) + " bytes read",
+                             file.JournalNote());
 }
 
 }  // namespace Tool

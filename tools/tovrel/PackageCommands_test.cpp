@@ -7,6 +7,11 @@
 #include <fstream>
 
 #include "ExitStatus.h"
+#include "pagefile/RollbackJournal.h"
+#include "tovrel/FilePackage.h"
+#include "platform/PlatformProcess.h"
+#include "support/ChildLauncher.h"
+#include "support/ChildProcess.h"
 #include "support/PackageTesting.h"
 #include "support/TempDir.h"
 #include "tool/ToolTesting.h"
@@ -50,7 +55,7 @@ TEST_F(PackageCommandsTest, InfoAsJsonHoldsTheSameFigures) {
   EXPECT_EQ(result.out.front(), '{');
   EXPECT_TRUE(ToolTesting::Contains(result.out, "\"count\": 4,\n    \"bytes\": 36386")) << result.out;
   EXPECT_TRUE(ToolTesting::Contains(result.out, "\"usedBytes\": 3618")) << result.out;
-  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"userDataBytes\": 40\n}\n")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"userDataBytes\": 40,\n  \"journal\": null\n}\n")) << result.out;
 }
 
 TEST_F(PackageCommandsTest, LsShowsOneLinePerStreamWithItsTail) {
@@ -145,6 +150,52 @@ TEST_F(PackageCommandsTest, HelpAtEveryLevel) {
     EXPECT_TRUE(ToolTesting::Contains(leaf.out, std::string("usage: tovrel package ") + command)) << leaf.out;
   }
   EXPECT_TRUE(ToolTesting::Contains(ToolTesting::Run({"package", "verify", "-h"}).out, "exit status: 0"));
+}
+
+// A process that rewrites every stream of a package through a two-page
+// cache (so that changed pages reach the file) and dies before it saves.
+TOVREL_CHILD_ROLE(interrupted_save) {
+  if (argc != 1) return 2;
+  const std::wstring path = Testing::ChildLauncher::Wide(argv[0]);
+  RefPtr<IDataStreamSet> package = OpenFilePackage(PackageTesting::Config(path, 2));
+  if (!package) return 3;
+  for (std::uint64_t id : PackageTesting::Identifiers(package)) {
+    const RefPtr<IDataStream> stream = package->OpenStream(id);
+    if (stream) PackageTesting::WriteAll(stream, std::vector<std::uint8_t>(stream->GetSize(), 0xEE));
+  }
+  PlatformProcess::ExitNow(0);
+}
+
+TEST_F(PackageCommandsTest, AJournalLeftByAnInterruptedSaveIsReportedAndTheFileCheckedAsTheRollbackWillLeaveIt) {
+  const std::vector<std::uint8_t> saved = ToolTesting::ReadFile(file_);
+  auto child = Testing::ChildLauncher::Start("interrupted_save", {ToolTesting::Utf8(file_)});
+  ASSERT_NE(child, nullptr);
+  ASSERT_EQ(Testing::ChildLauncher::Finish(*child), 0);
+  const std::filesystem::path journal = RollbackJournal::PathFor(file_.wstring());
+  ASSERT_TRUE(std::filesystem::exists(journal));
+  const std::vector<std::uint8_t> interrupted = ToolTesting::ReadFile(file_);
+  ASSERT_NE(interrupted, saved);
+  const std::vector<std::uint8_t> journalBytes = ToolTesting::ReadFile(journal);
+
+  const ToolTesting::Result verify = Run("verify");
+  EXPECT_EQ(verify.status, ExitStatus::kOk) << verify.out;
+  EXPECT_TRUE(ToolTesting::Contains(verify.out, "an interrupted save will be rolled back when the library next opens it"))
+      << verify.out;
+  EXPECT_TRUE(ToolTesting::Contains(verify.out, "no problem found")) << verify.out;
+  const ToolTesting::Result info = Run("info");
+  EXPECT_TRUE(ToolTesting::Contains(info.out, "journal      an interrupted save will be rolled back")) << info.out;
+  const ToolTesting::Result cat = Run("cat", {std::to_string(ids_[3])});
+  EXPECT_EQ(std::vector<std::uint8_t>(cat.out.begin(), cat.out.end()), PackageTesting::Bytes(20000, 4));
+  // The tool wrote nothing: both files are as the dead process left them.
+  EXPECT_EQ(ToolTesting::ReadFile(file_), interrupted);
+  EXPECT_EQ(ToolTesting::ReadFile(journal), journalBytes);
+
+  // The library's next open rolls the save back.
+  RefPtr<IDataStreamSet> package = OpenFilePackage(PackageTesting::Config(file_.wstring()));
+  ASSERT_TRUE(package);
+  package.Reset();
+  EXPECT_EQ(ToolTesting::ReadFile(file_), saved);
+  EXPECT_FALSE(std::filesystem::exists(journal));
 }
 
 }  // namespace

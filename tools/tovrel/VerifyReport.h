@@ -15,9 +15,10 @@ namespace Tool {
 
 class VerifyReport {
  public:
-  // `checked` says what a clean check covered: "44 pages, 51 streams".
+  // `checked` says what a clean check covered: "44 pages, 51 streams";
+  // `note`, when not empty, is said first (a journal beside the file).
   static int Print(const Console& console, const std::string& name, const std::vector<std::string>& problems,
-                   const std::string& checked);
+                   const std::string& checked, const std::string& note = "");
 };
 
 }  // namespace Tool
