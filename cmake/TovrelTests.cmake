@@ -49,3 +49,16 @@ add_dependencies(tool_tests tovrel_tool)
 
 # A program outside the library that uses only its exported surface.
 add_subdirectory(${CMAKE_CURRENT_SOURCE_DIR}/tests/consumer ${CMAKE_BINARY_DIR}/tests/consumer)
+
+# The names the built library exports, compared with the list checked in for
+# its system (tests/exports/linux.txt, windows.txt).
+if(WIN32)
+  set(TOVREL_SYSTEM windows)
+  set(TOVREL_EXPORT_LISTER ${CMAKE_OBJDUMP})
+else()
+  set(TOVREL_SYSTEM linux)
+  set(TOVREL_EXPORT_LISTER ${CMAKE_NM})
+endif()
+add_test(NAME exports
+  COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/tests/exports/check.sh ${TOVREL_SYSTEM} $<TARGET_FILE:tovrel>
+          ${TOVREL_EXPORT_LISTER})
