@@ -2,7 +2,8 @@
 # Builds Tovrel with warnings as errors and runs every test: Linux (Release),
 # Linux under AddressSanitizer and UndefinedBehaviorSanitizer (Debug), the
 # Windows cross-build under wine (Debug), and a minute of fuzzing
-# (tools/fuzz.sh).
+# (tools/fuzz.sh). The Linux and Windows builds are also installed and used
+# from another project by their CTest test "install".
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/setup.sh
