@@ -49,3 +49,27 @@ add_dependencies(tool_tests tovrel_tool)
 
 # A program outside the library that uses only its exported surface.
 add_subdirectory(${CMAKE_CURRENT_SOURCE_DIR}/tests/consumer ${CMAKE_BINARY_DIR}/tests/consumer)
+
+# The names the built library exports, compared with the list checked in for
+# its system (tests/exports/linux.txt, windows.txt).
+if(WIN32)
+  set(TOVREL_SYSTEM windows)
+  set(TOVREL_EXPORT_LISTER ${CMAKE_OBJDUMP})
+  set(TOVREL_INSTALL_CHECK_TOOL ${CMAKE_TOOLCHAIN_FILE})
+else()
+  set(TOVREL_SYSTEM linux)
+  set(TOVREL_EXPORT_LISTER ${CMAKE_NM})
+  set(TOVREL_INSTALL_CHECK_TOOL ${CMAKE_CXX_COMPILER})
+endif()
+add_test(NAME exports
+  COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/tests/exports/check.sh ${TOVREL_SYSTEM} $<TARGET_FILE:tovrel>
+          ${TOVREL_EXPORT_LISTER})
+
+# The installed library used from another project (tests/install/check.sh).
+# A sanitized build is not one to install.
+if(NOT TOVREL_SANITIZE)
+  add_test(NAME install
+    COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/tests/install/check.sh ${TOVREL_SYSTEM} ${CMAKE_BINARY_DIR}
+            ${TOVREL_INSTALL_CHECK_TOOL} $<IF:$<BOOL:${TOVREL_WERROR}>,ON,OFF>)
+  set_tests_properties(install PROPERTIES TIMEOUT 900)
+endif()

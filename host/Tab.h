@@ -52,7 +52,10 @@ class Tab {
   // Appends count elements copied from items; returns the index of the first.
   INT_PTR Append(INT_PTR count, const T* items) {
     const INT_PTR first = Count();
-    if (count > 0) items_.insert(items_.end(), items, items + count);
+    if (count > 0) {
+      items_.resize(static_cast<std::size_t>(first + count));
+      std::memcpy(items_.data() + first, items, static_cast<std::size_t>(count) * sizeof(T));
+    }
     return first;
   }
 

@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 dir=${FUZZ_BUILD_DIR:-build/fuzz}
 mkdir -p "$(dirname "$dir")"
 cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-  -DTOVREL_FUZZ=ON -DTOVREL_TESTS=OFF > "$dir.configure.log" 2>&1 || { cat "$dir.configure.log"; exit 1; }
+  -DTOVREL_FUZZ=ON -DTOVREL_TESTS=OFF -DTOVREL_WERROR=ON > "$dir.configure.log" 2>&1 || { cat "$dir.configure.log"; exit 1; }
 targets=(package effectcache)
 for t in "${targets[@]}"; do
   cmake --build "$dir" -j "${FUZZ_JOBS:-$(nproc)}" --target "${t}_fuzz" "${t}_corpus"

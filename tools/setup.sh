@@ -3,8 +3,8 @@
 # skipping what is already there. Needs root (or sudo) when anything is missing.
 set -euo pipefail
 
-packages=(cmake make g++ clang libclang-rt-dev zlib1g-dev googletest libgtest-dev libbenchmark-dev libsqlite3-dev
-          g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64)
+packages=(cmake make g++ binutils clang libclang-rt-dev zlib1g-dev googletest libgtest-dev libbenchmark-dev libsqlite3-dev
+          pkg-config g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 libz-mingw-w64-dev wine wine64)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# Builds Tovrel and runs every test: Linux, Linux under AddressSanitizer and
-# UndefinedBehaviorSanitizer, the Windows cross-build under wine, and a
-# minute of fuzzing (tools/fuzz.sh).
+# Builds Tovrel with warnings as errors and runs every test: Linux (Release),
+# Linux under AddressSanitizer and UndefinedBehaviorSanitizer (Debug), the
+# Windows cross-build under wine (Debug), and a minute of fuzzing
+# (tools/fuzz.sh). The Linux and Windows builds are also installed and used
+# from another project by their CTest test "install".
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/setup.sh
@@ -10,10 +12,10 @@ jobs=$(nproc)
 export WINEDEBUG=-all
 export CTEST_OUTPUT_ON_FAILURE=1
 
-run() {  # name, cmake arguments...
-  local dir="build/$1"; shift
-  echo "=== $dir"
-  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Debug "$@" > "$dir.configure.log" 2>&1 || {
+run() {  # name, build type, cmake arguments...
+  local dir="build/$1" type=$2; shift 2
+  echo "=== $dir ($type)"
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE="$type" -DTOVREL_WERROR=ON "$@" > "$dir.configure.log" 2>&1 || {
     cat "$dir.configure.log"; exit 1; }
   cmake --build "$dir" -j "$jobs"
   (cd "$dir" && ctest -j "$jobs") | tee "$dir.ctest.log"
@@ -23,10 +25,10 @@ run() {  # name, cmake arguments...
 passed=0
 
 mkdir -p build
-run linux
-run sanitize -DTOVREL_SANITIZE=ON
+run linux Release
+run sanitize Debug -DTOVREL_SANITIZE=ON
 wine wineboot --init > /dev/null 2>&1 || true
-run windows -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake
+run windows Debug -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake
 echo "=== fuzzing (full output in build/fuzz.log)"
 if ! bash tools/fuzz.sh > build/fuzz.log 2>&1; then
   tail -80 build/fuzz.log

@@ -50,7 +50,7 @@ TEST(EffectIndexTest, RecordsOutOfRangeAndShortStreamsAreRefused) {
   RefPtr<IDataStream> out(memory);
   ASSERT_TRUE(EffectIndex::WriteEntry(out, "ab", RecordFor("ab", 10)));
   std::vector<std::uint8_t> cut = memory->Bytes();
-  cut.pop_back();
+  cut.resize(cut.size() - 1);
   RefPtr<IDataStream> in(new MemoryDataStream(cut));
   std::string name;
   EffectRecord record{};

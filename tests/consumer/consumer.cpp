@@ -1,9 +1,14 @@
 // Uses the library through its exported surface only: creates a package,
-// fills streams, saves, reopens, reads back, removes, and builds the
-// exported interface classes of its own. Exits 0 when everything agrees.
+// fills streams, saves, reopens, reads back, removes; caches an effect and
+// finds it again from a new cache object; sees one time stamp's renewal
+// from another; and builds the exported interface classes of its own.
+// Exits 0 when everything agrees. Its one argument names the package file;
+// the cache folder and the time stamp are named after it.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -72,11 +77,59 @@ void UsePackage(const std::wstring& path) {
   Check(!Tovrel::OpenFilePackage(missing), "missing file refused");
 }
 
+void UseEffectCache(const std::string& folder) {
+  std::filesystem::create_directories(folder);
+  const WStr where(std::wstring(folder.begin(), folder.end()));
+  const WStr name(L"shaders/glass.fx");
+  const std::vector<unsigned char> effect = Pattern(30000, 9);
+  {
+    RefPtr<Tovrel::EffectCacheSystem> cache(new Tovrel::EffectCacheSystem(where));
+    Check(cache->IsEnabled(), "cache enabled");
+    Check(cache->CacheCompiledEffect(name, effect.data(), effect.size(), false), "cache effect");
+  }
+  RefPtr<Tovrel::EffectCacheSystem> cache(new Tovrel::EffectCacheSystem(where));
+  Check(cache->GetNumberOfEffectsInFile() == 1, "effect saved");
+  Tab<unsigned char> found;
+  Check(cache->SearchCachedEffects(name, found), "effect found");
+  Check(found.Count() == static_cast<INT_PTR>(effect.size()) &&
+            std::memcmp(found.Addr(0), effect.data(), effect.size()) == 0,
+        "effect bytes");
+  Check(!cache->SearchCachedEffects(WStr(L"shaders/none.fx"), found), "unknown effect");
+  cache = RefPtr<Tovrel::EffectCacheSystem>();
+  std::filesystem::remove_all(folder);
+}
+
+void UseTimeStamps(const std::string& name) {
+  const std::wstring shared = L"tovrel_consumer_" + std::wstring(name.begin(), name.end());
+  std::unique_ptr<Tovrel::MultiProcessTimeStamp> mine(new Tovrel::MultiProcessTimeStamp);
+  std::unique_ptr<Tovrel::MultiProcessTimeStamp> theirs(new Tovrel::MultiProcessTimeStamp);
+  Check(mine->Initialize(shared.c_str()) && theirs->Initialize(shared.c_str()), "time stamps");
+  mine->UpdateTimeStamp();
+  Check(theirs->IsChanged() && !theirs->IsChanged() && !mine->IsChanged(), "time stamp renewal seen");
+}
+
+void UseHostTypes() {
+  Tab<unsigned char> empty;
+  bool refused = false;
+  try {
+    empty.Addr(0);
+  } catch (const NorvaneSDK::Util::TabOutOfRangeException&) {
+    refused = true;
+  }
+  Check(refused, "tab index refused");
+  WStr text(L"glass");
+  text += WStr(L".fx");
+  Check(text == WStr(L"glass.fx") && text.Length() == 8, "wide string");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const std::string name = argc > 1 ? argv[1] : "consumer-package.dat";
   UsePackage(std::wstring(name.begin(), name.end()));
+  UseEffectCache(name + "-fxcache");
+  UseTimeStamps(name);
+  UseHostTypes();
   RefPtr<Tovrel::IDataStream> own(new Counter);
   Check(own->Seek(0, 0) && !own->Seek(0, 1), "own stream");
   Tovrel::VertexNormalsControl control;

@@ -39,6 +39,14 @@ TEST(TovrelProgramTest, HelpEndsWithZeroAndNoCommandWithAUsageError) {
   EXPECT_TRUE(ToolTesting::Contains(unknown.err, "tovrel: unknown command \"tovrel frob\"")) << unknown.err;
 }
 
+TEST(TovrelProgramTest, VersionPrintsTheProjectsVersion) {
+  TempDir dir;
+  const ToolTesting::Result version = ToolTesting::RunProgram({"--version"}, dir.Path());
+  EXPECT_EQ(version.status, ExitStatus::kOk);
+  EXPECT_EQ(version.out, std::string("tovrel ") + TOVREL_VERSION + "\n");
+  EXPECT_EQ(version.err, "");
+}
+
 TEST(TovrelProgramTest, CatWritesTheStreamsBytesUnchanged) {
   TempDir dir;
   const fs::path file = dir.Path() / "p.pkg";

@@ -24,11 +24,16 @@ std::shared_ptr<CommandGroup> TovrelTool::Commands() {
       "Looks into Tovrel package files and effect cache folders, and plays a host\n"
       "that uses an effect cache (demo).\n\n"
       "exit status: 0 done; 1 problems found (verify) or the command failed;\n"
-      "2 the file cannot be read at all; 3 the command line is wrong",
+      "2 the file cannot be read at all; 3 the command line is wrong\n\n"
+      "\"tovrel --version\" prints the version of Tovrel it was built from.",
       std::move(commands));
 }
 
 int TovrelTool::Run(const std::vector<std::string>& words, Console& console) {
+  if (words.size() == 1 && words[0] == "--version") {
+    console.Out() << "tovrel " << TOVREL_VERSION << "\n";
+    return ExitStatus::kOk;
+  }
   try {
     return Commands()->Run(words, console);
   } catch (const ToolError& e) {

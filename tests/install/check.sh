@@ -1,0 +1,118 @@
+#!/usr/bin/env bash
+# Installs a built Tovrel into a prefix of its own and uses it from there as
+# a host developer would:
+#
+#   check.sh linux   BUILD_DIR C++_COMPILER WERROR
+#   check.sh windows BUILD_DIR TOOLCHAIN_FILE WERROR
+#
+# Both: the headers installed are exactly those of headers.txt, and the
+# program of tests/consumer, built as a project of its own that finds the
+# library with find_package(Tovrel), runs (and compiles every installed
+# header on its own on the way).
+# Linux: the program runs against the prefix's libtovrel.so, and is built
+# a second time with nothing but `pkg-config --cflags --libs tovrel`.
+# Windows: the import library names tovrel.dll; the DLL and the tool import
+# system DLLs only (this is what proves that no zlib1.dll is needed: wine
+# has a zlib1.dll of its own, and its own parts need it, so it cannot be
+# switched off); the program is cross-built against the prefix's import
+# library and run under wine in a folder that holds only it and tovrel.dll,
+# with an empty WINEPATH.
+# Everything happens in BUILD_DIR/install-check.
+set -euo pipefail
+system=$1 build=$(cd "$2" && pwd) third=$3 werror=$4
+source_dir=$(cd "$(dirname "$0")/../.." && pwd)
+work=$build/install-check
+prefix=$work/prefix
+rm -rf "$work"
+mkdir -p "$work/run"
+
+fail() { echo "FAILED: $*"; exit 1; }
+step() { echo "--- $*"; }
+quiet() {  # runs a command, showing its output only when it fails
+  local log=$work/step.log
+  "$@" > "$log" 2>&1 || { cat "$log"; fail "$*"; }
+}
+
+step "install into $prefix"
+quiet cmake --install "$build" --prefix "$prefix"
+(cd "$prefix" && find . -mindepth 1 | sed 's|^\./||' | LC_ALL=C sort) > "$work/installed.txt"
+sed 's/^/  /' "$work/installed.txt"
+
+step "installed headers"
+(cd "$prefix" && find include -type f | LC_ALL=C sort) > "$work/headers.txt"
+diff -u "$source_dir/tests/install/headers.txt" "$work/headers.txt" ||
+  fail "the installed headers differ from tests/install/headers.txt (- expected, + installed)"
+
+consumer_args=(-S "$source_dir/tests/consumer" -B "$work/cmake" -DTOVREL_WERROR="$werror")
+expect_passed() {  # output of a consumer run
+  grep -qx "consumer: all checks passed" <<< "$1" || { echo "$1"; fail "the consumer's checks"; }
+}
+
+if [ "$system" = linux ]; then
+  step "consumer through find_package(Tovrel)"
+  quiet cmake "${consumer_args[@]}" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$third"
+  quiet cmake --build "$work/cmake" -j 2
+  ldd "$work/cmake/tovrel_consumer" | grep -q "=> $prefix/lib/libtovrel.so" ||
+    fail "the consumer does not load the installed libtovrel.so"
+  expect_passed "$(cd "$work/run" && "$work/cmake/tovrel_consumer" cmake-consumer.dat)"
+
+  step "consumer through pkg-config"
+  export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
+  read -r -a flags <<< "$(pkg-config --cflags --libs tovrel)"
+  echo "  pkg-config --cflags --libs tovrel: ${flags[*]}"
+  warnings=(-Wall -Wextra)
+  [ "$werror" = ON ] && warnings+=(-Werror)
+  quiet "$third" -std=c++17 "${warnings[@]}" "$source_dir/tests/consumer/consumer.cpp" "${flags[@]}" \
+    -o "$work/pkg-config-consumer"
+  expect_passed "$(cd "$work/run" && LD_LIBRARY_PATH=$prefix/lib "$work/pkg-config-consumer" pc-consumer.dat)"
+
+  step "installed tool"
+  version=$("$prefix/bin/tovrel" --version)
+  [ "$version" = "tovrel $(pkg-config --modversion tovrel)" ] || fail "tovrel --version printed \"$version\""
+  echo "  $version"
+  echo "install check passed"
+  exit 0
+fi
+
+mingw=x86_64-w64-mingw32
+wine=$(command -v wine64 || command -v wine)
+export WINEDEBUG=-all
+system_dlls='^(kernel32|msvcrt|ucrtbase|api-ms-win-[a-z0-9-]+|shell32|user32|advapi32|ws2_32|bcrypt|ntdll)\.dll$'
+imports() { "$mingw-objdump" -p "$1" | sed -n 's/^\tDLL Name: //p'; }
+
+step "import library"
+named=$("$mingw-dlltool" --identify "$prefix/lib/libtovrel.dll.a")
+[ "$named" = tovrel.dll ] || fail "lib/libtovrel.dll.a imports from \"$named\", not tovrel.dll"
+echo "  lib/libtovrel.dll.a names $named"
+
+step "imports of the DLL and the tool"
+for file in bin/tovrel.dll bin/tovrel.exe; do
+  dlls=$(imports "$prefix/$file")
+  echo "  $file: $(echo $dlls)"
+  others=$(grep -viE "$system_dlls" <<< "$dlls" || true)
+  [ -z "$others" ] || fail "$file imports DLLs that are not the system's: $(echo $others)"
+done
+[ -z "$(find "$prefix" -iname zlib1.dll)" ] || fail "a zlib1.dll was installed"
+
+step "consumer through find_package(Tovrel), cross-built"
+# The toolchain confines find_package to the mingw folders, so the package
+# folder is named directly.
+quiet cmake "${consumer_args[@]}" -DCMAKE_TOOLCHAIN_FILE="$third" -DTovrel_DIR="$prefix/lib/cmake/Tovrel"
+quiet cmake --build "$work/cmake" -j 2
+dlls=$(imports "$work/cmake/tovrel_consumer.exe")
+grep -qx tovrel.dll <<< "$dlls" || fail "the consumer does not import tovrel.dll"
+others=$(grep -vx tovrel.dll <<< "$dlls" | grep -viE "$system_dlls" || true)
+[ -z "$others" ] || fail "the consumer imports $(echo $others)"
+
+step "consumer under wine, beside tovrel.dll alone"
+cp "$work/cmake/tovrel_consumer.exe" "$prefix/bin/tovrel.dll" "$work/run/"
+[ -z "$(find "$work/run" -iname zlib1.dll)" ] || fail "a zlib1.dll lies beside the consumer"
+output=$(cd "$work/run" && WINEPATH= "$wine" tovrel_consumer.exe wine-consumer.dat) ||
+  { echo "$output"; fail "the consumer under wine"; }
+expect_passed "$(tr -d '\r' <<< "$output")"
+
+step "installed tool under wine"
+version=$(cd "$work/run" && WINEPATH= "$wine" "$prefix/bin/tovrel.exe" --version | tr -d '\r')
+grep -qx "tovrel [0-9]*\.[0-9]*\.[0-9]*" <<< "$version" || fail "tovrel --version printed \"$version\""
+echo "  $version"
+echo "install check passed"
