@@ -8,6 +8,8 @@
 //   name; against uncompress of the same compressed bytes alone, and
 //   against SQLite look-ups of the same names.
 // - Open: constructing an EffectCacheSystem on the saved folder.
+// - The journal's cost: the same save with journaling off (no journal, no
+//   sync: not crash-safe, for comparison only), and the syncs per save.
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 #include <zlib.h>
@@ -18,6 +20,8 @@
 #include <vector>
 
 #include "StdioBaseline.h"
+#include "pagefile/FilePageCache.h"
+#include "platform/FileFaults.h"
 #include "support/EffectTesting.h"
 #include "support/TempDir.h"
 #include "tovrel/tovrel.h"
@@ -162,16 +166,33 @@ class SqliteStore {
   sqlite3* db_ = nullptr;
 };
 
+// Seconds of the same save with journaling off.
+double CacheSaveAllUnjournaled(const Workload& w, const std::wstring& folder) {
+  FilePageCache::SetJournaling(false);
+  const double t = CacheSaveAll(w, folder);
+  FilePageCache::SetJournaling(true);
+  return t;
+}
+
 void BM_EffectCacheSaveAndSearch(benchmark::State& state) {
   const Workload& w = TheWorkload();
   double ours = 0, compress = 0, sqliteSave = 0, search = 0, uncompressTime = 0, sqliteSearch = 0, open = 0;
+  double unjournaled = 0, syncs = 0, saves = 0;
   std::size_t compressedBytes = 0;
   for (auto _ : state) {
     Testing::TempDir dir;
     const auto compressed = CompressAll(w, &compress);
     compressedBytes = 0;
     for (const auto& c : compressed) compressedBytes += c.size();
+    {
+      Testing::TempDir plain;
+      unjournaled = CacheSaveAllUnjournaled(w, plain.Path().wstring());
+    }
+    FileFaults::StartCounting();
     ours = CacheSaveAll(w, dir.Path().wstring());
+    syncs = static_cast<double>(FileFaults::Calls(FileCall::kSync));
+    saves = static_cast<double>(FileFaults::Calls(FileCall::kRemove));  // each save deletes its journal
+    FileFaults::Reset();
     search = CacheSearchAll(w, dir.Path().wstring(), &open);
     uncompressTime = UncompressAll(w, compressed);
     {
@@ -190,6 +211,9 @@ void BM_EffectCacheSaveAndSearch(benchmark::State& state) {
   state.counters["save_MiBps"] = mib / ours;
   state.counters["save_vs_compress2"] = compress / ours;
   state.counters["save_vs_sqlite"] = sqliteSave / ours;
+  state.counters["save_vs_unjournaled"] = unjournaled / ours;
+  state.counters["saves"] = saves;
+  state.counters["syncs_per_save"] = saves > 0 ? syncs / saves : 0;
   state.counters["search_MiBps"] = mib / search;
   state.counters["search_vs_uncompress"] = uncompressTime / search;
   state.counters["search_vs_sqlite"] = sqliteSearch / search;

@@ -1,5 +1,6 @@
 #include "pagefile/FilePageCache.h"
 
+#include <atomic>
 #include <cassert>
 #include <cerrno>
 #include <cstring>
@@ -21,7 +22,8 @@ FilePageCache::FilePageCache(const wchar_t* path, std::uint64_t capacity)
       leastRecent_(nullptr),
       zerosFrom_(0),
       savedLength_(0),
-      access_(Access::kUpdate) {
+      access_(Access::kUpdate),
+      journaling_(true) {
   Open(path, capacity);
 }
 
@@ -34,7 +36,8 @@ FilePageCache::FilePageCache(const wchar_t* path, std::uint64_t capacity, Access
       leastRecent_(nullptr),
       zerosFrom_(0),
       savedLength_(0),
-      access_(access) {
+      access_(access),
+      journaling_(true) {
   if (access == Access::kReadOnly) {
     OpenReadOnly(path, capacity);
   } else {
@@ -120,6 +123,7 @@ void FilePageCache::Adopt(FileHandle* file, const wchar_t* path, std::uint64_t l
   file_ = file;
   path_ = path;
   access_ = access;
+  journaling_ = IsJournaling();
   journal_.Attach(path_);
   journalImages_.clear();
   fileLength_ = length;
@@ -282,12 +286,25 @@ void FilePageCache::EnsureFileCoversPage(std::uint64_t pageId) {
 }
 
 bool FilePageCache::NeedsJournal(std::uint64_t index) const {
-  return index * kPageSize < savedLength_ && !(index < savedFree_.size() && savedFree_[index]);
+  return journaling_ && index * kPageSize < savedLength_ && !(index < savedFree_.size() && savedFree_[index]);
 }
 
 void FilePageCache::BeginJournalIfNeeded() {
-  if (!journal_.IsActive()) journal_.Begin(savedLength_);
+  if (journaling_ && !journal_.IsActive()) journal_.Begin(savedLength_);
 }
+
+namespace {
+
+std::atomic<bool>& JournalingSwitch() {
+  static std::atomic<bool> on{true};
+  return on;
+}
+
+}  // namespace
+
+void FilePageCache::SetJournaling(bool on) { JournalingSwitch().store(on); }
+
+bool FilePageCache::IsJournaling() { return JournalingSwitch().load(); }
 
 void FilePageCache::ProtectBeforeChange(const CachedPage& page) {
   const std::uint64_t pageId = page.index + kFirstPageId;

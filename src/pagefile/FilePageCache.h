@@ -126,6 +126,13 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // Walks the whole structure and asserts every invariant (debug builds).
   void CheckInvariants() const;
 
+  // Process-wide: with journaling off, caches opened afterwards keep no
+  // journal and sync nothing (a save is then not crash-safe). Only for
+  // benchmarks that measure what the journal costs; the library itself
+  // never turns it off.
+  static void SetJournaling(bool on);
+  static bool IsJournaling();
+
  private:
   struct CachedPage {
     std::uint64_t index;     // page id - 10, also file offset / 8192
@@ -205,6 +212,7 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // the journal instead of one each. A miss on one takes it back.
   std::map<std::uint64_t, CachedPage*> deferred_;
   RollbackJournal journal_;
+  bool journaling_;  // IsJournaling() when the file was opened
 };
 
 }  // namespace Tovrel
