@@ -285,6 +285,46 @@ void FilePageCache::EnsureFileCoversPage(std::uint64_t pageId) {
   }
 }
 
+void FilePageCache::CutFile(std::uint64_t pages) {
+  CheckInvariants();
+  const std::uint64_t length = pages * kPageSize;
+  if (access_ == Access::kReadOnly) throw FileIOException(EROFS);
+  if (length >= fileLength_) throw InvalidParameterException();
+  for (std::uint64_t idx = pages; idx < index_.size(); ++idx) {
+    if (index_[idx] != nullptr && index_[idx]->pinCount > 0) throw InvalidParameterException();
+  }
+  BeginJournalIfNeeded();
+  // Every page of the saved state that the cut takes away goes to the
+  // journal first, and the journal to stable storage.
+  std::vector<std::uint8_t> image(kPageSize);
+  for (std::uint64_t idx = pages; idx * kPageSize < savedLength_ && idx * kPageSize < fileLength_; ++idx) {
+    if (!NeedsJournal(idx) || journal_.IsJournaled(idx + kFirstPageId)) continue;
+    const CachedPage* cached = idx < index_.size() ? index_[idx] : nullptr;
+    if (cached != nullptr) {
+      std::memcpy(image.data(), cached->data, kPageSize);  // clean: a dirty page is journaled already
+    } else {
+      PageFileIO::ReadPage(file_, fileLength_, image.data(), idx * kPageSize);
+    }
+    journal_.Append(idx + kFirstPageId, image.data());
+  }
+  journal_.SyncIfNeeded();
+  errno = 0;
+  if (PlatformFile::Truncate(file_, length) != 0) throw FileIOException(errno);
+  for (std::uint64_t idx = pages; idx < index_.size(); ++idx) {
+    if (CachedPage* page = index_[idx]) {
+      index_[idx] = nullptr;
+      Unlink(page);
+      delete page;
+    }
+  }
+  for (auto waiting = deferred_.lower_bound(pages); waiting != deferred_.end();) {
+    delete waiting->second;
+    waiting = deferred_.erase(waiting);
+  }
+  fileLength_ = length;
+  if (zerosFrom_ > length) zerosFrom_ = length;
+}
+
 bool FilePageCache::NeedsJournal(std::uint64_t index) const {
   return journaling_ && index * kPageSize < savedLength_ && !(index < savedFree_.size() && savedFree_[index]);
 }

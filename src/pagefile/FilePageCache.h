@@ -108,6 +108,13 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // Grows the file with zeros so that the page lies inside it.
   void EnsureFileCoversPage(std::uint64_t pageId);
 
+  // Cuts the file to `pages` pages (the pages past them are dropped from
+  // the cache unwritten). Part of the save under way: a rollback gives the
+  // file its saved length back, and the cut is durable at the next Commit.
+  // FileIOException on failure; InvalidParameterException for a length
+  // not below the file's, or with a page past it still pinned.
+  void CutFile(std::uint64_t pages);
+
   // Drops one pin of the page, if it is cached. Used by PageRef.
   void UnpinPage(std::uint64_t pageId);
 

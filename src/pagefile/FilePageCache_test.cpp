@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "pagefile/FileIOException.h"
+#include "pagefile/InvalidParameterException.h"
 #include "pagefile/PageRef.h"
 #include "pagefile/RollbackJournal.h"
 #include "platform/FileFaults.h"
@@ -461,6 +462,28 @@ TEST_F(FilePageCacheTest, PagesFreeInTheSavedStateAreNotJournaled) {
   cache.Commit();
   EXPECT_EQ(FileFaults::Calls(FileCall::kSync), 2u);  // the journal, then the file
   FileFaults::Reset();
+}
+
+TEST_F(FilePageCacheTest, CuttingTheFileIsUndoneByARollbackAndKeptByACommit) {
+  Testing::InstalledFileSystem memory;
+  const auto bytes = Pattern(5, 3);
+  memory.Memory().WriteAll(L"c.bin", bytes);
+  FilePageCache cache(L"c.bin", 4);
+  cache.GetPage(13, false)[0] = 9;  // a page the cut drops
+  cache.UnpinPage(13);
+  EXPECT_THROW(cache.CutFile(5), InvalidParameterException);
+  cache.CutFile(2);
+  EXPECT_EQ(cache.GetFileLength(), 2 * kPageSize);
+  EXPECT_FALSE(cache.IsCached(13));
+  EXPECT_EQ(memory.Memory().ReadAll(L"c.bin").size(), 2 * kPageSize);
+  cache.Rollback();
+  EXPECT_EQ(memory.Memory().ReadAll(L"c.bin"), bytes);
+  EXPECT_EQ(cache.GetFileLength(), 5 * kPageSize);
+  cache.CutFile(3);
+  cache.Commit();
+  EXPECT_EQ(memory.Memory().ReadAll(L"c.bin"), std::vector<std::uint8_t>(bytes.begin(), bytes.begin() + 3 * kPageSize));
+  EXPECT_EQ(memory.Memory().UnsyncedChangeCount(L"c.bin"), 0u);
+  EXPECT_EQ(cache.GetSavedLength(), 3 * kPageSize);
 }
 
 }  // namespace
