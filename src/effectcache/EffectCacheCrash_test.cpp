@@ -71,11 +71,11 @@ TEST(EffectCacheCrashTest, TheWorkloadTrimsAndReplacesEffects) {
 }
 
 TEST(EffectCacheCrashTest, APowerCutAtAnyFileCallLeavesTheLastSaveOrTheOneUnderWay) {
-  for (std::uint32_t seed : {1u, 2u}) CrashEverywhere(CrashRunner::Crash::kPowerLoss, seed, 300);
+  for (std::uint32_t seed : CrashRunner::Seeds({1, 2}, 100)) CrashEverywhere(CrashRunner::Crash::kPowerLoss, seed, 300);
 }
 
 TEST(EffectCacheCrashTest, AProcessDeathAtAnyFileCallLeavesTheLastSaveOrTheOneUnderWay) {
-  CrashEverywhere(CrashRunner::Crash::kProcessDeath, 3, 300);
+  for (std::uint32_t seed : CrashRunner::Seeds({3}, 200)) CrashEverywhere(CrashRunner::Crash::kProcessDeath, seed, 300);
 }
 
 TOVREL_CHILD_ROLE(effect_crash) {

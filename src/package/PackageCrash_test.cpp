@@ -57,11 +57,11 @@ void CrashEverywhere(CrashRunner::Crash crash, std::uint32_t seed, std::size_t s
 }
 
 TEST(PackageCrashTest, APowerCutAtAnyFileCallLeavesTheLastSaveOrTheOneUnderWay) {
-  for (std::uint32_t seed : {1u, 2u, 3u}) CrashEverywhere(CrashRunner::Crash::kPowerLoss, seed, 400);
+  for (std::uint32_t seed : CrashRunner::Seeds({1, 2, 3}, 100)) CrashEverywhere(CrashRunner::Crash::kPowerLoss, seed, 400);
 }
 
 TEST(PackageCrashTest, AProcessDeathAtAnyFileCallLeavesTheLastSaveOrTheOneUnderWay) {
-  for (std::uint32_t seed : {4u, 5u}) CrashEverywhere(CrashRunner::Crash::kProcessDeath, seed, 400);
+  for (std::uint32_t seed : CrashRunner::Seeds({4, 5}, 200)) CrashEverywhere(CrashRunner::Crash::kProcessDeath, seed, 400);
 }
 
 TOVREL_CHILD_ROLE(package_crash) {

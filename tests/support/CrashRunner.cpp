@@ -64,6 +64,15 @@ bool CrashRunner::Exhaustive() {
   return value != nullptr && std::strcmp(value, "1") == 0;
 }
 
+std::vector<std::uint32_t> CrashRunner::Seeds(const std::vector<std::uint32_t>& defaults, std::uint32_t first) {
+  const char* value = std::getenv("TOVREL_CRASH_SEEDS");
+  const long count = value != nullptr ? std::strtol(value, nullptr, 10) : 0;
+  if (count <= 0) return defaults;
+  std::vector<std::uint32_t> seeds;
+  for (long i = 0; i < count; ++i) seeds.push_back(first + static_cast<std::uint32_t>(i));
+  return seeds;
+}
+
 std::vector<std::uint64_t> CrashRunner::Points(std::uint64_t calls, std::size_t sample, std::uint32_t seed) {
   std::vector<std::uint64_t> points;
   if (calls == 0) return points;

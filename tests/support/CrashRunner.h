@@ -52,6 +52,9 @@ class CrashRunner {
   // evenly with a seeded offset (the first and the last always in).
   static std::vector<std::uint64_t> Points(std::uint64_t calls, std::size_t sample, std::uint32_t seed);
   static bool Exhaustive();
+  // The seeds to run: `defaults`, or, when the environment variable
+  // TOVREL_CRASH_SEEDS is a number n, seeds `first` to `first` + n - 1.
+  static std::vector<std::uint32_t> Seeds(const std::vector<std::uint32_t>& defaults, std::uint32_t first);
 };
 
 }  // namespace Testing

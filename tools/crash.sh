@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Runs the crash tests at every file call of their workloads instead of a
+# sample, over more seeds (CRASH_SEEDS, 10 by default), and the child
+# process crashes at every call too, on the Linux build; prints what was
+# run. CI runs a bounded sample of the same tests.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash tools/setup.sh
+dir=build/crash
+cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Release > "$dir.configure.log" 2>&1 || { cat "$dir.configure.log"; exit 1; }
+cmake --build "$dir" -j "$(nproc)" --target package_tests effectcache_tests
+export TOVREL_CRASH_EXHAUSTIVE=1 TOVREL_CRASH_SEEDS=${CRASH_SEEDS:-10}
+for t in package effectcache; do
+  filter=$([ "$t" = package ] && echo 'PackageCrash*' || echo 'EffectCacheCrash*:EffectCacheKill*')
+  "$dir/${t}_tests" --gtest_filter="$filter" --gtest_output="xml:$dir/$t-crash.xml"
+  grep -oE 'name="[a-z0-9_]+" value="[0-9]+"' "$dir/$t-crash.xml" | sed 's/name="//; s/" value="/ = /; s/"$//'
+done
