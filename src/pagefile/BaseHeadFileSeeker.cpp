@@ -20,9 +20,9 @@ void BaseHeadFileSeeker::ResetTable() {
 }
 
 void BaseHeadFileSeeker::SizeTable(std::uint64_t count) {
-  pageIds_.assign(count, 0);
-  nextIds_.assign(count, 0);
-  ranges_.assign(count, PageRange{0, 0});
+  pageIds_.Zero(count);
+  nextIds_.Zero(count);
+  ranges_.Zero(count);
   pageIds = pageIds_.data();
   pageRanges = ranges_.data();
 }

@@ -18,6 +18,7 @@
 
 #include "pagefile/FilePageCache.h"
 #include "pagefile/IPagedFileSeeker.h"
+#include "pagefile/ZeroedArray.h"
 
 namespace Tovrel {
 
@@ -41,7 +42,7 @@ class BaseHeadFileSeeker : public IPagedFileSeeker {
   std::uint64_t GetNextId(std::uint64_t pageIndex) const { return nextIds_[pageIndex]; }
 
  protected:
-  // Empties the table and zeroes the public fields (storage is kept).
+  // Empties the table and zeroes the public fields.
   void ResetTable();
   // Sizes the three arrays to `count` zeroed entries and points the views.
   void SizeTable(std::uint64_t count);
@@ -54,9 +55,9 @@ class BaseHeadFileSeeker : public IPagedFileSeeker {
   std::uint64_t lastPrepared_;
   // The three arrays have pageCount entries each once the seeker is set up;
   // the base class's views point at pageIds_ and ranges_.
-  std::vector<std::uint64_t> pageIds_;
-  std::vector<std::uint64_t> nextIds_;  // next-page id from each page's header
-  std::vector<PageRange> ranges_;
+  ZeroedArray<std::uint64_t> pageIds_;
+  ZeroedArray<std::uint64_t> nextIds_;  // next-page id from each page's header
+  ZeroedArray<PageRange> ranges_;
 };
 
 }  // namespace Tovrel

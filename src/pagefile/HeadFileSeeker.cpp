@@ -12,12 +12,12 @@ namespace {
 
 bool IsMarked(const std::vector<std::uint64_t>& bits, std::uint64_t pageId) {
   const std::uint64_t i = pageId - kFirstPageId;
-  return !bits.empty() && (bits[i / 64] >> (i % 64) & 1) != 0;
+  return i / 64 < bits.size() && (bits[i / 64] >> (i % 64) & 1) != 0;
 }
 
 void Mark(std::vector<std::uint64_t>& bits, std::uint64_t pageId) {
   const std::uint64_t i = pageId - kFirstPageId;
-  if (bits.empty()) bits.assign((kPageLimit + 63) / 64, 0);
+  if (i / 64 >= bits.size()) bits.resize(i / 64 + 1, 0);
   bits[i / 64] |= std::uint64_t{1} << (i % 64);
 }
 
