@@ -17,6 +17,7 @@ case "$phase" in
   *) echo "usage: $0 save|search [entries]" >&2; exit 2 ;;
 esac
 bash tools/setup.sh
+command -v perf > /dev/null || { [ "$(id -u)" -eq 0 ] && DEBIAN_FRONTEND=noninteractive apt-get install -y -q linux-perf > /dev/null; }
 dir=build/bench
 cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Release -DTOVREL_TESTS=OFF -DTOVREL_BENCH=ON > /dev/null
 cmake --build "$dir" -j "$(nproc)" --target effectcache_bench > /dev/null

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake make g++ binutils clang libclang-rt-dev zlib1g-dev googletest libgtest-dev
-          libbenchmark-dev libsqlite3-dev liblmdb-dev libleveldb-dev linux-perf
+          libbenchmark-dev libsqlite3-dev liblmdb-dev libleveldb-dev
           pkg-config g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 libz-mingw-w64-dev wine wine64)
 missing=()
 for p in "${packages[@]}"; do
