@@ -398,6 +398,7 @@ bool EffectCacheImpl::RefreshIfChanged() {
 
 bool EffectCacheImpl::TrimToLimit(std::uint64_t limit, std::uint64_t* removed) {
   if (!package_) return false;
+  if (package_->GetTotalStreamSize() < limit) return true;  // nothing to remove: no need to sort
   std::vector<FileMap::iterator> candidates;
   for (auto it = fileEffects_.begin(); it != fileEffects_.end(); ++it) {
     if (it->second.permanent == 0) candidates.push_back(it);

@@ -214,7 +214,7 @@ void FilePageCache::FreeAllPages() {
   mostRecent_ = leastRecent_ = nullptr;
 }
 
-std::uint8_t* FilePageCache::GetPage(std::uint64_t pageId, bool forRead) {
+std::uint8_t* FilePageCache::GetPage(std::uint64_t pageId, bool forRead, bool overwrite) {
   assert(capacity_ >= 1 || file_ == nullptr);
   if (!IsPageId(pageId)) return nullptr;
   const std::uint64_t idx = pageId - kFirstPageId;
@@ -243,7 +243,11 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t pageId, bool forRead) {
   if (!forRead) EnsureFileCoversPage(pageId);
   const std::uint64_t offset = idx * kPageSize;
   const auto image = journalImages_.find(idx);
-  if (image != journalImages_.end() && offset < fileLength_) {
+  const bool keepsOldBytes = NeedsJournal(idx) && !journal_.IsJournaled(pageId);
+  if (!forRead && overwrite && !keepsOldBytes) {
+    // Every byte is about to be written: the old ones need not be read.
+    std::memset(page->data, 0, kPageSize);
+  } else if (image != journalImages_.end() && offset < fileLength_) {
     std::memcpy(page->data, image->second.data(), kPageSize);
   } else if (offset >= zerosFrom_ && offset + kPageSize <= fileLength_) {
     // The page was appended as zeros and not written since: its image is

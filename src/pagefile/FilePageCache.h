@@ -102,8 +102,11 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // cache full of pinned pages. A page obtained for writing (forRead false)
   // is marked to be written back, its saved image is journaled, and the
   // file is extended to cover it (on disk when this returns). A failed file
-  // call throws FileIOException and leaves the cache as it was.
-  std::uint8_t* GetPage(std::uint64_t pageId, bool forRead);
+  // call throws FileIOException and leaves the cache as it was. With
+  // `overwrite` (for writing only) the caller promises to write all 8192
+  // bytes: a page that is not cached is then not read from the file but
+  // handed out zeroed, unless its saved image must go to the journal.
+  std::uint8_t* GetPage(std::uint64_t pageId, bool forRead, bool overwrite = false);
 
   // Grows the file with zeros so that the page lies inside it.
   void EnsureFileCoversPage(std::uint64_t pageId);

@@ -154,11 +154,18 @@ TEST_F(FilePageCacheTest, APageObtainedForWritingIsWrittenBackOnEviction) {
     PageRef page(&cache);
     page.AcquireForWrite(11)[7] = 0x42;
   }
+  FileFaults::StartCounting();
   {
     PageRef page(&cache);
     ASSERT_NE(page.AcquireForRead(12), nullptr);
   }
   EXPECT_FALSE(cache.IsCached(11));
+  EXPECT_EQ(FileFaults::Calls(FileCall::kWrite), 2u);  // the journal's header, then the page
+  FileFaults::Reset();
+  // The file's stream hands the page to the system at its next flush.
+  ASSERT_NE(cache.GetPage(10, true), nullptr);
+  cache.UnpinPage(10);
+  cache.Close();
   bytes[kPageSize + 7] = 0x42;
   EXPECT_EQ(TempDir::ReadAll(path), bytes);
 }

@@ -26,6 +26,14 @@ class PageRef {
   std::uint8_t* AcquireForRead(std::uint64_t pageId) { return Acquire(pageId, true); }
   // Holds the page for writing (it will be written back); bytes or null.
   std::uint8_t* AcquireForWrite(std::uint64_t pageId) { return Acquire(pageId, false); }
+  // Holds the page for writing all of its 8192 bytes: its old bytes are
+  // not read unless they must be kept (see FilePageCache::GetPage).
+  std::uint8_t* AcquireToOverwrite(std::uint64_t pageId) {
+    Release();
+    pageId_ = pageId;
+    data_ = cache_->GetPage(pageId, false, true);
+    return data_;
+  }
 
   // Unpins the held page, if any.
   void Release() {

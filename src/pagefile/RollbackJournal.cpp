@@ -90,7 +90,7 @@ void Check(bool ok) {
 
 }  // namespace
 
-RollbackJournal::RollbackJournal() : file_(nullptr), nonce_(0), unsynced_(false) {}
+RollbackJournal::RollbackJournal() : file_(nullptr), nonce_(0), unsynced_(false), torn_(false), end_(0) {}
 
 RollbackJournal::~RollbackJournal() { Abandon(); }
 
@@ -119,6 +119,8 @@ void RollbackJournal::Begin(std::uint64_t savedLength) {
   file_ = file;
   nonce_ = nonce;
   unsynced_ = false;
+  torn_ = false;
+  end_ = kHeaderSize;
   journaled_.clear();
 }
 
@@ -133,12 +135,17 @@ void RollbackJournal::Append(std::uint64_t pageId, const std::uint8_t* image) {
   LittleEndian::Store64(record, pageId);
   std::memcpy(record + 8, image, kPageSize);
   LittleEndian::Store32(record + 8 + kPageSize, RecordCrc(nonce_, record));
-  // Records are appended: a failed write leaves at most a torn last record,
-  // which a reader ignores.
+  // Records are appended where the last whole one ends: the journal is
+  // written nowhere else, so no seek is needed, except after a failed
+  // write, whose torn bytes the next record overwrites.
   errno = 0;
-  if (PlatformFile::Seek(file_, 0, SEEK_END) != 0 || PlatformFile::Write(record, sizeof(record), 1, file_) != 1) {
+  if ((torn_ && PlatformFile::Seek(file_, static_cast<std::int64_t>(end_), SEEK_SET) != 0) ||
+      PlatformFile::Write(record, sizeof(record), 1, file_) != 1) {
+    torn_ = true;
     throw FileIOException(errno);
   }
+  torn_ = false;
+  end_ += sizeof(record);
   const std::uint64_t index = pageId - kFirstPageId;
   if (index >= journaled_.size()) journaled_.resize(index + 1, false);
   journaled_[index] = true;

@@ -113,6 +113,8 @@ class RollbackJournal {
   // Invariant: journaled_[id - 10] is set exactly for pages appended since Begin.
   std::vector<bool> journaled_;
   bool unsynced_;            // records appended since the last sync
+  bool torn_;                // the last append failed: the file may end in a torn record
+  std::uint64_t end_;        // where the last whole record ends
 };
 
 }  // namespace Tovrel

@@ -175,6 +175,25 @@ TEST_F(RollbackJournalTest, AFailedRollbackLeavesTheJournalForTheNextOpen) {
   EXPECT_EQ(Fs().ReadAll(package_), Pages({1, 2, 3}));
 }
 
+TEST_F(RollbackJournalTest, ARecordAfterAFailedAppendTakesThePlaceOfTheTornOne) {
+  Fs().WriteAll(package_, Pages({1, 2, 3}));
+  {
+    RollbackJournal journal;
+    journal.Attach(package_);
+    journal.Begin(3 * kPageSize);
+    journal.Append(10, Page(1).data());
+    FileFaults::FailNth(FileCall::kWrite, 1, ENOSPC);
+    EXPECT_THROW(journal.Append(11, Page(2).data()), FileIOException);
+    FileFaults::Reset();
+    journal.Append(12, Page(3).data());
+    journal.SyncIfNeeded();
+  }
+  EXPECT_EQ(Fs().ReadAll(journal_).size(), RollbackJournal::kHeaderSize + 2 * RollbackJournal::kRecordSize);
+  Fs().WriteAll(package_, Pages({9, 9, 9}));
+  Recover();
+  EXPECT_EQ(Fs().ReadAll(package_), Pages({1, 9, 3}));
+}
+
 TEST_F(RollbackJournalTest, TheHeaderRecordsTheSavedLengthAndItsOwnCheck) {
   Fs().WriteAll(package_, Pages({1}));
   RollbackJournal journal;

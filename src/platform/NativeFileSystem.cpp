@@ -1,5 +1,6 @@
 #include "platform/NativeFileSystem.h"
 
+#include <cerrno>
 #include <new>
 
 #include "platform/DiskSpace.h"
@@ -13,9 +14,13 @@ namespace {
 
 FileHandle* Wrap(std::FILE* file) {
   if (file == nullptr) return nullptr;
-  FileHandle* handle = new (std::nothrow) StdioFileHandle(file);
-  if (handle == nullptr) std::fclose(file);
-  return handle;
+  try {
+    return new StdioFileHandle(file);
+  } catch (const std::bad_alloc&) {
+    std::fclose(file);
+    errno = ENOMEM;
+    return nullptr;
+  }
 }
 
 }  // namespace

@@ -99,12 +99,16 @@ std::uint64_t PagedFileStream::Write(const void* buffer, std::uint64_t count) {
   return Transfer(nullptr, static_cast<const std::uint8_t*>(buffer), count);
 }
 
-bool PagedFileStream::HoldCurrentPage(PageRef& held, bool forWrite) {
+bool PagedFileStream::HoldCurrentPage(PageRef& held, bool forWrite, std::uint64_t bytesToWrite) {
   if (held.Data() != nullptr) return true;
   if (cursor_.pageIndex < seeker_->pageCount) {
     seeker_->LoadPagesUpTo(cursor_.pageIndex);
     const std::uint64_t id = seeker_->pageIds[cursor_.pageIndex];
-    if (forWrite) {
+    const PageRange& range = seeker_->pageRanges[cursor_.pageIndex];
+    if (forWrite && cursor_.offsetInPage == 0 && range.begin == 0 && range.end == kPageSize &&
+        bytesToWrite >= kPageSize) {
+      held.AcquireToOverwrite(id);  // the whole page is written: its old bytes need not be read
+    } else if (forWrite) {
       held.AcquireForWrite(id);
     } else {
       held.AcquireForRead(id);
@@ -134,7 +138,7 @@ std::uint64_t PagedFileStream::Transfer(std::uint8_t* readInto, const std::uint8
   std::uint64_t done = 0;
   try {
     while (done < count) {
-      if (!HoldCurrentPage(held, forWrite)) break;
+      if (!HoldCurrentPage(held, forWrite, count - done)) break;
       seeker_->LoadPagesUpTo(cursor_.pageIndex);
       const std::uint64_t end = seeker_->pageRanges[cursor_.pageIndex].end;
       const std::uint64_t offset = cursor_.offsetInPage;

@@ -74,7 +74,9 @@ class PagedFileStream : public IDataStream {
 
   // The loop of Read (readInto set) and Write (writeFrom set).
   std::uint64_t Transfer(std::uint8_t* readInto, const std::uint8_t* writeFrom, std::uint64_t count);
-  bool HoldCurrentPage(PageRef& held, bool forWrite);
+  // Pins the cursor's page in `held` unless it holds it already; a write
+  // of `bytesToWrite` that covers the whole page does not read it first.
+  bool HoldCurrentPage(PageRef& held, bool forWrite, std::uint64_t bytesToWrite);
   bool StepToNextPage();
   bool TargetCursor(StreamCursor& next, std::uint32_t origin, std::int32_t offset);
   std::uint64_t BytesLeftInPage(const PageCursor& at) const;
