@@ -1,6 +1,7 @@
 #include "pagefile/FilePageCache.h"
 
 #include <atomic>
+#include <iterator>
 #include <cassert>
 #include <cerrno>
 #include <cstring>
@@ -145,9 +146,11 @@ void FilePageCache::Close() {
 void FilePageCache::Commit() {
   CheckInvariants();
   FlushDeferred();
+  std::vector<CachedPage*> written;
   for (CachedPage* page : index_) {
-    if (page != nullptr) WriteBack(page);
+    if (page != nullptr && page->dirty != 0) written.push_back(page);
   }
+  WriteRuns(written);
   if (journal_.IsActive()) {
     errno = 0;
     if (PlatformFile::Sync(file_) != 0) throw FileIOException(errno);
@@ -279,6 +282,46 @@ std::uint8_t* FilePageCache::Revive(CachedPage* page) {
   return page->data;
 }
 
+bool FilePageCache::ReadableAsFiled(std::uint64_t index) const {
+  const std::uint64_t offset = index * kPageSize;
+  return (index >= index_.size() || index_[index] == nullptr) && deferred_.count(index) == 0 &&
+         offset + kPageSize <= fileLength_ && offset + kPageSize <= zerosFrom_ && journalImages_.count(index) == 0;
+}
+
+void FilePageCache::Prefetch(std::uint64_t firstPageId, std::uint64_t pages) {
+  if (file_ == nullptr || !IsPageId(firstPageId)) return;
+  const std::uint64_t first = firstPageId - kFirstPageId;
+  std::uint64_t n = 0;
+  while (n < pages && n < kMostPagesPerCall && n + 1 < capacity_ && IsPageId(firstPageId + n) &&
+         ReadableAsFiled(first + n)) {
+    ++n;
+  }
+  while (n >= 2 && !CanEvictDownTo(capacity_ - n)) --n;
+  if (n < 2) return;
+  try {
+    staging_.resize(n * kPageSize);
+    PageFileIO::ReadPage(file_, fileLength_, staging_.data(), first * kPageSize, n);
+    std::vector<std::unique_ptr<CachedPage>> loaded;
+    for (std::uint64_t i = 0; i < n; ++i) {
+      loaded.emplace_back(new CachedPage);
+      CachedPage& page = *loaded.back();
+      page.index = first + i;
+      page.pinCount = 0;
+      page.dirty = 0;
+      page.older = page.newer = nullptr;
+      std::memcpy(page.data, staging_.data() + i * kPageSize, kPageSize);
+    }
+    EvictDownTo(capacity_ - n);
+    if (first + n > index_.size()) index_.resize(first + n, nullptr);
+    for (auto& page : loaded) {
+      index_[page->index] = page.get();
+      PushMostRecent(page.release());
+    }
+  } catch (const std::exception&) {
+    // Nothing was cached: the reader's GetPage meets the trouble itself.
+  }
+}
+
 void FilePageCache::EnsureFileCoversPage(std::uint64_t pageId) {
   const std::uint64_t needed = pageId * kPageSize - kFirstPageId * kPageSize + kPageSize;
   if (needed > fileLength_) {
@@ -398,8 +441,8 @@ bool FilePageCache::EvictDownTo(std::uint64_t bound) {
       if (waits && deferred_.size() >= capacity_) FlushDeferred();
       if (waits && journal_.HasUnsyncedRecords()) {
         deferred_[page->index] = page;
-      } else {
-        WriteBack(page);
+      } else if (page->dirty != 0) {
+        WriteBackWithNeighbours(page);
       }
       index_[page->index] = nullptr;
       Unlink(page);
@@ -418,11 +461,19 @@ bool FilePageCache::WaitsForJournal(const CachedPage& page) const {
 void FilePageCache::FlushDeferred() {
   if (deferred_.empty()) return;
   journal_.SyncIfNeeded();
+  // Run by run, each dropped once it is written, so that a failure leaves
+  // exactly the pages still unwritten waiting.
   while (!deferred_.empty()) {
-    CachedPage* page = deferred_.begin()->second;
-    WriteBack(page);
-    deferred_.erase(deferred_.begin());
-    delete page;
+    std::vector<CachedPage*> run{deferred_.begin()->second};
+    for (auto next = std::next(deferred_.begin());
+         next != deferred_.end() && next->first == run.back()->index + 1 && run.size() < kMostPagesPerCall; ++next) {
+      run.push_back(next->second);
+    }
+    WriteRun(run.data(), run.size());
+    for (CachedPage* page : run) {
+      deferred_.erase(page->index);
+      delete page;
+    }
   }
 }
 
@@ -435,17 +486,60 @@ FilePageCache::CachedPage* FilePageCache::TakeDeferred(std::uint64_t index) {
 }
 
 void FilePageCache::WriteBack(CachedPage* page) {
-  if (page->dirty == 0) return;
-  const std::uint64_t offset = page->index * kPageSize;
+  if (page->dirty != 0) WriteRun(&page, 1);
+}
+
+void FilePageCache::WriteRun(CachedPage* const* pages, std::size_t n) {
+  assert(n >= 1 && n <= kMostPagesPerCall);
+  const std::uint64_t offset = pages[0]->index * kPageSize;
   if (offset < fileLength_) {
     // Nothing reaches the file before the journal exists, and no saved
     // page is overwritten before its saved image is on stable storage.
     BeginJournalIfNeeded();
-    if (journal_.IsJournaled(page->index + kFirstPageId)) journal_.SyncIfNeeded();
+    for (std::size_t i = 0; i < n; ++i) {
+      assert(pages[i]->dirty != 0 && pages[i]->index == pages[0]->index + i);
+      if (journal_.IsJournaled(pages[i]->index + kFirstPageId)) journal_.SyncIfNeeded();
+    }
   }
-  PageFileIO::WritePage(file_, fileLength_, page->data, offset);
-  if (offset + kPageSize > zerosFrom_) zerosFrom_ = offset + kPageSize;
-  page->dirty = 0;
+  const std::uint8_t* bytes = pages[0]->data;
+  if (n > 1) {
+    staging_.resize(n * kPageSize);
+    for (std::size_t i = 0; i < n; ++i) std::memcpy(staging_.data() + i * kPageSize, pages[i]->data, kPageSize);
+    bytes = staging_.data();
+  }
+  PageFileIO::WritePage(file_, fileLength_, bytes, offset, n);
+  const std::uint64_t end = offset + n * kPageSize;
+  if (end > zerosFrom_) zerosFrom_ = end;
+  for (std::size_t i = 0; i < n; ++i) pages[i]->dirty = 0;
+}
+
+bool FilePageCache::JoinsRun(const CachedPage* page) const {
+  return page != nullptr && page->dirty != 0 && page->pinCount < 1 && !WaitsForJournal(*page) &&
+         page->index * kPageSize < fileLength_;
+}
+
+void FilePageCache::WriteBackWithNeighbours(CachedPage* page) {
+  // Written pages next to it in the file, unpinned and free to be written
+  // now, go in the same file call; they stay cached, clean.
+  std::uint64_t first = page->index;
+  std::uint64_t last = page->index;
+  while (first > 0 && last - first + 1 < kMostPagesPerCall && JoinsRun(Find(first - 1 + kFirstPageId))) --first;
+  while (last - first + 1 < kMostPagesPerCall && JoinsRun(Find(last + 1 + kFirstPageId))) ++last;
+  std::vector<CachedPage*> run;
+  for (std::uint64_t idx = first; idx <= last; ++idx) run.push_back(idx == page->index ? page : index_[idx]);
+  WriteRun(run.data(), run.size());
+}
+
+void FilePageCache::WriteRuns(const std::vector<CachedPage*>& pages) {
+  // `pages` ascend by index; each run of neighbours goes in one call. A
+  // failure leaves the runs written so far clean and the rest written.
+  std::size_t start = 0;
+  for (std::size_t i = 1; i <= pages.size(); ++i) {
+    if (i == pages.size() || pages[i]->index != pages[i - 1]->index + 1 || i - start == kMostPagesPerCall) {
+      if (i > start) WriteRun(pages.data() + start, i - start);
+      start = i;
+    }
+  }
 }
 
 void FilePageCache::PushMostRecent(CachedPage* page) {

@@ -43,6 +43,9 @@ namespace Tovrel {
 
 class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
  public:
+  // The most pages moved by one file call (256 KiB).
+  static constexpr std::size_t kMostPagesPerCall = 32;
+
   // How a file is opened: for update (and created when missing), or only
   // for reading.
   enum class Access { kUpdate, kReadOnly };
@@ -108,6 +111,14 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // handed out zeroed, unless its saved image must go to the journal.
   std::uint8_t* GetPage(std::uint64_t pageId, bool forRead, bool overwrite = false);
 
+  // A reader is about to read pages firstPageId, firstPageId + 1, ... in
+  // that order: as many of them as are not cached (up to the first that
+  // is), fit in the cache and lie in the file are read in one file call
+  // and cached, in that order, so that its GetPage calls find them. An
+  // optimisation only: when anything stands in the way, or a file call
+  // fails, it reads nothing and GetPage does the work as always.
+  void Prefetch(std::uint64_t firstPageId, std::uint64_t pages);
+
   // Grows the file with zeros so that the page lies inside it.
   void EnsureFileCoversPage(std::uint64_t pageId);
 
@@ -164,6 +175,17 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // page cached). True when the bound was reached.
   bool EvictDownTo(std::uint64_t bound);
   void WriteBack(CachedPage* page);
+  // Writes n written pages that follow each other in the file in one call
+  // (the journal synced first if it protects any of them); they are clean
+  // afterwards. FileIOException leaves them written and unwritten.
+  void WriteRun(CachedPage* const* pages, std::size_t n);
+  void WriteRuns(const std::vector<CachedPage*>& pages);
+  void WriteBackWithNeighbours(CachedPage* page);
+  bool JoinsRun(const CachedPage* page) const;
+  // True when the page can be read as it stands in the file: not cached,
+  // not waiting to be written, not zeros this cache appended, and not
+  // replaced by a journal's image.
+  bool ReadableAsFiled(std::uint64_t index) const;
   // True for a written page whose saved image is journaled but not yet on
   // stable storage: its write must wait for the journal's next sync.
   bool WaitsForJournal(const CachedPage& page) const;
@@ -223,6 +245,8 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   std::map<std::uint64_t, CachedPage*> deferred_;
   RollbackJournal journal_;
   bool journaling_;  // IsJournaling() when the file was opened
+  // Pages gathered for one file call of a run; kept to be reused.
+  std::vector<std::uint8_t> staging_;
 };
 
 }  // namespace Tovrel

@@ -64,24 +64,24 @@ void PageFileIO::AppendZeros(FileHandle* file, std::uint64_t current, std::uint6
 }
 
 bool PageFileIO::ReadPage(FileHandle* file, std::uint64_t fileLength, std::uint8_t* buffer,
-                          std::uint64_t offset) {
+                          std::uint64_t offset, std::uint64_t pages) {
   if (buffer == nullptr) return false;
   if (file == nullptr) throw FileIOException(0);
   if (offset > fileLength) return false;
   SeekTo(file, offset);
   errno = 0;
-  if (PlatformFile::Read(buffer, kPageSize, 1, file) != 1) throw FileIOException(errno);
+  if (PlatformFile::Read(buffer, kPageSize * pages, 1, file) != 1) throw FileIOException(errno);
   return true;
 }
 
 void PageFileIO::WritePage(FileHandle* file, std::uint64_t fileLength, const std::uint8_t* buffer,
-                           std::uint64_t offset) {
+                           std::uint64_t offset, std::uint64_t pages) {
   if (buffer == nullptr) return;
   if (file == nullptr) throw FileIOException(0);
   if (offset >= fileLength) return;
   SeekTo(file, offset);
   errno = 0;
-  if (PlatformFile::Write(buffer, kPageSize, 1, file) != 1) throw FileIOException(errno);
+  if (PlatformFile::Write(buffer, kPageSize * pages, 1, file) != 1) throw FileIOException(errno);
 }
 
 }  // namespace Tovrel

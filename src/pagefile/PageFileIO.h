@@ -27,17 +27,18 @@ class PageFileIO {
   // is already that long.
   static void ExtendFile(FileHandle* file, std::uint64_t newLength);
 
-  // Reads one page at `offset` into buffer. False for a null buffer or an
+  // Reads one page (or `pages` consecutive ones, in one call) at `offset`
+  // into buffer. False for a null buffer or an
   // offset past fileLength; FileIOException when no file is open, when the
   // seek fails, or when fewer than a page's bytes arrive (so a page that
   // starts exactly at fileLength throws while one past it gives false).
   static bool ReadPage(FileHandle* file, std::uint64_t fileLength, std::uint8_t* buffer,
-                       std::uint64_t offset);
+                       std::uint64_t offset, std::uint64_t pages = 1);
 
-  // Writes one page at `offset`. Nothing for a null buffer or an offset at
+  // Writes one page (or `pages` consecutive ones, in one call) at `offset`. Nothing for a null buffer or an offset at
   // or past fileLength; FileIOException when no file is open or a call fails.
   static void WritePage(FileHandle* file, std::uint64_t fileLength, const std::uint8_t* buffer,
-                        std::uint64_t offset);
+                        std::uint64_t offset, std::uint64_t pages = 1);
 
  private:
   static void AppendZeros(FileHandle* file, std::uint64_t current, std::uint64_t newLength);

@@ -99,24 +99,39 @@ std::uint64_t PagedFileStream::Write(const void* buffer, std::uint64_t count) {
   return Transfer(nullptr, static_cast<const std::uint8_t*>(buffer), count);
 }
 
-bool PagedFileStream::HoldCurrentPage(PageRef& held, bool forWrite, std::uint64_t bytesToWrite) {
+bool PagedFileStream::HoldCurrentPage(PageRef& held, bool forWrite, std::uint64_t bytes) {
   if (held.Data() != nullptr) return true;
   if (cursor_.pageIndex < seeker_->pageCount) {
     seeker_->LoadPagesUpTo(cursor_.pageIndex);
     const std::uint64_t id = seeker_->pageIds[cursor_.pageIndex];
     const PageRange& range = seeker_->pageRanges[cursor_.pageIndex];
     if (forWrite && cursor_.offsetInPage == 0 && range.begin == 0 && range.end == kPageSize &&
-        bytesToWrite >= kPageSize) {
+        bytes >= kPageSize) {
       held.AcquireToOverwrite(id);  // the whole page is written: its old bytes need not be read
     } else if (forWrite) {
       held.AcquireForWrite(id);
     } else {
+      if (!cache_->IsCached(id)) cache_->Prefetch(id, PagesAhead(bytes));
       held.AcquireForRead(id);
     }
   } else {
     held.Release();
   }
   return held.Data() != nullptr;
+}
+
+std::uint64_t PagedFileStream::PagesAhead(std::uint64_t bytes) const {
+  // The pages from the cursor's on that follow each other in the file and
+  // hold the next `bytes` bytes.
+  const std::uint64_t first = cursor_.pageIndex;
+  std::uint64_t covered = seeker_->pageRanges[first].end - cursor_.offsetInPage;
+  std::uint64_t n = 1;
+  while (covered < bytes && first + n < seeker_->pageCount &&
+         seeker_->pageIds[first + n] == seeker_->pageIds[first] + n) {
+    covered += seeker_->pageRanges[first + n].end - seeker_->pageRanges[first + n].begin;
+    ++n;
+  }
+  return n;
 }
 
 bool PagedFileStream::StepToNextPage() {

@@ -74,9 +74,12 @@ class PagedFileStream : public IDataStream {
 
   // The loop of Read (readInto set) and Write (writeFrom set).
   std::uint64_t Transfer(std::uint8_t* readInto, const std::uint8_t* writeFrom, std::uint64_t count);
-  // Pins the cursor's page in `held` unless it holds it already; a write
-  // of `bytesToWrite` that covers the whole page does not read it first.
-  bool HoldCurrentPage(PageRef& held, bool forWrite, std::uint64_t bytesToWrite);
+  // Pins the cursor's page in `held` unless it holds it already, for a
+  // transfer of `bytes` more bytes: a write that covers the whole page does
+  // not read it first, and a read has the pages it will cross read in one
+  // file call when they follow each other in the file.
+  bool HoldCurrentPage(PageRef& held, bool forWrite, std::uint64_t bytes);
+  std::uint64_t PagesAhead(std::uint64_t bytes) const;
   bool StepToNextPage();
   bool TargetCursor(StreamCursor& next, std::uint32_t origin, std::int32_t offset);
   std::uint64_t BytesLeftInPage(const PageCursor& at) const;
