@@ -39,14 +39,12 @@ std::wstring Folder() {
 // names the corpus files are made with.
 std::vector<std::wstring> NamesFrom(const std::uint8_t* data, std::size_t size) {
   std::vector<std::wstring> names{L"fx/0", L"fx/1", L"fx/permanent", L"b"};
-  std::wstring run;
-  for (std::size_t i = 0; i < size && names.size() < 12; ++i) {
-    if (data[i] >= 0x21 && data[i] < 0x7F) {
-      run.push_back(static_cast<wchar_t>(data[i]));
-    } else {
-      if (run.size() >= 2) names.push_back(run);
-      run.clear();
-    }
+  const auto printable = [&](std::size_t i) { return i < size && data[i] >= 0x21 && data[i] < 0x7F; };
+  for (std::size_t i = 0; i < size && names.size() < 12;) {
+    std::size_t end = i;
+    while (printable(end)) ++end;
+    if (end - i >= 2) names.emplace_back(data + i, data + end);
+    i = end + 1;
   }
   return names;
 }
