@@ -52,8 +52,11 @@ if [ "$system" = linux ]; then
   step "consumer through find_package(Tovrel)"
   quiet cmake "${consumer_args[@]}" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$third"
   quiet cmake --build "$work/cmake" -j 2
-  ldd "$work/cmake/tovrel_consumer" | grep -q "=> $prefix/lib/libtovrel.so" ||
-    fail "the consumer does not load the installed libtovrel.so"
+  # ldd's whole output is taken first: a grep -q that stops reading at its
+  # match would end ldd with SIGPIPE, and pipefail would call that a failure.
+  loads=$(ldd "$work/cmake/tovrel_consumer")
+  grep -q "=> $prefix/lib/libtovrel.so" <<< "$loads" ||
+    { echo "$loads"; fail "the consumer does not load the installed libtovrel.so"; }
   expect_passed "$(cd "$work/run" && "$work/cmake/tovrel_consumer" cmake-consumer.dat)"
 
   step "consumer through pkg-config"
