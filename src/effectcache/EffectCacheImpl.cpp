@@ -355,33 +355,39 @@ bool EffectCacheImpl::WritePendingEffects() {
     DiscardPending();
     return true;
   }
+  // Every effect is compressed before the first is written: compression
+  // runs on several cores, and the writes find their bytes ready.
+  std::vector<EffectBatchCompressor::Job> jobs;
+  jobs.reserve(pendingEffects_.size());
   for (const auto& entry : pendingEffects_) {
-    if (!WritePendingEffect(entry.first, entry.second)) return false;
+    const PendingEffect& effect = entry.second;
+    jobs.push_back({effect.bytes.Count() ? effect.bytes.Addr(0) : nullptr,
+                    static_cast<std::uint64_t>(effect.bytes.Count())});
+  }
+  const std::vector<EffectBatchCompressor::Result> compressed =
+      EffectBatchCompressor::CompressAll(jobs, compressionLevel_);
+  std::size_t i = 0;
+  for (const auto& entry : pendingEffects_) {
+    if (!WritePendingEffect(entry.first, entry.second, compressed[i++])) return false;
   }
   DiscardPending();
   return true;
 }
 
-bool EffectCacheImpl::WritePendingEffect(const std::string& name, const PendingEffect& effect) {
+bool EffectCacheImpl::WritePendingEffect(const std::string& name, const PendingEffect& effect,
+                                         const EffectBatchCompressor::Result& compressed) {
   const auto stored = fileEffects_.find(name);
   if (stored != fileEffects_.end()) {
     package_->RemoveStream(stored->second.streamId);
     fileEffects_.erase(stored);
   }
+  if (!compressed.ok) return false;
   const auto n = static_cast<std::uint64_t>(effect.bytes.Count());
-  Tab<unsigned char> compressed;
-  compressed.SetCount(static_cast<INT_PTR>(EffectCompression::CompressBound(n)));
-  std::uint64_t c = static_cast<std::uint64_t>(compressed.Count());
-  const std::uint32_t start = LocalClock::TickCount();
-  if (EffectCompression::CompressEffect(compressed.Addr(0), c, effect.bytes.Addr(0), n, compressionLevel_) !=
-      EffectCompression::kOk) {
-    return false;
-  }
-  profile_.AddCompression(n, c, LocalClock::TickCount() - start);
-  compressed.SetCount(static_cast<INT_PTR>(c));
+  const auto c = static_cast<std::uint64_t>(compressed.compressed.size());
+  profile_.AddCompression(n, c, compressed.milliseconds);
   const std::uint64_t id = package_->CreateStream(c + 8);
   RefPtr<IDataStream> stream = package_->OpenStream(id);
-  if (!stream || !StreamTransfer::WriteByteTab(compressed, stream)) return false;
+  if (!stream || !StreamTransfer::WriteBytes(compressed.compressed.data(), c, stream)) return false;
   fileEffects_[name] = EffectRecord{id, static_cast<std::uint32_t>(name.size()), static_cast<std::uint32_t>(n),
                                     effect.permanent, Now(), static_cast<std::uint32_t>(c), 0};
   return true;

@@ -28,6 +28,7 @@
 #include <mutex>
 #include <string>
 
+#include "effectcache/EffectBatchCompressor.h"
 #include "effectcache/EffectCacheHeader.h"
 #include "effectcache/EffectCacheProfile.h"
 #include "effectcache/EffectNameOrder.h"
@@ -96,7 +97,8 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   bool LoadIndex();
   bool SaveIndex();
   bool WritePendingEffects();
-  bool WritePendingEffect(const std::string& name, const PendingEffect& effect);
+  bool WritePendingEffect(const std::string& name, const PendingEffect& effect,
+                          const EffectBatchCompressor::Result& compressed);
   bool RefreshIfChanged();
   bool TrimToLimit(std::uint64_t limit, std::uint64_t* removed);
   std::uint64_t GetSizeLimit() const;

@@ -51,11 +51,15 @@ bool StreamTransfer::ReadByteTab(Tab<unsigned char>& tab, RefPtr<IDataStream>& s
 }
 
 bool StreamTransfer::WriteByteTab(const Tab<unsigned char>& tab, RefPtr<IDataStream>& stream) {
+  return WriteBytes(tab.Count() ? tab.Addr(0) : nullptr, static_cast<std::uint64_t>(tab.Count()), stream);
+}
+
+bool StreamTransfer::WriteBytes(const void* bytes, std::uint64_t n, RefPtr<IDataStream>& stream) {
   if (!stream) return false;
   std::uint8_t length[8];
-  LittleEndian::Store64(length, static_cast<std::uint64_t>(tab.Count()));
+  LittleEndian::Store64(length, n);
   if (!WriteExact(stream, length, sizeof length)) return false;
-  return tab.Count() == 0 || WriteExact(stream, tab.Addr(0), static_cast<std::uint64_t>(tab.Count()));
+  return n == 0 || WriteExact(stream, bytes, n);
 }
 
 }  // namespace Tovrel

@@ -35,6 +35,8 @@ class StreamTransfer {
   static bool ReadByteTab(Tab<unsigned char>& tab, RefPtr<IDataStream>& stream, std::uint64_t limit);
   // Writes the Tab's count, then its bytes if there are any.
   static bool WriteByteTab(const Tab<unsigned char>& tab, RefPtr<IDataStream>& stream);
+  // The same form as WriteByteTab, from n bytes at `bytes` (null when n is 0).
+  static bool WriteBytes(const void* bytes, std::uint64_t n, RefPtr<IDataStream>& stream);
 };
 
 }  // namespace Tovrel

@@ -86,6 +86,18 @@ TEST(StreamTransferTest, AByteTabRoundTripsWithItsLengthFirst) {
   EXPECT_EQ(back.Count(), 0);
 }
 
+TEST(StreamTransferTest, BytesFromMemoryTakeTheByteTabForm) {
+  auto* memory = new MemoryDataStream(8 + 3 + 8);
+  RefPtr<IDataStream> stream(memory);
+  const std::uint8_t bytes[3] = {0xA1, 0xB2, 0xC3};
+  ASSERT_TRUE(StreamTransfer::WriteBytes(bytes, 3, stream));
+  ASSERT_TRUE(StreamTransfer::WriteBytes(nullptr, 0, stream));
+  const std::vector<std::uint8_t> expected{3, 0, 0, 0, 0, 0, 0, 0, 0xA1, 0xB2, 0xC3, 0, 0, 0, 0, 0, 0, 0, 0};
+  EXPECT_EQ(memory->Bytes(), expected);
+  RefPtr<IDataStream> none;
+  EXPECT_FALSE(StreamTransfer::WriteBytes(bytes, 3, none));
+}
+
 TEST(StreamTransferTest, AByteTabLongerThanAllowedIsRefused) {
   const std::vector<std::uint8_t> bytes{6, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4, 5, 6};
   RefPtr<IDataStream> stream(new MemoryDataStream(bytes));
