@@ -14,8 +14,6 @@
 #ifndef TOVREL_PLATFORM_POSIX_LOCKFILE_H
 #define TOVREL_PLATFORM_POSIX_LOCKFILE_H
 
-#include <sys/types.h>
-
 #include <string>
 
 namespace Tovrel {
@@ -48,9 +46,6 @@ class LockFile {
  private:
   std::string path_;
   int fd_;  // open descriptor, or -1
-  // Identity of the open file, taken when it was opened; meaningful while fd_ >= 0.
-  dev_t device_;
-  ino_t inode_;
 };
 
 }  // namespace Tovrel
