@@ -34,11 +34,14 @@ inline std::vector<std::uint8_t> Bytes(std::size_t size, std::uint32_t seed = 0)
 
 // Seconds to fwrite `in` to a new file and fread it back into `out`, in
 // blocks of `block` bytes.
+// With `sync`, the written file is flushed to stable storage before it is
+// closed, as a package's save does.
 inline double PlainWriteRead(const std::wstring& path, const std::vector<std::uint8_t>& in,
-                             std::vector<std::uint8_t>& out, std::size_t block) {
+                             std::vector<std::uint8_t>& out, std::size_t block, bool sync = false) {
   const auto start = Clock::now();
   std::FILE* file = NativeFile::Open(path.c_str(), "w+b");
   for (std::size_t at = 0; at < in.size(); at += block) std::fwrite(in.data() + at, block, 1, file);
+  if (sync && NativeFile::Sync(file) != 0) std::abort();
   std::fclose(file);
   file = NativeFile::Open(path.c_str(), "rb");
   for (std::size_t at = 0; at < out.size(); at += block) {
