@@ -3,7 +3,8 @@
 # (package files, effect cache files) for FUZZ_SECONDS (60) seconds from
 # its committed seed corpus, with leak detection and a one-second limit per
 # input. Any crash, leak or slow input fails. "tools/fuzz.sh corpus"
-# rewrites the seed corpora with files the library itself makes instead.
+# rewrites the seed files that the library itself makes instead; the
+# inputs that longer campaigns found (minimised, named found-*) stay.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 dir=${FUZZ_BUILD_DIR:-build/fuzz}
@@ -16,7 +17,8 @@ for t in "${targets[@]}"; do
 done
 if [ "${1:-}" = corpus ]; then
   for t in "${targets[@]}"; do
-    rm -rf "fuzz/corpus/$t"
+    mkdir -p "fuzz/corpus/$t"
+    find "fuzz/corpus/$t" -type f ! -name 'found-*' -delete
     "$dir/fuzz/${t}_corpus" "fuzz/corpus/$t"
   done
   exit 0
