@@ -10,9 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "effectcache/EffectCacheImpl.h"
+#include "host/MutexObject.h"
 #include "platform/FileSystem.h"
 #include "platform/MemoryFileSystem.h"
 #include "platform/PlatformFile.h"
+#include "tovrel/MultiProcessTimeStamp.h"
 #include "tovrel/tovrel.h"
 
 namespace {
@@ -51,11 +54,24 @@ __attribute__((no_sanitize("coverage"))) std::vector<std::wstring> NamesFrom(con
   return names;
 }
 
+// The cache's named mutex and shared time stamp, held open for the whole
+// run under the names every cache object of this folder uses: each input's
+// cache object then joins system objects that exist instead of creating
+// and removing them, which otherwise costs more than the cache's own work.
+void KeepSharedObjects(const std::wstring& file) {
+  static NorvaneSDK::Util::MutexObject mutex(Tovrel::EffectCacheImpl::FileMutexName(file).c_str());
+  static Tovrel::MultiProcessTimeStamp stamp;
+  static const bool initialized =
+      stamp.Initialize((Tovrel::EffectCacheImpl::SharedObjectBaseName(file) + L"_timestamp").c_str());
+  (void)initialized;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::wstring folder = Folder();
   const std::wstring file = folder + Tovrel::PlatformFile::Separator() + L"norvaneFxoCache.dat";
+  KeepSharedObjects(file);
   Files().Remove((file + L"-journal").c_str());
   Files().WriteAll(file, std::vector<std::uint8_t>(data, data + size));
   RefPtr<Tovrel::EffectCacheSystem> cache(new Tovrel::EffectCacheSystem(WStr(folder.c_str())));
