@@ -5,7 +5,8 @@
 // stream limit's 65,534. The folder is made once per N before timing; the
 // file is in the system's file cache for both (a warm start, as a host that
 // starts again finds it). Counters: the open's milliseconds, fread's, their
-// ratio (open over fread: lower is better) and the cost per effect.
+// ratio (open over fread: lower is better) and the cost per effect. The
+// open is marked as the perf phase "open" (see PerfPhase).
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -15,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "PerfPhase.h"
 #include "StdioBaseline.h"
 #include "platform/NativeFile.h"
 #include "support/TempDir.h"
@@ -77,6 +79,7 @@ double FreadWhole(const std::wstring& path, std::size_t* bytes) {
 }
 
 double OpenAndSearch(const FullCache& full, std::size_t count) {
+  Bench::PerfPhase phase("open");
   const auto start = Clock::now();
   RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(WStr(full.dir.Path().wstring().c_str())));
   Tab<unsigned char> data;

@@ -305,18 +305,37 @@ bool EffectCacheImpl::LoadIndex() {
   RefPtr<IDataStream> stream = package_->OpenStream(header_.indexStreamId);
   if (!stream) return false;
   fileEffects_.clear();
+  // The index is read in one piece and decoded from memory. Only as many
+  // bytes as effectCount entries can take are read.
+  const std::uint64_t most = header_.effectCount * (EffectRecord::kSize + 8 + EffectIndex::kNameSizeLimit);
+  std::vector<std::uint8_t> bytes(static_cast<std::size_t>(std::min(stream->GetSize(), most)));
+  if (!StreamTransfer::ReadExact(stream, bytes.data(), bytes.size())) return false;
+  stream.Reset();
+  std::uint64_t at = 0;
   for (std::uint64_t i = 0; i < header_.effectCount; ++i) {
     std::string name;
     EffectRecord record{};
-    if (!EffectIndex::ReadEntry(stream, name, record)) return false;
-    fileEffects_[name] = record;
+    std::uint64_t used = 0;
+    if (!EffectIndex::DecodeEntry(bytes.data() + at, bytes.size() - at, used, name, record)) return false;
+    at += used;
+    AddLoadedEntry(std::move(name), record);
   }
-  stream.Reset();
   std::uint64_t removed = 0;
   TrimToLimit(GetSizeLimit(), &removed);
   // A trim changed the file: make it durable now, under the mutex, as a
   // save would, so that the package holds no unsaved change.
   return removed == 0 || SaveDirectory();
+}
+
+void EffectCacheImpl::AddLoadedEntry(std::string&& name, const EffectRecord& record) {
+  // Indexes are written in name order, so an entry usually goes at the end
+  // and costs one comparison; one out of order (or named twice, the later
+  // entry winning) goes through the ordinary lookup.
+  if (fileEffects_.empty() || fileEffects_.key_comp()(fileEffects_.rbegin()->first, name)) {
+    fileEffects_.emplace_hint(fileEffects_.end(), std::move(name), record);
+  } else {
+    fileEffects_[name] = record;
+  }
 }
 
 bool EffectCacheImpl::SaveIndex() {

@@ -95,6 +95,7 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   bool ReadHeader();
   bool WriteHeader();
   bool LoadIndex();
+  void AddLoadedEntry(std::string&& name, const EffectRecord& record);
   bool SaveIndex();
   bool WritePendingEffects();
   bool WritePendingEffect(const std::string& name, const PendingEffect& effect,

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,6 +14,7 @@
 #include "pagefile/LittleEndian.h"
 #include "platform/FileFaults.h"
 #include "platform/WideText.h"
+#include "effectcache/EffectNameOrder.h"
 #include "support/EffectTesting.h"
 #include "support/TempDir.h"
 
@@ -390,6 +393,45 @@ TEST_F(EffectCacheImplTest, TruncatedAndForeignFilesAreRecreatedEmpty) {
   auto cache = Open();
   EXPECT_TRUE(cache->IsEnabled());
   EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 0u);
+}
+
+// Names that test the index's order: equal lengths that differ only in a
+// byte above 0x7F, shared prefixes, the shorter before the longer.
+std::vector<std::wstring> NamesThatTestTheOrder() {
+  return {L"a",        L"b",         L"\u00e9",     L"ab",         L"aa",        L"a\u00e9",
+          L"\u00e9a", L"\u00ff",   L"\u4e2d",     L"\u4e2d\u6587", L"abc",      L"abd",
+          L"ab\u00e9", L"\U0001F600", L"x\U0001F600", L"shaders/pass-1", L"shaders/pass-10",
+          L"shaders/pass-2"};
+}
+
+TEST_F(EffectCacheImplTest, AnIndexInNameOrderFindsNamesThatTestTheOrder) {
+  const auto names = NamesThatTestTheOrder();
+  {
+    auto cache = Open();
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      const auto bytes = EffectTesting::Bytes(static_cast<std::uint32_t>(300 + i), 500 + i, true);
+      ASSERT_TRUE(cache->CacheCompiledEffect(WStr(names[i].c_str()), bytes.data(), bytes.size(), false));
+    }
+  }
+  // The index as written is in the cache's name order.
+  const auto written = EffectTesting::IndexNames(CacheFile());
+  ASSERT_EQ(written.size(), names.size());
+  EXPECT_TRUE(std::is_sorted(written.begin(), written.end(), EffectNameOrder()));
+  const auto findEvery = [&] {
+    auto cache = Open();
+    EXPECT_EQ(cache->GetNumberOfEffectsInFile(), names.size());
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      Tab<unsigned char> data;
+      ASSERT_TRUE(cache->SearchCachedEffects(WStr(names[i].c_str()), data)) << i;
+      EXPECT_EQ(EffectTesting::ToVector(data), EffectTesting::Bytes(static_cast<std::uint32_t>(300 + i), 500 + i, true));
+    }
+  };
+  findEvery();
+  // An index in another order loads to the same entries.
+  EffectTesting::ReverseIndex(CacheFile());
+  auto reversed = EffectTesting::IndexNames(CacheFile());
+  ASSERT_FALSE(std::is_sorted(reversed.begin(), reversed.end(), EffectNameOrder()));
+  findEvery();
 }
 
 TEST_F(EffectCacheImplTest, ANearlyFullDiskNeverRemovesAStoredEffect) {

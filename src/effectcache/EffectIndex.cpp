@@ -3,18 +3,38 @@
 #include <cassert>
 
 #include "host/Tab.h"
+#include "pagefile/LittleEndian.h"
 #include "streams/StreamTransfer.h"
 
 namespace Tovrel {
+
+namespace {
+
+bool InRange(const EffectRecord& record) {
+  return record.nameLength >= 1 && record.nameLength <= EffectIndex::kNameSizeLimit &&
+         record.uncompressedSize >= 1 && record.uncompressedSize <= EffectIndex::kEffectSizeLimit;
+}
+
+}  // namespace
+
+bool EffectIndex::DecodeEntry(const std::uint8_t* bytes, std::uint64_t available, std::uint64_t& used,
+                              std::string& name, EffectRecord& record) {
+  if (available < EffectRecord::kSize + 8) return false;
+  const EffectRecord read = EffectRecord::Decode(bytes);
+  if (!InRange(read)) return false;
+  const std::uint64_t length = LittleEndian::Load64(bytes + EffectRecord::kSize);
+  if (length != read.nameLength || available - EffectRecord::kSize - 8 < length) return false;
+  name.assign(reinterpret_cast<const char*>(bytes + EffectRecord::kSize + 8), static_cast<std::size_t>(length));
+  record = read;
+  used = EffectRecord::kSize + 8 + length;
+  return true;
+}
 
 bool EffectIndex::ReadEntry(RefPtr<IDataStream>& stream, std::string& name, EffectRecord& record) {
   std::uint8_t bytes[EffectRecord::kSize];
   if (!StreamTransfer::ReadExact(stream, bytes, sizeof bytes)) return false;
   const EffectRecord read = EffectRecord::Decode(bytes);
-  if (read.nameLength < 1 || read.nameLength > kNameSizeLimit || read.uncompressedSize < 1 ||
-      read.uncompressedSize > kEffectSizeLimit) {
-    return false;
-  }
+  if (!InRange(read)) return false;
   Tab<unsigned char> text;
   if (!StreamTransfer::ReadByteTab(text, stream, kNameSizeLimit)) return false;
   if (static_cast<std::uint64_t>(text.Count()) != read.nameLength) return false;

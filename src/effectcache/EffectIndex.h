@@ -35,6 +35,11 @@ class EffectIndex {
   // dropped (see StreamTransfer) when the read itself failed, for a short
   // stream or a record out of range.
   static bool ReadEntry(RefPtr<IDataStream>& stream, std::string& name, EffectRecord& record);
+  // Decodes the entry at the start of bytes[0, available) with the same
+  // checks as ReadEntry; on success `used` is the entry's size. False when
+  // the bytes end within the entry or its record is out of range.
+  static bool DecodeEntry(const std::uint8_t* bytes, std::uint64_t available, std::uint64_t& used,
+                          std::string& name, EffectRecord& record);
   // Writes one entry at the stream's position; false (stream dropped) when
   // the stream takes fewer bytes.
   static bool WriteEntry(RefPtr<IDataStream>& stream, const std::string& name, const EffectRecord& record);

@@ -228,13 +228,19 @@ bool ChildFileTable::ReadTail(const std::uint8_t* bytes, std::uint64_t streamLim
                               LittleEndian::Load64(bytes + 16), LittleEndian::Load64(bytes + 24),
                               LittleEndian::Load64(bytes + 32)};
   if (tail.indexInChild >= streamLimit) return false;
-  if (tails_.count(tail.streamIdentifier) != 0) throw FileDataCorruptException();
-  if (tail.streamIdentifier == ~std::uint64_t{0} || tail.streamIdentifier > streamLimit ||
-      Child(tail.childFileIdentifier) == nullptr || tail.offset >= kChildFileSize || tail.size >= kPageSize) {
+  // Tails are written in stream order, so each usually goes at the end of
+  // the map without a search.
+  auto at = tails_.end();
+  if (!tails_.empty() && tail.streamIdentifier <= tails_.rbegin()->first) {
+    at = tails_.lower_bound(tail.streamIdentifier);
+    if (at != tails_.end() && at->first == tail.streamIdentifier) throw FileDataCorruptException();
+  }
+  ChildFile* child = Child(tail.childFileIdentifier);
+  if (tail.streamIdentifier == ~std::uint64_t{0} || tail.streamIdentifier > streamLimit || child == nullptr ||
+      tail.offset >= kChildFileSize || tail.size >= kPageSize) {
     throw InvalidParameterException();
   }
-  tails_[tail.streamIdentifier] = tail;
-  ChildFile* child = Child(tail.childFileIdentifier);
+  tails_.emplace_hint(at, tail.streamIdentifier, tail);
   child->usedEnd = std::max(child->usedEnd, tail.offset + tail.size);
   return true;
 }

@@ -69,6 +69,7 @@ bool StreamTable::Read(RefPtr<IDataStream>& stream, std::uint64_t limit) {
   streamLimit_ = limit;
   const std::uint64_t count = SectionIO::ReadCount(stream);
   if (count > limit) throw FileDataCorruptException();
+  entries_.reserve(static_cast<std::size_t>(count));
   SectionIO::ReadRecords(stream, count, StreamEntry::kBytes, [this](const std::uint8_t* bytes) {
     InsertRead(StreamEntry{LittleEndian::Load64(bytes), LittleEndian::Load64(bytes + 8),
                            LittleEndian::Load64(bytes + 16), LittleEndian::Load64(bytes + 24)});

@@ -133,6 +133,24 @@ void EffectTesting::PatchRecord(const std::wstring& file, const std::string& nam
   throw std::runtime_error("no such effect");
 }
 
+void EffectTesting::ReverseIndex(const std::wstring& file) {
+  RefPtr<IDataStreamSet> package = OpenPackage(file);
+  std::uint64_t at = 0;
+  const EffectCacheHeader header = HeaderOf(*package, &at);
+  std::vector<IndexEntry> entries = EntriesOf(*package, header);
+  std::vector<std::uint8_t> bytes;
+  for (auto e = entries.rbegin(); e != entries.rend(); ++e) {
+    std::uint8_t record[EffectRecord::kSize + 8];
+    e->record.Encode(record);
+    LittleEndian::Store64(record + EffectRecord::kSize, e->name.size());
+    bytes.insert(bytes.end(), record, record + sizeof record);
+    bytes.insert(bytes.end(), e->name.begin(), e->name.end());
+  }
+  RefPtr<IDataStream> index = package->OpenStream(header.indexStreamId);
+  if (!index || index->Write(bytes.data(), bytes.size()) != bytes.size()) throw std::runtime_error("short write");
+  if (!package->Save()) throw std::runtime_error("save failed");
+}
+
 void EffectTesting::DamageEffectBytes(const std::wstring& file, const std::string& name) {
   const EffectRecord record = ReadIndex(file).at(name);
   RefPtr<IDataStreamSet> package = OpenPackage(file);

@@ -42,6 +42,9 @@ class EffectTesting {
   static void PatchHeader(const std::wstring& file, const std::function<void(EffectCacheHeader&)>& change);
   // Overwrites bytes in the middle of an effect's compressed data, so that
   // they no longer decompress.
+  // Rewrites the index stream with its entries in reverse order (names
+  // and records unchanged): an index out of the order the cache writes.
+  static void ReverseIndex(const std::wstring& file);
   static void DamageEffectBytes(const std::wstring& file, const std::string& name);
 };
 
