@@ -308,15 +308,16 @@ bool EffectCacheImpl::LoadIndex() {
   // The index is read in one piece and decoded from memory. Only as many
   // bytes as effectCount entries can take are read.
   const std::uint64_t most = header_.effectCount * (EffectRecord::kSize + 8 + EffectIndex::kNameSizeLimit);
-  std::vector<std::uint8_t> bytes(static_cast<std::size_t>(std::min(stream->GetSize(), most)));
-  if (!StreamTransfer::ReadExact(stream, bytes.data(), bytes.size())) return false;
+  const auto size = static_cast<std::size_t>(std::min(stream->GetSize(), most));
+  std::unique_ptr<std::uint8_t[]> bytes(new std::uint8_t[size]);  // no zeroing: every byte is read
+  if (!StreamTransfer::ReadExact(stream, bytes.get(), size)) return false;
   stream.Reset();
   std::uint64_t at = 0;
   for (std::uint64_t i = 0; i < header_.effectCount; ++i) {
     std::string name;
     EffectRecord record{};
     std::uint64_t used = 0;
-    if (!EffectIndex::DecodeEntry(bytes.data() + at, bytes.size() - at, used, name, record)) return false;
+    if (!EffectIndex::DecodeEntry(bytes.get() + at, size - at, used, name, record)) return false;
     at += used;
     AddLoadedEntry(std::move(name), record);
   }
