@@ -37,16 +37,22 @@ int CommandGroup::Run(const std::vector<std::string>& words, Console& console) c
 }
 
 int CommandGroup::RunLeaf(const Command& command, const std::vector<std::string>& words, Console& console) const {
-  const CommandLine line(words, command.flags, command.valueOptions);
-  if (line.WantsHelp()) {
-    PrintLeafHelp(command, console.Out());
-    return ExitStatus::kOk;
+  // A usage error names the help of the command that was given, once.
+  try {
+    const CommandLine line(words, command.flags, command.valueOptions);
+    if (line.WantsHelp()) {
+      PrintLeafHelp(command, console.Out());
+      return ExitStatus::kOk;
+    }
+    const std::size_t count = line.Positionals().size();
+    if (count < command.minPositionals || count > command.maxPositionals) {
+      throw ToolError(ExitStatus::kUsage, "usage: " + path_ + " " + command.name + " " + command.arguments);
+    }
+    return command.run(line, console);
+  } catch (const ToolError& e) {
+    if (e.Status() != ExitStatus::kUsage) throw;
+    throw ToolError(ExitStatus::kUsage, std::string(e.what()) + " (see \"" + path_ + " " + command.name + " --help\")");
   }
-  const std::size_t count = line.Positionals().size();
-  if (count < command.minPositionals || count > command.maxPositionals) {
-    throw ToolError(ExitStatus::kUsage, "usage: " + path_ + " " + command.name + " " + command.arguments);
-  }
-  return command.run(line, console);
 }
 
 const CommandGroup::Command* CommandGroup::Find(const std::string& name) const {

@@ -39,6 +39,26 @@ TEST(TovrelProgramTest, HelpEndsWithZeroAndNoCommandWithAUsageError) {
   EXPECT_TRUE(ToolTesting::Contains(unknown.err, "tovrel: unknown command \"tovrel frob\"")) << unknown.err;
 }
 
+TEST(TovrelProgramTest, AUsageErrorPointsOnceAtTheHelpOfTheCommandGiven) {
+  const struct {
+    std::vector<std::string> words;
+    std::string err;
+  } cases[] = {
+      {{"frob"}, "tovrel: unknown command \"tovrel frob\" (see \"tovrel --help\")\n"},
+      {{"effects", "frob"}, "tovrel: unknown command \"tovrel effects frob\" (see \"tovrel effects --help\")\n"},
+      {{"package", "info"},
+       "tovrel: usage: tovrel package info FILE [--json] (see \"tovrel package info --help\")\n"},
+      {{"effects", "list", "--bogus", "x"},
+       "tovrel: unknown option --bogus (see \"tovrel effects list --help\")\n"},
+  };
+  for (const auto& c : cases) {
+    const auto result = ToolTesting::Run(c.words);
+    EXPECT_EQ(result.status, ExitStatus::kUsage) << c.words.back();
+    EXPECT_EQ(result.err, c.err);
+    EXPECT_TRUE(result.out.empty());
+  }
+}
+
 TEST(TovrelProgramTest, VersionPrintsTheProjectsVersion) {
   TempDir dir;
   const ToolTesting::Result version = ToolTesting::RunProgram({"--version"}, dir.Path());

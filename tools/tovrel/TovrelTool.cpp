@@ -38,7 +38,6 @@ int TovrelTool::Run(const std::vector<std::string>& words, Console& console) {
     return Commands()->Run(words, console);
   } catch (const ToolError& e) {
     console.Err() << "tovrel: " << e.what() << "\n";
-    if (e.Status() == ExitStatus::kUsage) console.Err() << "(\"tovrel --help\" lists the commands)\n";
     return e.Status();
   } catch (const std::bad_alloc&) {
     console.Err() << "tovrel: out of memory\n";
