@@ -21,12 +21,22 @@ namespace Testing {
 
 namespace fs = std::filesystem;
 
-ToolTesting::Result ToolTesting::Run(const std::vector<std::string>& words) {
+namespace {
+
+ToolTesting::Result RunWith(const std::vector<std::string>& words, bool outputOnTerminal) {
   std::ostringstream out;
   std::ostringstream err;
-  Tool::Console console(out, err, false);
+  Tool::Console console(out, err, false, outputOnTerminal);
   const int status = Tool::TovrelTool::Run(words, console);
-  return Result{status, out.str(), err.str()};
+  return ToolTesting::Result{status, out.str(), err.str()};
+}
+
+}  // namespace
+
+ToolTesting::Result ToolTesting::Run(const std::vector<std::string>& words) { return RunWith(words, false); }
+
+ToolTesting::Result ToolTesting::RunOnTerminal(const std::vector<std::string>& words) {
+  return RunWith(words, true);
 }
 
 ToolTesting::Result ToolTesting::RunOn(const std::string& group, const std::string& command, const fs::path& target,

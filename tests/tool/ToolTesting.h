@@ -22,6 +22,8 @@ class ToolTesting {
 
   // Runs the tool's entry in this process, output and messages captured.
   static Result Run(const std::vector<std::string>& words);
+  // The same with standard output on a terminal.
+  static Result RunOnTerminal(const std::vector<std::string>& words);
   // Runs "group command target more..." in this process.
   static Result RunOn(const std::string& group, const std::string& command, const std::filesystem::path& target,
                       const std::vector<std::string>& more = {});

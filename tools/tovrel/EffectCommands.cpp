@@ -155,9 +155,10 @@ std::shared_ptr<CommandGroup> EffectCommands::Group() {
                              "last used and its name. Effects a host holds in memory are not in the file\n"
                              "yet. --json writes a JSON array of the same.\n",
                              {"--json"}, {}, 1, 1, &EffectCommands::List, nullptr});
-  commands.push_back(Command{"get", "FOLDER NAME [-o FILE]", "an effect's bytes",
-                             "Writes the effect's bytes, decompressed, to FILE (-o) or standard output.\n",
-                             {}, {"-o"}, 2, 2, &EffectCommands::Get, nullptr});
+  commands.push_back(Command{"get", "FOLDER NAME [-o FILE] [--force]", "an effect's bytes",
+                             "Writes the effect's bytes, decompressed, to FILE (-o) or standard output;\n"
+                             "to a terminal only with --force.\n",
+                             {"--force"}, {"-o"}, 2, 2, &EffectCommands::Get, nullptr});
   commands.push_back(Command{"put", "FOLDER NAME FILE [--permanent]", "store a file as an effect",
                              "Stores FILE's bytes (1 byte to 1 MiB) as the effect NAME through the library's\n"
                              "EffectCacheSystem, as a host would, and saves. A permanent effect is never\n"
@@ -192,6 +193,7 @@ int EffectCommands::List(const CommandLine& line, Console& console) {
 
 int EffectCommands::Get(const CommandLine& line, Console& console) {
   const std::string& name = line.Positionals()[1];
+  if (!line.HasValue("-o")) console.RefuseBinaryOnTerminal(line.Has("--force"));
   Tab<unsigned char> data;
   {
     const CacheFile cache{UserPath(line.Positionals()[0])};

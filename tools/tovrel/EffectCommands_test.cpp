@@ -90,6 +90,23 @@ TEST_F(EffectCommandsTest, GetWritesTheEffectsBytesToOutputOrAFile) {
   EXPECT_EQ(std::string(written.begin(), written.end()), Expected(2));
 }
 
+TEST_F(EffectCommandsTest, GetWritesToATerminalOnlyWhenForcedOrToAFile) {
+  const std::string folder = ToolTesting::Utf8(folder_);
+  const ToolTesting::Result refused = ToolTesting::RunOnTerminal({"effects", "get", folder, "fx/2"});
+  EXPECT_EQ(refused.status, ExitStatus::kUsage);
+  EXPECT_EQ(refused.out, "");
+  EXPECT_TRUE(ToolTesting::Contains(refused.err, "not writing binary bytes to a terminal")) << refused.err;
+  const ToolTesting::Result forced = ToolTesting::RunOnTerminal({"effects", "get", folder, "fx/2", "--force"});
+  EXPECT_EQ(forced.status, ExitStatus::kOk);
+  EXPECT_EQ(forced.out, Expected(2));
+  const fs::path file = dir_.Path() / "fx2-terminal.bin";
+  const ToolTesting::Result toFile =
+      ToolTesting::RunOnTerminal({"effects", "get", folder, "fx/2", "-o", ToolTesting::Utf8(file)});
+  EXPECT_EQ(toFile.status, ExitStatus::kOk);
+  const std::vector<std::uint8_t> written = ToolTesting::ReadFile(file);
+  EXPECT_EQ(std::string(written.begin(), written.end()), Expected(2));
+}
+
 TEST_F(EffectCommandsTest, GetOfAnEffectThatIsNotThereFails) {
   const ToolTesting::Result result = Run("get", {"fx/99"});
   EXPECT_EQ(result.status, ExitStatus::kFailed);

@@ -197,8 +197,10 @@ std::shared_ptr<CommandGroup> PackageCommands::Group() {
                              "where its tail lies (child file, offset, size, and the page it starts on).\n"
                              "--json writes a JSON array of the same.\n",
                              {"--json"}, {}, 1, 1, &PackageCommands::List, nullptr});
-  commands.push_back(Command{"cat", "FILE ID", "a stream's bytes to standard output",
-                             "Writes the bytes of stream ID, exactly, to standard output.\n", {}, {}, 2, 2,
+  commands.push_back(Command{"cat", "FILE ID [--force]", "a stream's bytes to standard output",
+                             "Writes the bytes of stream ID, exactly, to standard output; to a terminal\n"
+                             "only with --force.\n",
+                             {"--force"}, {}, 2, 2,
                              &PackageCommands::Cat, nullptr});
   commands.push_back(Command{"verify", "FILE", "deep check of a package file",
                              "Checks what opening a package does not: every page belongs to exactly one\n"
@@ -235,6 +237,7 @@ int PackageCommands::List(const CommandLine& line, Console& console) {
 
 int PackageCommands::Cat(const CommandLine& line, Console& console) {
   const std::uint64_t id = CommandLine::Number(line.Positionals()[1], "ID", 0, IDataStreamSet::kNoStream - 1);
+  console.RefuseBinaryOnTerminal(line.Has("--force"));
   const LockedPackage file(UserPath(line.Positionals()[0]), LockedPackage::kAnyStreamLimit);
   const std::string name = line.Positionals()[0] + ": stream " + std::to_string(id);
   const StreamEntry* entry = file.Package().GetStreamTable().Find(id);

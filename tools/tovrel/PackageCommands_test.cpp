@@ -84,6 +84,21 @@ TEST_F(PackageCommandsTest, CatWritesAStreamsBytesExactly) {
   EXPECT_EQ(result.out, std::string(expected.begin(), expected.end()));
 }
 
+TEST_F(PackageCommandsTest, CatWritesToATerminalOnlyWhenForced) {
+  const std::string id = std::to_string(ids_[3]);
+  const ToolTesting::Result refused = ToolTesting::RunOnTerminal({"package", "cat", ToolTesting::Utf8(file_), id});
+  EXPECT_EQ(refused.status, ExitStatus::kUsage);
+  EXPECT_EQ(refused.out, "");
+  EXPECT_EQ(refused.err,
+            "tovrel: not writing binary bytes to a terminal (send them to a file or a pipe, or add --force) "
+            "(see \"tovrel package cat --help\")\n");
+  const ToolTesting::Result forced =
+      ToolTesting::RunOnTerminal({"package", "cat", ToolTesting::Utf8(file_), id, "--force"});
+  EXPECT_EQ(forced.status, ExitStatus::kOk);
+  const std::vector<std::uint8_t> expected = PackageTesting::Bytes(20000, 4);
+  EXPECT_EQ(forced.out, std::string(expected.begin(), expected.end()));
+}
+
 TEST_F(PackageCommandsTest, CatOfAStreamThatIsNotThereFails) {
   const ToolTesting::Result result = Run("cat", {"9"});
   EXPECT_EQ(result.status, ExitStatus::kFailed);

@@ -10,7 +10,8 @@
 int main(int argc, char** argv) {
   using Tovrel::ConsoleStreams;
   ConsoleStreams::UseBinaryOutput();
-  Tovrel::Tool::Console console(std::cout, std::cerr, ConsoleStreams::IsTerminal(ConsoleStreams::Stream::kError));
+  Tovrel::Tool::Console console(std::cout, std::cerr, ConsoleStreams::IsTerminal(ConsoleStreams::Stream::kError),
+                                ConsoleStreams::IsTerminal(ConsoleStreams::Stream::kOutput));
   const int status = Tovrel::Tool::TovrelTool::Run(Tovrel::ProgramArguments::Get(argc, argv), console);
   std::cout.flush();
   return status;
