@@ -3,6 +3,7 @@
 #include <exception>
 #include <utility>
 
+#include "pagefile/LittleEndian.h"
 #include "support/PackageTesting.h"
 #include "tovrel/FilePackage.h"
 
@@ -53,7 +54,7 @@ void PackageCrashWorkload::Run(const std::function<void(int round)>& saved,
         }
       }
       userData_ = PackageTesting::Bytes(8 + random() % 300, static_cast<std::uint32_t>(random()));
-      for (int i = 0; i < 8; ++i) userData_[i] = static_cast<std::uint8_t>(round >> (8 * i));
+      LittleEndian::Store64(userData_.data(), static_cast<std::uint64_t>(round));
       if (!package->SetUserDataSize(userData_.size())) return;
       std::copy(userData_.begin(), userData_.end(), package->GetUserData());
       if (!package->Save()) return;
