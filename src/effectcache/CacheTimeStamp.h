@@ -25,6 +25,12 @@ struct CacheTimeStamp {
   bool operator<(const CacheTimeStamp& other) const { return Fields() < other.Fields(); }
   bool operator==(const CacheTimeStamp& other) const { return Fields() == other.Fields(); }
 
+  // Whole seconds since 1970-01-01 00:00:00 on the same clock (local
+  // time: a daylight-saving change shifts it by an hour), for ages.
+  std::int64_t Seconds() const;
+  // The stamp `seconds` after 1970-01-01 00:00:00 (milliseconds 0).
+  static CacheTimeStamp FromSeconds(std::int64_t seconds);
+
   void Encode(std::uint8_t* bytes) const;
   static CacheTimeStamp Decode(const std::uint8_t* bytes);
 

@@ -52,11 +52,10 @@ CacheTimeStamp Now() {
 }
 
 // Bytes of the index stream: the entries that can be written.
-template <typename Map>
-std::uint64_t IndexSize(const Map& effects) {
+std::uint64_t IndexSize(const EffectTable& effects) {
   std::uint64_t size = 0;
-  for (const auto& entry : effects) {
-    if (EffectIndex::IsWritable(entry.first, entry.second)) size += EffectIndex::EntrySize(entry.first);
+  for (const EffectTable::Entry& entry : effects) {
+    if (EffectIndex::IsWritable(entry.name, entry.record)) size += EffectIndex::EntrySize(entry.name);
   }
   return size;
 }
@@ -158,7 +157,7 @@ void EffectCacheImpl::ForceSaveToFile() {
 
 std::size_t EffectCacheImpl::GetNumberOfEffectsInFile() const {
   std::lock_guard<std::recursive_mutex> guard(lock_);
-  return fileEffects_.size();
+  return fileEffects_.Size();
 }
 
 std::size_t EffectCacheImpl::GetNumberOfEffectsInMemory() const {
@@ -187,9 +186,9 @@ void EffectCacheImpl::ListCachedEffects(const wchar_t* file) {
   FileHandle* out = PlatformFile::Open(file, "wb");
   if (out == nullptr) return;
   std::string text = "\xEF\xBB\xBF";
-  for (const auto& entry : fileEffects_) {
-    text += "Name: " + entry.first + " Size: " + std::to_string(entry.second.uncompressedSize) +
-            " Permanent: " + std::to_string(entry.second.permanent) + "\n";
+  for (const EffectTable::Entry& entry : fileEffects_) {
+    text += "Name: " + entry.name + " Size: " + std::to_string(entry.record.uncompressedSize) +
+            " Permanent: " + std::to_string(entry.record.permanent) + "\n";
   }
   PlatformFile::Write(text.data(), 1, text.size(), out);
   PlatformFile::Close(out);
@@ -222,9 +221,9 @@ bool EffectCacheImpl::SearchCachedEffects(const WStr& name, Tab<unsigned char>& 
 }
 
 bool EffectCacheImpl::FindInFile(const std::string& key, Tab<unsigned char>& data) {
-  const auto found = fileEffects_.find(key);
-  if (found == fileEffects_.end() || !package_) return false;
-  EffectRecord& record = found->second;
+  EffectRecord* found = fileEffects_.Find(key);
+  if (found == nullptr || !package_) return false;
+  EffectRecord& record = *found;
   Tab<unsigned char> compressed;
   EffectPayload::Result result = EffectPayload::Result::kNoStream;
   try {
@@ -296,7 +295,7 @@ bool EffectCacheImpl::WriteHeader() {
     LittleEndian::Store32(block, EffectCacheHeader::kTag);
     LittleEndian::Store64(block + 4, EffectCacheHeader::kPayloadSize);
   }
-  header_.effectCount = fileEffects_.size();
+  header_.effectCount = fileEffects_.Size();
   header_.Encode(package_->GetUserData() + at + EffectCacheHeader::kBlockHeadSize);
   return true;
 }
@@ -304,7 +303,7 @@ bool EffectCacheImpl::WriteHeader() {
 bool EffectCacheImpl::LoadIndex() {
   RefPtr<IDataStream> stream = package_->OpenStream(header_.indexStreamId);
   if (!stream) return false;
-  fileEffects_.clear();
+  fileEffects_.Clear();
   // The index is read in one piece and decoded from memory. Only as many
   // bytes as effectCount entries can take are read.
   const std::uint64_t most = header_.effectCount * (EffectRecord::kSize + 8 + EffectIndex::kNameSizeLimit);
@@ -313,30 +312,20 @@ bool EffectCacheImpl::LoadIndex() {
   if (!StreamTransfer::ReadExact(stream, bytes.get(), size)) return false;
   stream.Reset();
   std::uint64_t at = 0;
+  fileEffects_.Reserve(static_cast<std::size_t>(header_.effectCount));
   for (std::uint64_t i = 0; i < header_.effectCount; ++i) {
     std::string name;
     EffectRecord record{};
     std::uint64_t used = 0;
     if (!EffectIndex::DecodeEntry(bytes.get() + at, size - at, used, name, record)) return false;
     at += used;
-    AddLoadedEntry(std::move(name), record);
+    fileEffects_.AddLoaded(std::move(name), record);
   }
   std::uint64_t removed = 0;
   TrimToLimit(GetSizeLimit(), &removed);
   // A trim changed the file: make it durable now, under the mutex, as a
   // save would, so that the package holds no unsaved change.
   return removed == 0 || SaveDirectory();
-}
-
-void EffectCacheImpl::AddLoadedEntry(std::string&& name, const EffectRecord& record) {
-  // Indexes are written in name order, so an entry usually goes at the end
-  // and costs one comparison; one out of order (or named twice, the later
-  // entry winning) goes through the ordinary lookup.
-  if (fileEffects_.empty() || fileEffects_.key_comp()(fileEffects_.rbegin()->first, name)) {
-    fileEffects_.emplace_hint(fileEffects_.end(), std::move(name), record);
-  } else {
-    fileEffects_[name] = record;
-  }
 }
 
 bool EffectCacheImpl::SaveIndex() {
@@ -356,9 +345,9 @@ bool EffectCacheImpl::SaveIndex() {
     stream = package_->OpenStream(header_.indexStreamId);
     if (!stream) return false;
   }
-  for (const auto& entry : fileEffects_) {
-    if (!EffectIndex::IsWritable(entry.first, entry.second)) continue;
-    if (!EffectIndex::WriteEntry(stream, entry.first, entry.second)) return false;
+  for (const EffectTable::Entry& entry : fileEffects_) {
+    if (!EffectIndex::IsWritable(entry.name, entry.record)) continue;
+    if (!EffectIndex::WriteEntry(stream, entry.name, entry.record)) return false;
   }
   return true;
 }
@@ -386,20 +375,33 @@ bool EffectCacheImpl::WritePendingEffects() {
   }
   const std::vector<EffectBatchCompressor::Result> compressed =
       EffectBatchCompressor::CompressAll(jobs, compressionLevel_);
+  // The index changes as one batch, in name order (the pending map's own),
+  // whether every effect was written or not.
+  std::vector<EffectTable::Change> changes;
+  changes.reserve(pendingEffects_.size());
+  bool written = true;
   std::size_t i = 0;
-  for (const auto& entry : pendingEffects_) {
-    if (!WritePendingEffect(entry.first, entry.second, compressed[i++])) return false;
+  try {
+    for (const auto& entry : pendingEffects_) {
+      written = WritePendingEffect(entry.first, entry.second, compressed[i++], changes);
+      if (!written) break;
+    }
+  } catch (...) {
+    fileEffects_.Apply(std::move(changes));  // streams already replaced leave the index
+    throw;
   }
-  DiscardPending();
-  return true;
+  fileEffects_.Apply(std::move(changes));
+  if (written) DiscardPending();
+  return written;
 }
 
 bool EffectCacheImpl::WritePendingEffect(const std::string& name, const PendingEffect& effect,
-                                         const EffectBatchCompressor::Result& compressed) {
-  const auto stored = fileEffects_.find(name);
-  if (stored != fileEffects_.end()) {
-    package_->RemoveStream(stored->second.streamId);
-    fileEffects_.erase(stored);
+                                         const EffectBatchCompressor::Result& compressed,
+                                         std::vector<EffectTable::Change>& changes) {
+  if (const EffectRecord* stored = fileEffects_.Find(name)) {
+    const std::uint64_t old = stored->streamId;
+    changes.push_back(EffectTable::Change{name, EffectRecord{}, true});
+    package_->RemoveStream(old);
   }
   if (!compressed.ok) return false;
   const auto n = static_cast<std::uint64_t>(effect.bytes.Count());
@@ -408,8 +410,13 @@ bool EffectCacheImpl::WritePendingEffect(const std::string& name, const PendingE
   const std::uint64_t id = package_->CreateStream(c + 8);
   RefPtr<IDataStream> stream = package_->OpenStream(id);
   if (!stream || !StreamTransfer::WriteBytes(compressed.compressed.data(), c, stream)) return false;
-  fileEffects_[name] = EffectRecord{id, static_cast<std::uint32_t>(name.size()), static_cast<std::uint32_t>(n),
-                                    effect.permanent, Now(), static_cast<std::uint32_t>(c), 0};
+  const EffectRecord record{id, static_cast<std::uint32_t>(name.size()), static_cast<std::uint32_t>(n),
+                            effect.permanent, Now(), static_cast<std::uint32_t>(c), 0};
+  if (!changes.empty() && changes.back().name == name) {
+    changes.back() = EffectTable::Change{name, record, false};
+  } else {
+    changes.push_back(EffectTable::Change{name, record, false});
+  }
   return true;
 }
 
@@ -425,19 +432,26 @@ bool EffectCacheImpl::RefreshIfChanged() {
 bool EffectCacheImpl::TrimToLimit(std::uint64_t limit, std::uint64_t* removed) {
   if (!package_) return false;
   if (package_->GetTotalStreamSize() < limit) return true;  // nothing to remove: no need to sort
-  std::vector<FileMap::iterator> candidates;
-  for (auto it = fileEffects_.begin(); it != fileEffects_.end(); ++it) {
-    if (it->second.permanent == 0) candidates.push_back(it);
+  std::vector<std::size_t> candidates;
+  for (std::size_t i = 0; i < fileEffects_.Size(); ++i) {
+    if (fileEffects_.At(i).record.permanent == 0) candidates.push_back(i);
   }
-  std::stable_sort(candidates.begin(), candidates.end(), [](FileMap::iterator a, FileMap::iterator b) {
-    return a->second.lastUsed < b->second.lastUsed;
+  std::stable_sort(candidates.begin(), candidates.end(), [this](std::size_t a, std::size_t b) {
+    return fileEffects_.At(a).record.lastUsed < fileEffects_.At(b).record.lastUsed;
   });
-  for (FileMap::iterator it : candidates) {
-    if (package_->GetTotalStreamSize() < limit) break;
-    package_->RemoveStream(it->second.streamId);
-    fileEffects_.erase(it);
-    if (removed != nullptr) ++*removed;
+  std::vector<bool> gone(fileEffects_.Size(), false);
+  try {
+    for (std::size_t i : candidates) {
+      if (package_->GetTotalStreamSize() < limit) break;
+      package_->RemoveStream(fileEffects_.At(i).record.streamId);
+      gone[i] = true;
+      if (removed != nullptr) ++*removed;
+    }
+  } catch (...) {
+    fileEffects_.EraseMarked(gone);  // the streams already removed leave the index too
+    throw;
   }
+  fileEffects_.EraseMarked(gone);
   return package_->GetTotalStreamSize() < limit;
 }
 
@@ -471,18 +485,64 @@ bool EffectCacheImpl::SaveDirectory() {
   return true;
 }
 
+bool EffectCacheImpl::RemoveStored(const RemovalChoice& choose, bool dryRun, Removed* removed) {
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  CheckInvariants();
+  if (removed != nullptr) *removed = Removed{};
+  if (!package_) return false;
+  AutoMutex hold(*fileMutex_);
+  if (!hold.IsOwner()) return false;
+  try {
+    if (!RefreshIfChanged()) throw FileIOException();
+    const std::vector<bool> gone = ChooseRemovals(choose, removed);
+    if (dryRun || std::find(gone.begin(), gone.end(), true) == gone.end()) return true;
+    for (std::size_t i = 0; i < gone.size(); ++i) {
+      if (gone[i]) package_->RemoveStream(fileEffects_.At(i).record.streamId);
+    }
+    fileEffects_.EraseMarked(gone);
+    if (!SaveDirectory()) throw FileIOException();
+    return true;
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception&) {
+    DropPackage();
+    return false;
+  }
+}
+
+std::vector<bool> EffectCacheImpl::ChooseRemovals(const RemovalChoice& choose, Removed* removed) const {
+  std::uint64_t stored = 0;
+  for (const EffectTable::Entry& entry : fileEffects_) stored += entry.record.compressedSize;
+  std::vector<std::size_t> order(fileEffects_.Size());
+  for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::stable_sort(order.begin(), order.end(), [this](std::size_t a, std::size_t b) {
+    return fileEffects_.At(a).record.lastUsed < fileEffects_.At(b).record.lastUsed;
+  });
+  std::vector<bool> gone(order.size(), false);
+  Removed chosen;
+  for (std::size_t i : order) {
+    const EffectTable::Entry& entry = fileEffects_.At(i);
+    if (!choose(entry, chosen, stored)) continue;
+    gone[i] = true;
+    ++chosen.effects;
+    chosen.storedBytes += entry.record.compressedSize;
+  }
+  if (removed != nullptr) *removed = chosen;
+  return gone;
+}
+
 void EffectCacheImpl::DropDamagedEntries() {
   for (const auto& damaged : damaged_) {
-    const auto entry = fileEffects_.find(damaged.first);
+    const EffectRecord* entry = fileEffects_.Find(damaged.first);
     // Another process may have stored the name afresh since: only the
     // entry that was found damaged goes.
-    if (entry == fileEffects_.end() || entry->second.streamId != damaged.second) continue;
+    if (entry == nullptr || entry->streamId != damaged.second) continue;
     try {
-      package_->RemoveStream(entry->second.streamId);
+      package_->RemoveStream(entry->streamId);
     } catch (const FileDataCorruptException&) {
       // A stream too damaged to remove stays, unnamed; the package is unchanged.
     }
-    fileEffects_.erase(entry);
+    fileEffects_.Erase(damaged.first);
   }
   damaged_.clear();
 }
@@ -493,7 +553,7 @@ void EffectCacheImpl::DiscardPending() {
 }
 
 void EffectCacheImpl::ResetState() {
-  fileEffects_.clear();
+  fileEffects_.Clear();
   damaged_.clear();
   DiscardPending();
   enabled_ = true;

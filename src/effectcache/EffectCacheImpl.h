@@ -1,9 +1,10 @@
 // EffectCacheImpl: everything behind EffectCacheSystem.
 //
-// Keeps effects in two maps ordered by EffectNameOrder: fileEffects_, the
-// index of the cache file as this process last read or wrote it, and
-// pendingEffects_, effects cached since the last save (uncompressed; a
-// pending copy wins over a stored one). The file is a package holding a
+// Keeps effects in two collections ordered by EffectNameOrder:
+// fileEffects_ (an EffectTable), the index of the cache file as this
+// process last read or wrote it, and pendingEffects_ (a map), effects
+// cached since the last save (uncompressed; a pending copy wins over a
+// stored one). The file is a package holding a
 // header block in its user data, an index stream and one stream per
 // effect (see EffectCacheHeader and EffectRecord). Every read or write of
 // the file happens under fileMutex_, named after the file's path, and
@@ -23,16 +24,19 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "effectcache/EffectBatchCompressor.h"
 #include "effectcache/EffectCacheHeader.h"
 #include "effectcache/EffectCacheProfile.h"
 #include "effectcache/EffectNameOrder.h"
 #include "effectcache/EffectRecord.h"
+#include "effectcache/EffectTable.h"
 #include "host/MutexObject.h"
 #include "host/NorvaneHeapOperators.h"
 #include "host/RefPtr.h"
@@ -48,6 +52,8 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   static constexpr std::uint64_t kEffectNameSizeLimit = 65536;
   static constexpr std::uint64_t kAutoSaveThreshold = 2097152;
   static constexpr std::uint64_t kCacheBytesLimit = 268435456;
+  // The zlib level EffectCacheSystem compresses at.
+  static constexpr int kHostCompressionLevel = 2;
   static constexpr std::uint64_t kCachePageCount = 64;
   static constexpr std::uint64_t kStreamLimit = 65535;
   static constexpr const wchar_t* kCacheFileName = L"norvaneFxoCache.dat";
@@ -69,6 +75,26 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   void ListCachedEffects(const wchar_t* file);
   bool SearchCachedEffects(const WStr& name, Tab<unsigned char>& data);
 
+  // What a removal of stored effects took out of the file.
+  struct Removed {
+    std::uint64_t effects = 0;
+    std::uint64_t storedBytes = 0;  // their compressed sizes
+  };
+  // Offered each stored effect in turn, oldest last use first (ties in
+  // name order), with what it has chosen so far and the stored bytes of
+  // every entry: true to remove it.
+  using RemovalChoice =
+      std::function<bool(const EffectTable::Entry& entry, const Removed& chosen, std::uint64_t storedBytes)>;
+  // Removes the stored effects that `choose` picks, in one crash-safe save
+  // under the file mutex, after bringing this object's view of the file up
+  // to date (an interrupted save rolled back, other processes' saves read);
+  // the save renews the shared time stamp, so running hosts reload before
+  // they next search or save. With dryRun nothing is written. `removed`
+  // gets what was (or would be) removed. False when the cache is unusable
+  // or the save failed (the file is then as the last completed save left
+  // it).
+  bool RemoveStored(const RemovalChoice& choose, bool dryRun, Removed* removed);
+
   // The cache file's full path (empty for an empty folder).
   const WStr& GetCacheFileFullPath() const { return cacheFilePath_; }
   std::uint64_t GetPendingBytes() const;
@@ -87,7 +113,6 @@ class EffectCacheImpl : public NorvaneHeapOperators {
     Tab<unsigned char> bytes;
     std::uint32_t permanent;
   };
-  using FileMap = std::map<std::string, EffectRecord, EffectNameOrder>;
   using PendingMap = std::map<std::string, PendingEffect, EffectNameOrder>;
 
   bool OpenCacheFile();
@@ -95,17 +120,17 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   bool ReadHeader();
   bool WriteHeader();
   bool LoadIndex();
-  void AddLoadedEntry(std::string&& name, const EffectRecord& record);
   bool SaveIndex();
   bool WritePendingEffects();
   bool WritePendingEffect(const std::string& name, const PendingEffect& effect,
-                          const EffectBatchCompressor::Result& compressed);
+                          const EffectBatchCompressor::Result& compressed, std::vector<EffectTable::Change>& changes);
   bool RefreshIfChanged();
   bool TrimToLimit(std::uint64_t limit, std::uint64_t* removed);
   std::uint64_t GetSizeLimit() const;
   bool SaveToFile();
   bool SaveDirectory();
   bool FindInFile(const std::string& name, Tab<unsigned char>& data);
+  std::vector<bool> ChooseRemovals(const RemovalChoice& choose, Removed* removed) const;
   void DropDamagedEntries();
   void DiscardPending();
   void ResetState();
@@ -118,7 +143,7 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   WStr cacheFilePath_;                 // folderPath_ + kCacheFileName; empty for an empty folder
   bool enabled_;
   EffectCacheHeader header_;           // copy of the file's header block
-  FileMap fileEffects_;                // the file's index as last read or written
+  EffectTable fileEffects_;            // the file's index as last read or written
   PendingMap pendingEffects_;          // cached since the last save
   // Entries whose bytes were found unreadable, with the stream they named;
   // the next save drops them from the index (a save is due while any is).

@@ -4,12 +4,8 @@
 
 namespace Tovrel {
 
-namespace {
-constexpr int kCompressionLevel = 2;
-}
-
 EffectCacheSystem::EffectCacheSystem(const WStr& cacheFolder)
-    : impl_(new EffectCacheImpl(cacheFolder, kCompressionLevel)) {}
+    : impl_(new EffectCacheImpl(cacheFolder, EffectCacheImpl::kHostCompressionLevel)) {}
 
 EffectCacheSystem::~EffectCacheSystem() { delete impl_; }
 

@@ -1,0 +1,80 @@
+#include "effectcache/EffectCacheMaintenance.h"
+
+#include <algorithm>
+#include <set>
+
+#include "effectcache/EffectCacheImpl.h"
+
+namespace Tovrel {
+
+namespace {
+
+using Choice = EffectCacheImpl::RemovalChoice;
+
+EffectCacheMaintenance::Result RemoveChosen(const WStr& folder, const Choice& choose, bool dryRun) {
+  EffectCacheMaintenance::Result result;
+  EffectCacheImpl cache(folder, EffectCacheImpl::kHostCompressionLevel, EffectCacheImpl::kCacheBytesLimit);
+  std::uint64_t stored = 0;
+  std::uint64_t count = 0;
+  const Choice counting = [&](const EffectTable::Entry& entry, const EffectCacheImpl::Removed& chosen,
+                              std::uint64_t storedBytes) {
+    stored = storedBytes;
+    ++count;
+    return choose(entry, chosen, storedBytes);
+  };
+  EffectCacheImpl::Removed removed;
+  result.ok = cache.IsEnabled() && cache.RemoveStored(counting, dryRun, &removed);
+  result.removedEffects = removed.effects;
+  result.removedBytes = removed.storedBytes;
+  result.keptEffects = count - removed.effects;
+  result.keptBytes = stored - removed.storedBytes;
+  return result;
+}
+
+}  // namespace
+
+EffectCacheMaintenance::Result EffectCacheMaintenance::Remove(const WStr& folder, const std::vector<std::string>& names,
+                                                              bool dryRun) {
+  const std::set<std::string> wanted(names.begin(), names.end());
+  std::set<std::string> found;
+  Result result = RemoveChosen(
+      folder,
+      [&](const EffectTable::Entry& entry, const EffectCacheImpl::Removed&, std::uint64_t) {
+        if (wanted.count(entry.name) == 0) return false;
+        found.insert(entry.name);
+        return true;
+      },
+      dryRun);
+  for (const std::string& name : names) {
+    if (found.count(name) == 0 && std::find(result.notFound.begin(), result.notFound.end(), name) == result.notFound.end()) {
+      result.notFound.push_back(name);
+    }
+  }
+  return result;
+}
+
+EffectCacheMaintenance::Result EffectCacheMaintenance::Clear(const WStr& folder, bool keepPermanent, bool dryRun) {
+  return RemoveChosen(
+      folder,
+      [keepPermanent](const EffectTable::Entry& entry, const EffectCacheImpl::Removed&, std::uint64_t) {
+        return !keepPermanent || entry.record.permanent == 0;
+      },
+      dryRun);
+}
+
+EffectCacheMaintenance::Result EffectCacheMaintenance::Trim(const WStr& folder, const TrimRule& rule, std::int64_t now,
+                                                            bool dryRun) {
+  return RemoveChosen(
+      folder,
+      [&rule, now](const EffectTable::Entry& entry, const EffectCacheImpl::Removed& chosen, std::uint64_t stored) {
+        if (entry.record.permanent != 0) return false;
+        const bool tooOld = rule.byAge && now - entry.record.lastUsed.Seconds() > rule.maxAgeSeconds;
+        // Entries come oldest first: the size rule takes them until the
+        // rest fits under the limit.
+        const bool overSize = rule.bySize && stored - chosen.storedBytes >= rule.maxStoredBytes;
+        return tooOld || overSize;
+      },
+      dryRun);
+}
+
+}  // namespace Tovrel

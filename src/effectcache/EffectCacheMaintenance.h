@@ -1,0 +1,55 @@
+// EffectCacheMaintenance: what the people who look after a cache folder do
+// to it from outside a host: remove named effects, clear it, trim it to a
+// size or an age.
+//
+// Each operation opens the folder's cache as a host would (an interrupted
+// save is rolled back first), removes what it chose in one crash-safe save
+// under the cache's named mutex, and renews the shared time stamp, so that
+// hosts using the folder at the same time reload before their next search
+// or save; nothing else in the file changes. Permanent effects are removed
+// only by name or by a full clear. A dry run reports what would go and
+// writes nothing.
+//
+// Stateless; each call makes and drops its own cache object, so calls may
+// come from any thread.
+#ifndef TOVREL_EFFECTCACHE_EFFECTCACHEMAINTENANCE_H
+#define TOVREL_EFFECTCACHE_EFFECTCACHEMAINTENANCE_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "host/WStr.h"
+
+namespace Tovrel {
+
+class EffectCacheMaintenance {
+ public:
+  struct Result {
+    bool ok = false;                   // false: the cache could not be opened or saved
+    std::uint64_t removedEffects = 0;
+    std::uint64_t removedBytes = 0;    // stored (compressed) bytes of the removed effects
+    std::uint64_t keptEffects = 0;
+    std::uint64_t keptBytes = 0;       // stored bytes left
+    std::vector<std::string> notFound; // names asked for that the cache does not hold
+  };
+  // A trim: every rule given applies (an effect goes if any rule picks it).
+  struct TrimRule {
+    bool bySize = false;
+    std::uint64_t maxStoredBytes = 0;  // remove, oldest last use first, until the stored bytes are below
+    bool byAge = false;
+    std::int64_t maxAgeSeconds = 0;    // remove every effect not used for longer than this
+  };
+
+  // Removes the effects of these UTF-8 names, permanent or not.
+  static Result Remove(const WStr& folder, const std::vector<std::string>& names, bool dryRun);
+  // Removes every effect, or every non-permanent one.
+  static Result Clear(const WStr& folder, bool keepPermanent, bool dryRun);
+  // Removes non-permanent effects by the rule, `now` being the current
+  // local time in CacheTimeStamp seconds.
+  static Result Trim(const WStr& folder, const TrimRule& rule, std::int64_t now, bool dryRun);
+};
+
+}  // namespace Tovrel
+
+#endif

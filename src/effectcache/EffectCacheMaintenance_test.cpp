@@ -1,0 +1,153 @@
+#include "effectcache/EffectCacheMaintenance.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "effectcache/CacheTimeStamp.h"
+#include "support/EffectTesting.h"
+#include "support/TempDir.h"
+#include "tovrel/EffectCacheSystem.h"
+
+namespace Tovrel {
+namespace {
+
+using Testing::EffectTesting;
+
+class EffectCacheMaintenanceTest : public ::testing::Test {
+ protected:
+  // fx/0 .. fx/(n-1), each 3000 + i bytes; the ones in `permanent` permanent.
+  void Fill(int n, const std::vector<int>& permanent = {}) {
+    RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(Folder()));
+    for (int i = 0; i < n; ++i) {
+      const auto bytes = Bytes(i);
+      const bool keep = std::find(permanent.begin(), permanent.end(), i) != permanent.end();
+      ASSERT_TRUE(cache->CacheCompiledEffect(WStr(Name(i).c_str()), bytes.data(), bytes.size(), keep));
+    }
+    cache->ForceSaveToFile();
+  }
+  static std::wstring Name(int i) { return L"fx/" + std::to_wstring(i); }
+  static std::vector<unsigned char> Bytes(int i) {
+    return EffectTesting::Bytes(static_cast<std::uint32_t>(i + 1), 3000 + static_cast<std::size_t>(i), true);
+  }
+  WStr Folder() const { return WStr(dir_.Path().wstring().c_str()); }
+  std::wstring CacheFile() const { return dir_.File("norvaneFxoCache.dat"); }
+  std::vector<std::string> Stored() const { return EffectTesting::IndexNames(CacheFile()); }
+  // Every name left is found byte-exact by a host.
+  void ExpectIntact(const std::vector<int>& left) const {
+    RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(Folder()));
+    EXPECT_EQ(cache->GetNumberOfEffectsInFile(), left.size());
+    for (int i : left) {
+      Tab<unsigned char> data;
+      ASSERT_TRUE(cache->SearchCachedEffects(WStr(Name(i).c_str()), data)) << i;
+      EXPECT_EQ(EffectTesting::ToVector(data), Bytes(i)) << i;
+    }
+  }
+  std::uint64_t StoredBytes() const {
+    std::uint64_t total = 0;
+    for (const auto& entry : EffectTesting::ReadIndex(CacheFile())) total += entry.second.compressedSize;
+    return total;
+  }
+  void SetLastUsed(int i, const CacheTimeStamp& when) {
+    EffectTesting::PatchRecord(CacheFile(), "fx/" + std::to_string(i), [&](EffectRecord& r) { r.lastUsed = when; });
+  }
+
+  Testing::TempDir dir_;
+};
+
+TEST_F(EffectCacheMaintenanceTest, RemoveTakesTheNamedEffectsPermanentOrNotAndNamesTheMissing) {
+  Fill(6, {2});
+  const auto before = StoredBytes();
+  const auto result = EffectCacheMaintenance::Remove(Folder(), {"fx/1", "fx/2", "fx/9", "fx/1"}, false);
+  ASSERT_TRUE(result.ok);
+  EXPECT_EQ(result.removedEffects, 2u);
+  EXPECT_EQ(result.keptEffects, 4u);
+  EXPECT_EQ(result.removedBytes + result.keptBytes, before);
+  EXPECT_EQ(result.keptBytes, StoredBytes());
+  EXPECT_EQ(result.notFound, std::vector<std::string>{"fx/9"});
+  ExpectIntact({0, 3, 4, 5});
+}
+
+TEST_F(EffectCacheMaintenanceTest, ClearTakesEverythingOrKeepsThePermanent) {
+  Fill(5, {1, 3});
+  auto result = EffectCacheMaintenance::Clear(Folder(), true, false);
+  ASSERT_TRUE(result.ok);
+  EXPECT_EQ(result.removedEffects, 3u);
+  ExpectIntact({1, 3});
+  result = EffectCacheMaintenance::Clear(Folder(), false, false);
+  ASSERT_TRUE(result.ok);
+  EXPECT_EQ(result.removedEffects, 2u);
+  EXPECT_EQ(result.keptEffects, 0u);
+  EXPECT_TRUE(Stored().empty());
+}
+
+TEST_F(EffectCacheMaintenanceTest, ADryRunReportsAndWritesNothing) {
+  Fill(4);
+  const auto before = Testing::TempDir::ReadAll(CacheFile());
+  const auto result = EffectCacheMaintenance::Clear(Folder(), false, true);
+  ASSERT_TRUE(result.ok);
+  EXPECT_EQ(result.removedEffects, 4u);
+  EXPECT_EQ(Testing::TempDir::ReadAll(CacheFile()), before);
+}
+
+TEST_F(EffectCacheMaintenanceTest, TrimBySizeRemovesTheLeastRecentlyUsedFirstAndNeverAPermanentOne) {
+  Fill(6, {0});
+  for (int i = 0; i < 6; ++i) SetLastUsed(i, CacheTimeStamp{2026, 1, static_cast<std::uint16_t>(10 - i), 0, 0, 0, 0});
+  // fx/5 was used longest ago, then fx/4, ...; fx/0 (oldest but one) is permanent.
+  const std::uint64_t total = StoredBytes();
+  const auto index = EffectTesting::ReadIndex(CacheFile());
+  const std::uint64_t limit = total - index.at("fx/5").compressedSize - index.at("fx/4").compressedSize + 1;
+  EffectCacheMaintenance::TrimRule rule;
+  rule.bySize = true;
+  rule.maxStoredBytes = limit;
+  const auto result = EffectCacheMaintenance::Trim(Folder(), rule, 0, false);
+  ASSERT_TRUE(result.ok);
+  EXPECT_EQ(result.removedEffects, 2u);
+  EXPECT_LT(result.keptBytes, limit);
+  ExpectIntact({0, 1, 2, 3});
+  // A size that only the permanent effect's removal could reach is not reached.
+  rule.maxStoredBytes = 1;
+  const auto rest = EffectCacheMaintenance::Trim(Folder(), rule, 0, false);
+  ASSERT_TRUE(rest.ok);
+  EXPECT_EQ(rest.removedEffects, 3u);
+  EXPECT_GE(rest.keptBytes, rule.maxStoredBytes);
+  ExpectIntact({0});
+}
+
+TEST_F(EffectCacheMaintenanceTest, TrimByAgeRemovesWhatWasNotUsedForLonger) {
+  Fill(4, {3});
+  const CacheTimeStamp now{2026, 11, 24, 12, 0, 0, 0};
+  SetLastUsed(0, CacheTimeStamp{2026, 11, 24, 11, 0, 0, 0});  // an hour ago
+  SetLastUsed(1, CacheTimeStamp{2026, 10, 1, 12, 0, 0, 0});   // 54 days ago
+  SetLastUsed(2, CacheTimeStamp{2026, 11, 20, 12, 0, 0, 0});  // 4 days ago
+  SetLastUsed(3, CacheTimeStamp{2020, 1, 1, 0, 0, 0, 0});     // permanent
+  EffectCacheMaintenance::TrimRule rule;
+  rule.byAge = true;
+  rule.maxAgeSeconds = 3 * 86400;
+  const auto result = EffectCacheMaintenance::Trim(Folder(), rule, now.Seconds(), false);
+  ASSERT_TRUE(result.ok);
+  EXPECT_EQ(result.removedEffects, 2u);
+  ExpectIntact({0, 3});
+}
+
+TEST_F(EffectCacheMaintenanceTest, AHostSeesTheChangeAtItsNextSearch) {
+  Fill(3);
+  RefPtr<EffectCacheSystem> host(new EffectCacheSystem(Folder()));
+  Tab<unsigned char> data;
+  ASSERT_TRUE(host->SearchCachedEffects(WStr(Name(1).c_str()), data));
+  ASSERT_TRUE(EffectCacheMaintenance::Remove(Folder(), {"fx/1"}, false).ok);
+  EXPECT_FALSE(host->SearchCachedEffects(WStr(Name(1).c_str()), data));
+  ASSERT_TRUE(host->SearchCachedEffects(WStr(Name(2).c_str()), data));
+  EXPECT_EQ(EffectTesting::ToVector(data), Bytes(2));
+  // The host's own next save keeps the removal.
+  const auto bytes = Bytes(7);
+  ASSERT_TRUE(host->CacheCompiledEffect(WStr(Name(7).c_str()), bytes.data(), bytes.size(), false));
+  host->ForceSaveToFile();
+  host.Reset();
+  ExpectIntact({0, 2, 7});
+}
+
+}  // namespace
+}  // namespace Tovrel

@@ -1,0 +1,73 @@
+// EffectTable: the cache file's index in memory: one entry (UTF-8 name and
+// EffectRecord) per stored effect, in one array sorted by EffectNameOrder,
+// the order in which the index stream is written.
+//
+// Loading appends entries as the index holds them, so a full index costs
+// one allocation per name and no per-entry node; lookups are binary
+// searches. Changes that touch many entries (a save's new effects, a
+// trim) go in as one batch, in one pass over the array, so that a save
+// does not shift the array once per effect.
+//
+// Owned by EffectCacheImpl; lives as long as it. Thread-safety: none; the
+// owner serialises calls.
+#ifndef TOVREL_EFFECTCACHE_EFFECTTABLE_H
+#define TOVREL_EFFECTCACHE_EFFECTTABLE_H
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "effectcache/EffectNameOrder.h"
+#include "effectcache/EffectRecord.h"
+
+namespace Tovrel {
+
+class EffectTable {
+ public:
+  struct Entry {
+    std::string name;
+    EffectRecord record;
+  };
+  // One change of a batch: the name gets `record`, or, when `remove`, its
+  // entry (if any) goes.
+  struct Change {
+    std::string name;
+    EffectRecord record;
+    bool remove;
+  };
+  using const_iterator = std::vector<Entry>::const_iterator;
+
+  std::size_t Size() const { return entries_.size(); }
+  bool Empty() const { return entries_.empty(); }
+  const_iterator begin() const { return entries_.begin(); }
+  const_iterator end() const { return entries_.end(); }
+  const Entry& At(std::size_t i) const { return entries_[i]; }
+  void Clear() { entries_.clear(); }
+  void Reserve(std::size_t n) { entries_.reserve(n); }
+
+  // Adds an entry as read from an index: at the end when its name sorts
+  // after the last one (the index's own order), else in its place; a name
+  // already present takes the later record.
+  void AddLoaded(std::string&& name, const EffectRecord& record);
+  // The record of `name`, or null.
+  EffectRecord* Find(const std::string& name);
+  const EffectRecord* Find(const std::string& name) const;
+  // Removes the entry of `name`; false when there is none.
+  bool Erase(const std::string& name);
+  // Applies changes whose names are sorted by EffectNameOrder and distinct,
+  // in one pass.
+  void Apply(std::vector<Change>&& changes);
+  // Removes the entries whose flag is set; `removed` has one flag per entry.
+  void EraseMarked(const std::vector<bool>& removed);
+
+ private:
+  std::vector<Entry>::iterator LowerBound(const std::string& name);
+  void CheckInvariants() const;
+
+  // Invariant: sorted by EffectNameOrder on name, names distinct.
+  std::vector<Entry> entries_;
+};
+
+}  // namespace Tovrel
+
+#endif

@@ -1,0 +1,80 @@
+#include "effectcache/EffectTable.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace Tovrel {
+namespace {
+
+EffectRecord RecordOf(std::uint64_t stream) {
+  EffectRecord record{};
+  record.streamId = stream;
+  return record;
+}
+
+std::vector<std::string> NamesOf(const EffectTable& table) {
+  std::vector<std::string> names;
+  for (const EffectTable::Entry& entry : table) names.push_back(entry.name);
+  return names;
+}
+
+TEST(EffectTableTest, LoadedEntriesInOrderAreAppendedAndFound) {
+  EffectTable table;
+  const std::vector<std::string> names{"b", "z", "ab", "ba", "\xC3\xA9", "abc"};  // name order
+  for (std::size_t i = 0; i < names.size(); ++i) table.AddLoaded(std::string(names[i]), RecordOf(i + 10));
+  EXPECT_EQ(NamesOf(table), names);
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    ASSERT_NE(table.Find(names[i]), nullptr) << names[i];
+    EXPECT_EQ(table.Find(names[i])->streamId, i + 10);
+  }
+  EXPECT_EQ(table.Find("c"), nullptr);
+  EXPECT_EQ(table.Find(""), nullptr);
+  EXPECT_EQ(table.Find("abcd"), nullptr);
+}
+
+TEST(EffectTableTest, LoadedEntriesOutOfOrderAreSortedAndTheLaterRecordWins) {
+  EffectTable table;
+  table.AddLoaded("zz", RecordOf(1));
+  table.AddLoaded("a", RecordOf(2));
+  table.AddLoaded("\xFF", RecordOf(3));
+  table.AddLoaded("b", RecordOf(4));
+  table.AddLoaded("a", RecordOf(5));
+  EXPECT_EQ(NamesOf(table), (std::vector<std::string>{"a", "b", "\xFF", "zz"}));
+  EXPECT_EQ(table.Find("a")->streamId, 5u);
+}
+
+TEST(EffectTableTest, ABatchOfChangesReplacesInsertsAndRemovesInOnePass) {
+  EffectTable table;
+  for (const char* name : {"b", "d", "f", "hh"}) table.AddLoaded(name, RecordOf(1));
+  std::vector<EffectTable::Change> changes;
+  changes.push_back({"a", RecordOf(2), false});   // new, before all
+  changes.push_back({"d", RecordOf(3), false});   // replaced
+  changes.push_back({"e", RecordOf(0), true});    // removal of a name not there
+  changes.push_back({"f", RecordOf(0), true});    // removed
+  changes.push_back({"zz", RecordOf(4), false});  // new, after all
+  table.Apply(std::move(changes));
+  EXPECT_EQ(NamesOf(table), (std::vector<std::string>{"a", "b", "d", "hh", "zz"}));
+  EXPECT_EQ(table.Find("a")->streamId, 2u);
+  EXPECT_EQ(table.Find("d")->streamId, 3u);
+  EXPECT_EQ(table.Find("b")->streamId, 1u);
+  EXPECT_EQ(table.Find("zz")->streamId, 4u);
+  table.Apply({});
+  EXPECT_EQ(table.Size(), 5u);
+}
+
+TEST(EffectTableTest, MarkedEntriesAndSingleNamesAreErased) {
+  EffectTable table;
+  for (const char* name : {"a", "b", "c", "d", "e"}) table.AddLoaded(name, RecordOf(1));
+  table.EraseMarked({true, false, true, false, true});
+  EXPECT_EQ(NamesOf(table), (std::vector<std::string>{"b", "d"}));
+  EXPECT_TRUE(table.Erase("b"));
+  EXPECT_FALSE(table.Erase("b"));
+  EXPECT_EQ(NamesOf(table), (std::vector<std::string>{"d"}));
+  table.Clear();
+  EXPECT_TRUE(table.Empty());
+}
+
+}  // namespace
+}  // namespace Tovrel
