@@ -1,5 +1,9 @@
 #include "CommandLine.h"
 
+#include <cctype>
+#include <cstdint>
+#include <map>
+
 #include "ExitStatus.h"
 #include "ToolError.h"
 
@@ -63,6 +67,56 @@ std::uint64_t CommandLine::Number(const std::string& text, const std::string& wh
     throw ToolError(ExitStatus::kUsage, what + " must be a whole number" + range + ", not \"" + text + "\"");
   }
   return value;
+}
+
+std::uint64_t CommandLine::Size(const std::string& text, const std::string& what) {
+  static const std::string kUnits = "KMGT";
+  const auto refuse = [&] {
+    return ToolError(ExitStatus::kUsage, what + " must be a size such as 256M, 1.5G or a number of bytes, not \"" +
+                                             text + "\"");
+  };
+  std::string digits = text;
+  std::uint64_t unit = 1;
+  if (!digits.empty()) {
+    const std::size_t at = kUnits.find(static_cast<char>(std::toupper(static_cast<unsigned char>(digits.back()))));
+    if (at != std::string::npos) {
+      unit = std::uint64_t{1} << (10 * (at + 1));
+      digits.pop_back();
+    }
+  }
+  const std::size_t point = digits.find('.');
+  const std::string whole = digits.substr(0, point);
+  const std::string fraction = point == std::string::npos ? "" : digits.substr(point + 1);
+  if (whole.empty() || fraction.size() > 6 || (point != std::string::npos && fraction.empty()) ||
+      fraction.find_first_not_of("0123456789") != std::string::npos) {
+    throw refuse();
+  }
+  std::uint64_t value = 0;
+  try {
+    value = Number(whole, what, 0, ~std::uint64_t{0} / unit) * unit;
+  } catch (const ToolError&) {
+    throw refuse();
+  }
+  std::uint64_t tenths = 1;
+  std::uint64_t part = 0;
+  for (char c : fraction) {
+    part = part * 10 + static_cast<std::uint64_t>(c - '0');
+    tenths *= 10;
+  }
+  const std::uint64_t extra = part * unit / tenths;  // part < 10^6 and unit <= 2^40: no overflow
+  if (extra > ~std::uint64_t{0} - value) throw refuse();
+  return value + extra;
+}
+
+std::int64_t CommandLine::Duration(const std::string& text, const std::string& what) {
+  static const std::map<char, std::int64_t> kUnits{{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}, {'w', 604800}};
+  const auto unit = text.empty() ? kUnits.end() : kUnits.find(text.back());
+  if (unit == kUnits.end() || text.size() < 2) {
+    throw ToolError(ExitStatus::kUsage, what + " must be a duration such as 30d or 12h, not \"" + text + "\"");
+  }
+  const std::uint64_t count =
+      Number(text.substr(0, text.size() - 1), what, 0, static_cast<std::uint64_t>(INT64_MAX / unit->second));
+  return static_cast<std::int64_t>(count) * unit->second;
 }
 
 }  // namespace Tool

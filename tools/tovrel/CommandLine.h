@@ -37,6 +37,13 @@ class CommandLine {
   // otherwise.
   static std::uint64_t Number(const std::string& text, const std::string& what, std::uint64_t low,
                               std::uint64_t high);
+  // A size in bytes: a decimal number, possibly with a fraction, and
+  // possibly K, M, G or T (binary: 1.5G is 1.5 x 2^30 bytes), such as
+  // "256M", "1.5G" or "1000000". ToolError (usage) naming `what` otherwise.
+  static std::uint64_t Size(const std::string& text, const std::string& what);
+  // A duration in seconds: a whole number followed by s, m, h, d or w, such
+  // as "30d" or "12h". ToolError (usage) naming `what` otherwise.
+  static std::int64_t Duration(const std::string& text, const std::string& what);
 
  private:
   bool help_;

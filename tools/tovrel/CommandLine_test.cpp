@@ -72,6 +72,32 @@ TEST(CommandLineTest, NumbersAreWholeAndInRange) {
   EXPECT_THROW(CommandLine::Number("0", "ID", 1, 10), ToolError);
 }
 
+TEST(CommandLineTest, SizesTakeBinaryUnitsAndFractions) {
+  EXPECT_EQ(CommandLine::Size("1000000", "--max-size"), 1000000u);
+  EXPECT_EQ(CommandLine::Size("0", "--max-size"), 0u);
+  EXPECT_EQ(CommandLine::Size("256M", "--max-size"), 256u << 20);
+  EXPECT_EQ(CommandLine::Size("256m", "--max-size"), 256u << 20);
+  EXPECT_EQ(CommandLine::Size("1.5G", "--max-size"), 3ull << 29);
+  EXPECT_EQ(CommandLine::Size("64K", "--max-size"), 65536u);
+  EXPECT_EQ(CommandLine::Size("2T", "--max-size"), 2ull << 40);
+  EXPECT_EQ(CommandLine::Size("0.5K", "--max-size"), 512u);
+  for (const char* bad : {"", "M", "1.", ".5M", "1.5.5G", "-1", "12X", "1e6", "1.1234567G", "16777216T",
+                          "18446744073709551616"}) {
+    EXPECT_THROW(CommandLine::Size(bad, "--max-size"), ToolError) << bad;
+  }
+}
+
+TEST(CommandLineTest, DurationsTakeAUnit) {
+  EXPECT_EQ(CommandLine::Duration("30d", "--older-than"), 30 * 86400);
+  EXPECT_EQ(CommandLine::Duration("12h", "--older-than"), 12 * 3600);
+  EXPECT_EQ(CommandLine::Duration("90m", "--older-than"), 90 * 60);
+  EXPECT_EQ(CommandLine::Duration("45s", "--older-than"), 45);
+  EXPECT_EQ(CommandLine::Duration("2w", "--older-than"), 2 * 604800);
+  for (const char* bad : {"", "d", "30", "30x", "-3d", "1.5d", "99999999999999999999d"}) {
+    EXPECT_THROW(CommandLine::Duration(bad, "--older-than"), ToolError) << bad;
+  }
+}
+
 TEST(CommandLineTest, ANumberErrorNamesWhatAndTheText) {
   try {
     CommandLine::Number("abc", "--effects", 1, 60000);

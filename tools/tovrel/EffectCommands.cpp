@@ -8,6 +8,7 @@
 #include "ExitStatus.h"
 #include "JsonWriter.h"
 #include "LocalFile.h"
+#include "MaintenanceCommands.h"
 #include "ProgressReporter.h"
 #include "TextFormat.h"
 #include "ToolError.h"
@@ -165,6 +166,7 @@ std::shared_ptr<CommandGroup> EffectCommands::Group() {
                              "trimmed. The folder must exist; a cache file is made if it has none. A cache\n"
                              "file that cannot be read is left alone (the library would replace it).\n",
                              {"--permanent"}, {}, 3, 3, &EffectCommands::Put, nullptr});
+  MaintenanceCommands::AddTo(commands);
   commands.push_back(Command{"stats", "FOLDER [--json]", "count, bytes, compression, oldest and newest use",
                              "The number of effects, the bytes stored and the bytes of the effects, the\n"
                              "compression ratio and the oldest and newest last use. --json: one object.\n",
@@ -177,7 +179,8 @@ std::shared_ptr<CommandGroup> EffectCommands::Group() {
                              "exit status: 0 no problem, 1 problems found, 2 the cache cannot be read at all\n",
                              {}, {}, 1, 1, &EffectCommands::Verify, nullptr});
   return std::make_shared<CommandGroup>(
-      "tovrel effects", "Looks into an effect cache folder, and stores effects in it through the library.",
+      "tovrel effects",
+      "Looks into an effect cache folder, stores effects in it and takes them out through the library.",
       std::move(commands));
 }
 

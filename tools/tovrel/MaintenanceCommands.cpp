@@ -1,0 +1,103 @@
+#include "MaintenanceCommands.h"
+
+#include <string>
+
+#include "CacheFile.h"
+#include "ExitStatus.h"
+#include "TextFormat.h"
+#include "ToolError.h"
+#include "UserPath.h"
+#include "effectcache/CacheTimeStamp.h"
+#include "effectcache/EffectCacheMaintenance.h"
+#include "platform/LocalClock.h"
+
+namespace Tovrel {
+namespace Tool {
+
+namespace {
+
+// The folder, refused when it holds no cache file a host would load.
+UserPath CheckedFolder(const CommandLine& line) {
+  const UserPath folder(line.Positionals()[0]);
+  const CacheFile check(folder);
+  return folder;
+}
+
+std::string Effects(std::uint64_t count) { return TextFormat::Count(count) + (count == 1 ? " effect" : " effects"); }
+
+// "removed 3 effects (12,345 bytes stored); 7 effects (1,234 bytes) left"
+void PrintResult(const EffectCacheMaintenance::Result& result, const UserPath& folder, bool dryRun,
+                 Console& console) {
+  if (!result.ok) {
+    throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved");
+  }
+  console.Out() << (dryRun ? "would remove " : "removed ") << Effects(result.removedEffects) << " ("
+                << TextFormat::Bytes(result.removedBytes) << " stored); " << Effects(result.keptEffects) << " ("
+                << TextFormat::Bytes(result.keptBytes) << ") " << (dryRun ? "would be left" : "left") << "\n";
+}
+
+}  // namespace
+
+void MaintenanceCommands::AddTo(std::vector<CommandGroup::Command>& commands) {
+  using Command = CommandGroup::Command;
+  commands.push_back(Command{"remove", "FOLDER NAME... [--dry-run]", "take named effects out of the cache",
+                             "Removes the named effects, permanent or not, in one save under the cache's\n"
+                             "mutex; hosts using the folder see the change at their next search. Names\n"
+                             "the cache does not hold are listed (exit status 1).\n",
+                             {"--dry-run"}, {}, 2, ~std::size_t{0}, &MaintenanceCommands::Remove, nullptr});
+  commands.push_back(Command{"clear", "FOLDER [--keep-permanent] [--dry-run]", "take every effect out",
+                             "Removes every effect, or with --keep-permanent every one that is not\n"
+                             "permanent, in one save under the cache's mutex.\n",
+                             {"--keep-permanent", "--dry-run"}, {}, 1, 1, &MaintenanceCommands::Clear, nullptr});
+  commands.push_back(Command{"trim", "FOLDER [--max-size SIZE] [--older-than DURATION] [--dry-run]",
+                             "cap the cache's size or its effects' age",
+                             "Removes effects that are not permanent, in one save under the cache's mutex:\n"
+                             "with --max-size, the least recently used first until the stored bytes are\n"
+                             "under SIZE (256M, 1.5G, or bytes); with --older-than, every one not used\n"
+                             "for DURATION (30d, 12h, 90m). Permanent effects are never trimmed.\n",
+                             {"--dry-run"}, {"--max-size", "--older-than"}, 1, 1, &MaintenanceCommands::Trim,
+                             nullptr});
+}
+
+int MaintenanceCommands::Remove(const CommandLine& line, Console& console) {
+  const UserPath folder = CheckedFolder(line);
+  const std::vector<std::string> names(line.Positionals().begin() + 1, line.Positionals().end());
+  const bool dryRun = line.Has("--dry-run");
+  const auto result = EffectCacheMaintenance::Remove(WStr(folder.Absolute().c_str()), names, dryRun);
+  PrintResult(result, folder, dryRun, console);
+  for (const std::string& name : result.notFound) console.Err() << "tovrel: " << folder.Typed() << ": no effect " << name << "\n";
+  return result.notFound.empty() ? ExitStatus::kOk : ExitStatus::kFailed;
+}
+
+int MaintenanceCommands::Clear(const CommandLine& line, Console& console) {
+  const UserPath folder = CheckedFolder(line);
+  const bool dryRun = line.Has("--dry-run");
+  PrintResult(EffectCacheMaintenance::Clear(WStr(folder.Absolute().c_str()), line.Has("--keep-permanent"), dryRun),
+              folder, dryRun, console);
+  return ExitStatus::kOk;
+}
+
+int MaintenanceCommands::Trim(const CommandLine& line, Console& console) {
+  EffectCacheMaintenance::TrimRule rule;
+  rule.bySize = line.HasValue("--max-size");
+  if (rule.bySize) rule.maxStoredBytes = CommandLine::Size(line.Value("--max-size", ""), "--max-size");
+  rule.byAge = line.HasValue("--older-than");
+  if (rule.byAge) rule.maxAgeSeconds = CommandLine::Duration(line.Value("--older-than", ""), "--older-than");
+  if (!rule.bySize && !rule.byAge) {
+    throw ToolError(ExitStatus::kUsage, "trim needs --max-size SIZE, --older-than DURATION or both");
+  }
+  const UserPath folder = CheckedFolder(line);
+  const bool dryRun = line.Has("--dry-run");
+  const LocalClock::Time t = LocalClock::Now();
+  const std::int64_t now = CacheTimeStamp{t.year, t.month, t.day, t.hour, t.minute, t.second, 0}.Seconds();
+  const auto result = EffectCacheMaintenance::Trim(WStr(folder.Absolute().c_str()), rule, now, dryRun);
+  PrintResult(result, folder, dryRun, console);
+  if (rule.bySize && result.keptBytes >= rule.maxStoredBytes) {
+    console.Out() << "the size cannot be reached: permanent effects hold " << TextFormat::Bytes(result.keptBytes)
+                  << ", and they are never trimmed\n";
+  }
+  return ExitStatus::kOk;
+}
+
+}  // namespace Tool
+}  // namespace Tovrel

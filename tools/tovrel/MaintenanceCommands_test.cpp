@@ -1,0 +1,104 @@
+#include "MaintenanceCommands.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "ExitStatus.h"
+#include "TextFormat.h"
+#include "effectcache/CacheTimeStamp.h"
+#include "effectcache/EffectRecord.h"
+#include "platform/WideText.h"
+#include "support/EffectTesting.h"
+#include "support/TempDir.h"
+#include "tool/ToolTesting.h"
+
+namespace Tovrel {
+namespace Tool {
+namespace {
+
+namespace fs = std::filesystem;
+using Testing::EffectTesting;
+using Testing::TempDir;
+using Testing::ToolTesting;
+
+// Six effects fx/0 .. fx/5 of 3,000 .. 3,005 bytes; fx/0 and fx/5 are permanent.
+class MaintenanceCommandsTest : public testing::Test {
+ protected:
+  void SetUp() override { ToolTesting::MakeCache(folder_, 6, 3000); }
+  ToolTesting::Result Run(const std::string& command, const std::vector<std::string>& more = {}) const {
+    return ToolTesting::RunOn("effects", command, folder_, more);
+  }
+  std::wstring CacheFile() const { return WideText::FromUtf8(ToolTesting::Utf8(folder_ / "norvaneFxoCache.dat")); }
+  std::vector<std::string> Names() const { return EffectTesting::IndexNames(CacheFile()); }
+  std::uint64_t StoredOf(const std::vector<std::string>& names) const {
+    const auto index = EffectTesting::ReadIndex(CacheFile());
+    std::uint64_t total = 0;
+    for (const std::string& name : names) total += index.at(name).compressedSize;
+    return total;
+  }
+  static std::string Line(const std::string& verb, std::size_t removed, std::uint64_t removedBytes, std::size_t left,
+                          std::uint64_t leftBytes, const std::string& tail = "left") {
+    return verb + " " + std::to_string(removed) + (removed == 1 ? " effect" : " effects") + " (" +
+           TextFormat::Bytes(removedBytes) + " stored); " + std::to_string(left) + (left == 1 ? " effect" : " effects") + " (" +
+           TextFormat::Bytes(leftBytes) + ") " + tail + "\n";
+  }
+
+  TempDir dir_;
+  fs::path folder_ = dir_.Path() / "fxcache";
+};
+
+TEST_F(MaintenanceCommandsTest, RemoveTakesTheNamedEffectsAndListsTheMissing) {
+  const std::uint64_t gone = StoredOf({"fx/1", "fx/5"});
+  const std::uint64_t left = StoredOf({"fx/0", "fx/2", "fx/3", "fx/4"});
+  const auto result = Run("remove", {"fx/1", "fx/5", "fx/77"});
+  EXPECT_EQ(result.status, ExitStatus::kFailed);
+  EXPECT_EQ(result.out, Line("removed", 2, gone, 4, left));
+  EXPECT_EQ(result.err, "tovrel: " + ToolTesting::Utf8(folder_) + ": no effect fx/77\n");
+  EXPECT_EQ(Names(), (std::vector<std::string>{"fx/0", "fx/2", "fx/3", "fx/4"}));
+}
+
+TEST_F(MaintenanceCommandsTest, ClearKeepsThePermanentWhenAskedAndADryRunWritesNothing) {
+  const auto before = TempDir::ReadAll(CacheFile());
+  const auto dry = Run("clear", {"--dry-run"});
+  EXPECT_EQ(dry.status, ExitStatus::kOk);
+  EXPECT_EQ(dry.out, Line("would remove", 6, StoredOf(Names()), 0, 0, "would be left"));
+  EXPECT_EQ(TempDir::ReadAll(CacheFile()), before);
+  const auto keep = Run("clear", {"--keep-permanent"});
+  EXPECT_EQ(keep.status, ExitStatus::kOk);
+  EXPECT_EQ(Names(), (std::vector<std::string>{"fx/0", "fx/5"}));
+  EXPECT_EQ(Run("clear").status, ExitStatus::kOk);
+  EXPECT_TRUE(Names().empty());
+}
+
+TEST_F(MaintenanceCommandsTest, TrimToASizeSaysWhenOnlyPermanentEffectsAreLeft) {
+  const auto result = Run("trim", {"--max-size", "1"});
+  EXPECT_EQ(result.status, ExitStatus::kOk);
+  EXPECT_EQ(Names(), (std::vector<std::string>{"fx/0", "fx/5"}));
+  EXPECT_NE(result.out.find("the size cannot be reached: permanent effects hold"), std::string::npos) << result.out;
+}
+
+TEST_F(MaintenanceCommandsTest, TrimByAgeKeepsWhatWasUsedRecently) {
+  EffectTesting::PatchRecord(CacheFile(), "fx/2", [](EffectRecord& r) { r.lastUsed = CacheTimeStamp{2001, 1, 1, 0, 0, 0, 0}; });
+  const auto result = Run("trim", {"--older-than", "30d"});
+  EXPECT_EQ(result.status, ExitStatus::kOk);
+  EXPECT_EQ(Names(), (std::vector<std::string>{"fx/0", "fx/1", "fx/3", "fx/4", "fx/5"}));
+  EXPECT_EQ(result.out.rfind("removed 1 effect (", 0), 0u) << result.out;
+}
+
+TEST_F(MaintenanceCommandsTest, UsageErrorsAndMissingCachesAreRefused) {
+  EXPECT_EQ(Run("trim").status, ExitStatus::kUsage);
+  EXPECT_EQ(Run("trim", {"--max-size", "lots"}).status, ExitStatus::kUsage);
+  EXPECT_EQ(Run("trim", {"--older-than", "3"}).status, ExitStatus::kUsage);
+  EXPECT_EQ(Run("remove").status, ExitStatus::kUsage);
+  const auto missing = ToolTesting::RunOn("effects", "clear", dir_.Path() / "nothing-here");
+  EXPECT_EQ(missing.status, ExitStatus::kUnreadable);
+  EXPECT_FALSE(fs::exists(dir_.Path() / "nothing-here"));
+  EXPECT_EQ(Names().size(), 6u);
+}
+
+}  // namespace
+}  // namespace Tool
+}  // namespace Tovrel
