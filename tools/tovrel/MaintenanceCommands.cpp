@@ -25,15 +25,17 @@ UserPath CheckedFolder(const CommandLine& line) {
 
 std::string Effects(std::uint64_t count) { return TextFormat::Count(count) + (count == 1 ? " effect" : " effects"); }
 
-// "removed 3 effects (12,345 bytes stored); 7 effects (1,234 bytes) left"
+// "removed 3 effects: 12,345 bytes (12.1 KiB) stored"
+// "left 7 effects: 1,234 bytes (1.2 KiB) stored"
 void PrintResult(const EffectCacheMaintenance::Result& result, const UserPath& folder, bool dryRun,
                  Console& console) {
   if (!result.ok) {
     throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved");
   }
-  console.Out() << (dryRun ? "would remove " : "removed ") << Effects(result.removedEffects) << " ("
-                << TextFormat::Bytes(result.removedBytes) << " stored); " << Effects(result.keptEffects) << " ("
-                << TextFormat::Bytes(result.keptBytes) << ") " << (dryRun ? "would be left" : "left") << "\n";
+  console.Out() << (dryRun ? "would remove " : "removed ") << Effects(result.removedEffects) << ": "
+                << TextFormat::Bytes(result.removedBytes) << " stored\n"
+                << (dryRun ? "would leave " : "left ") << Effects(result.keptEffects) << ": "
+                << TextFormat::Bytes(result.keptBytes) << " stored\n";
 }
 
 }  // namespace

@@ -39,11 +39,11 @@ class MaintenanceCommandsTest : public testing::Test {
     for (const std::string& name : names) total += index.at(name).compressedSize;
     return total;
   }
-  static std::string Line(const std::string& verb, std::size_t removed, std::uint64_t removedBytes, std::size_t left,
-                          std::uint64_t leftBytes, const std::string& tail = "left") {
-    return verb + " " + std::to_string(removed) + (removed == 1 ? " effect" : " effects") + " (" +
-           TextFormat::Bytes(removedBytes) + " stored); " + std::to_string(left) + (left == 1 ? " effect" : " effects") + " (" +
-           TextFormat::Bytes(leftBytes) + ") " + tail + "\n";
+  static std::string Lines(const std::string& verb, std::size_t removed, std::uint64_t removedBytes,
+                           const std::string& leftVerb, std::size_t left, std::uint64_t leftBytes) {
+    const auto effects = [](std::size_t n) { return std::to_string(n) + (n == 1 ? " effect" : " effects"); };
+    return verb + " " + effects(removed) + ": " + TextFormat::Bytes(removedBytes) + " stored\n" + leftVerb + " " +
+           effects(left) + ": " + TextFormat::Bytes(leftBytes) + " stored\n";
   }
 
   TempDir dir_;
@@ -55,7 +55,7 @@ TEST_F(MaintenanceCommandsTest, RemoveTakesTheNamedEffectsAndListsTheMissing) {
   const std::uint64_t left = StoredOf({"fx/0", "fx/2", "fx/3", "fx/4"});
   const auto result = Run("remove", {"fx/1", "fx/5", "fx/77"});
   EXPECT_EQ(result.status, ExitStatus::kFailed);
-  EXPECT_EQ(result.out, Line("removed", 2, gone, 4, left));
+  EXPECT_EQ(result.out, Lines("removed", 2, gone, "left", 4, left));
   EXPECT_EQ(result.err, "tovrel: " + ToolTesting::Utf8(folder_) + ": no effect fx/77\n");
   EXPECT_EQ(Names(), (std::vector<std::string>{"fx/0", "fx/2", "fx/3", "fx/4"}));
 }
@@ -64,7 +64,7 @@ TEST_F(MaintenanceCommandsTest, ClearKeepsThePermanentWhenAskedAndADryRunWritesN
   const auto before = TempDir::ReadAll(CacheFile());
   const auto dry = Run("clear", {"--dry-run"});
   EXPECT_EQ(dry.status, ExitStatus::kOk);
-  EXPECT_EQ(dry.out, Line("would remove", 6, StoredOf(Names()), 0, 0, "would be left"));
+  EXPECT_EQ(dry.out, Lines("would remove", 6, StoredOf(Names()), "would leave", 0, 0));
   EXPECT_EQ(TempDir::ReadAll(CacheFile()), before);
   const auto keep = Run("clear", {"--keep-permanent"});
   EXPECT_EQ(keep.status, ExitStatus::kOk);
@@ -85,7 +85,7 @@ TEST_F(MaintenanceCommandsTest, TrimByAgeKeepsWhatWasUsedRecently) {
   const auto result = Run("trim", {"--older-than", "30d"});
   EXPECT_EQ(result.status, ExitStatus::kOk);
   EXPECT_EQ(Names(), (std::vector<std::string>{"fx/0", "fx/1", "fx/3", "fx/4", "fx/5"}));
-  EXPECT_EQ(result.out.rfind("removed 1 effect (", 0), 0u) << result.out;
+  EXPECT_EQ(result.out.rfind("removed 1 effect: ", 0), 0u) << result.out;
 }
 
 TEST_F(MaintenanceCommandsTest, UsageErrorsAndMissingCachesAreRefused) {
