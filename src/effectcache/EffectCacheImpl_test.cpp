@@ -434,6 +434,31 @@ TEST_F(EffectCacheImplTest, AnIndexInNameOrderFindsNamesThatTestTheOrder) {
   findEvery();
 }
 
+TEST_F(EffectCacheImplTest, ARemovalReadsWhatOthersSavedSinceAndLeavesIt) {
+  const auto bytes = EffectTesting::Bytes(61, 2000, true);
+  auto remover = Open();
+  ASSERT_TRUE(remover->CacheCompiledEffect(WStr(L"old"), bytes.data(), bytes.size(), false));
+  remover->ForceSaveToFile();
+  {
+    // Another cache object (a host) saves after the remover last looked.
+    auto host = Open();
+    ASSERT_TRUE(host->CacheCompiledEffect(WStr(L"new"), bytes.data(), bytes.size(), false));
+    host->ForceSaveToFile();
+  }
+  EffectCacheImpl::Removed removed;
+  ASSERT_TRUE(remover->RemoveStored(
+      [](const EffectTable::Entry& entry, const EffectCacheImpl::Removed&, std::uint64_t) { return entry.name == "old"; },
+      false, &removed));
+  EXPECT_EQ(removed.effects, 1u);
+  EXPECT_EQ(EffectTesting::IndexNames(CacheFile()), std::vector<std::string>{"new"});
+  // A dry run chooses the same way and writes nothing.
+  const auto before = TempDir::ReadAll(CacheFile());
+  ASSERT_TRUE(remover->RemoveStored(
+      [](const EffectTable::Entry&, const EffectCacheImpl::Removed&, std::uint64_t) { return true; }, true, &removed));
+  EXPECT_EQ(removed.effects, 1u);
+  EXPECT_EQ(TempDir::ReadAll(CacheFile()), before);
+}
+
 TEST_F(EffectCacheImplTest, ANearlyFullDiskNeverRemovesAStoredEffect) {
   std::vector<std::vector<unsigned char>> effects;
   {

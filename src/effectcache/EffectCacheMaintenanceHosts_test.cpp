@@ -1,0 +1,210 @@
+// The maintenance operations on a cache folder while two host processes
+// cache and search in it: no effect goes that the operation did not
+// remove, no host is ever handed a wrong byte or meets a file it cannot
+// use, and the hosts see a removal at their next search.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "effectcache/EffectCacheMaintenance.h"
+#include "support/ChildLauncher.h"
+#include "support/ChildProcess.h"
+#include "support/CrashWorkload.h"
+#include "support/EffectTesting.h"
+#include "support/TempDir.h"
+#include "tovrel/EffectCacheSystem.h"
+
+namespace Tovrel {
+namespace {
+
+namespace fs = std::filesystem;
+using Testing::ChildLauncher;
+using Testing::EffectTesting;
+
+constexpr int kHosts = 2;
+constexpr int kGone = 12;      // "gone/K": removed by name while the hosts run
+constexpr int kKept = 6;       // "kept/K": permanent, never removed
+constexpr int kRounds = 4;     // removals and trims while the hosts run
+
+// An effect's bytes follow from its name alone.
+std::vector<unsigned char> BytesOf(const std::wstring& name) {
+  const std::string utf8 = ChildLauncher::Narrow(name);
+  const std::uint64_t digest =
+      Testing::CrashWorkload::Digest(reinterpret_cast<const std::uint8_t*>(utf8.data()), utf8.size());
+  return EffectTesting::Bytes(static_cast<std::uint32_t>(digest), 1000 + digest % 5000, true);
+}
+
+std::wstring Numbered(const std::wstring& stem, int i) { return stem + std::to_wstring(i); }
+
+bool Store(EffectCacheSystem& cache, const std::wstring& name, bool permanent) {
+  const auto bytes = BytesOf(name);
+  return cache.CacheCompiledEffect(WStr(name.c_str()), bytes.data(), bytes.size(), permanent);
+}
+
+// A host: caches its own effects and saves every few, logging each name
+// once its save returned (with the phase it saw before that save began);
+// searches for the others' effects and the kept and gone ones, checking
+// every hit; once the "removed" marker exists, finding a gone effect is an
+// error. Runs until the stop marker appears.
+TOVREL_CHILD_ROLE(maintenance_host) {
+  if (argc != 4) return 2;
+  const std::wstring folder = ChildLauncher::Wide(argv[0]);
+  const int host = std::atoi(argv[1]);
+  const fs::path marks = fs::path(ChildLauncher::Wide(argv[2]));
+  std::ofstream log(fs::path(ChildLauncher::Wide(argv[3])), std::ios::app);
+  RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(WStr(folder.c_str())));
+  std::vector<std::wstring> unsaved;
+  for (int i = 0; !fs::exists(marks / "stop"); ++i) {
+    const std::wstring mine = Numbered(L"host" + std::to_wstring(host) + L"/", i);
+    if (!Store(*cache, mine, false)) return 3;
+    unsaved.push_back(mine);
+    const std::wstring wanted = i % 3 == 0   ? Numbered(L"gone/", i % kGone)
+                                : i % 3 == 1 ? Numbered(L"kept/", i % kKept)
+                                             : Numbered(L"host" + std::to_wstring(3 - host) + L"/", i / 2);
+    const bool removedBefore = fs::exists(marks / "removed");
+    Tab<unsigned char> data;
+    if (cache->SearchCachedEffects(WStr(wanted.c_str()), data)) {
+      if (EffectTesting::ToVector(data) != BytesOf(wanted)) return 4;  // a wrong byte
+      if (removedBefore && wanted.compare(0, 5, L"gone/") == 0) return 5;  // a removal not seen
+    } else if (wanted.compare(0, 5, L"kept/") == 0) {
+      return 6;  // a permanent effect lost
+    }
+    if (i % 8 == 7) {
+      const bool late = fs::exists(marks / "late");
+      cache->ForceSaveToFile();
+      if (!cache->IsEnabled()) return 7;
+      for (const std::wstring& name : unsaved) log << (late ? "late " : "early ") << ChildLauncher::Narrow(name) << "\n";
+      log.flush();
+      unsaved.clear();
+    }
+  }
+  return 0;
+}
+
+class EffectCacheMaintenanceHostsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directories(folder_);
+    fs::create_directories(marks_);
+    RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(Folder()));
+    for (int i = 0; i < kGone; ++i) ASSERT_TRUE(Store(*cache, Numbered(L"gone/", i), false));
+    for (int i = 0; i < kKept; ++i) ASSERT_TRUE(Store(*cache, Numbered(L"kept/", i), true));
+    cache->ForceSaveToFile();
+    for (int h = 1; h <= kHosts; ++h) {
+      hosts_.push_back(ChildLauncher::Start("maintenance_host",
+                                            {Narrow(folder_), std::to_string(h), Narrow(marks_), Narrow(Log(h))}));
+      ASSERT_NE(hosts_.back(), nullptr);
+    }
+  }
+  void TearDown() override {
+    ChildLauncher::Signal(marks_ / "stop");
+    for (auto& host : hosts_) ChildLauncher::Finish(*host);
+  }
+  WStr Folder() const { return WStr(folder_.wstring().c_str()); }
+  fs::path Log(int host) const { return dir_.Path() / ("host" + std::to_string(host) + ".log"); }
+  static std::string Narrow(const fs::path& path) { return ChildLauncher::Narrow(path.wstring()); }
+  // Lets the hosts make some saves.
+  void LetHostsWork() {
+    for (int h = 1; h <= kHosts; ++h) {
+      const std::size_t before = LoggedNames(h, "").size();
+      for (int wait = 0; wait < 2000 && LoggedNames(h, "").size() < before + 8; ++wait) {
+        int exitCode = 0;
+        ASSERT_FALSE(hosts_[static_cast<std::size_t>(h - 1)]->Wait(5, &exitCode)) << "host " << h << " ended: " << exitCode;
+      }
+    }
+  }
+  // Names a host logged as saved, of the given phase ("" for both).
+  std::vector<std::string> LoggedNames(int host, const std::string& phase) const {
+    std::ifstream in(Log(host));
+    std::vector<std::string> names;
+    std::string when, name;
+    while (in >> when >> name) {
+      if (phase.empty() || when == phase) names.push_back(name);
+    }
+    return names;
+  }
+  // Stops the hosts and checks that they met nothing wrong.
+  void StopHosts() {
+    ChildLauncher::Signal(marks_ / "stop");
+    for (auto& host : hosts_) EXPECT_EQ(ChildLauncher::Finish(*host), 0);
+    hosts_.clear();
+  }
+  // Every name is in the cache, byte-exact; none of `absent` is.
+  void ExpectStored(const std::vector<std::wstring>& present, const std::vector<std::wstring>& absent) const {
+    RefPtr<EffectCacheSystem> reader(new EffectCacheSystem(Folder()));
+    ASSERT_TRUE(reader->IsEnabled());
+    for (const std::wstring& name : present) {
+      Tab<unsigned char> data;
+      ASSERT_TRUE(reader->SearchCachedEffects(WStr(name.c_str()), data)) << ChildLauncher::Narrow(name);
+      EXPECT_EQ(EffectTesting::ToVector(data), BytesOf(name)) << ChildLauncher::Narrow(name);
+    }
+    for (const std::wstring& name : absent) {
+      Tab<unsigned char> data;
+      EXPECT_FALSE(reader->SearchCachedEffects(WStr(name.c_str()), data)) << ChildLauncher::Narrow(name);
+    }
+  }
+  static std::vector<std::wstring> Range(const std::wstring& stem, int n) {
+    std::vector<std::wstring> names;
+    for (int i = 0; i < n; ++i) names.push_back(Numbered(stem, i));
+    return names;
+  }
+
+  Testing::TempDir dir_;
+  fs::path folder_ = dir_.Path() / "cache";
+  fs::path marks_ = dir_.Path() / "marks";
+  std::vector<std::unique_ptr<PlatformProcess>> hosts_;
+};
+
+TEST_F(EffectCacheMaintenanceHostsTest, RemovingByNameTakesOnlyThoseAndTheHostsSeeIt) {
+  LetHostsWork();
+  std::vector<std::string> gone;
+  for (int i = 0; i < kGone; ++i) gone.push_back("gone/" + std::to_string(i));
+  const auto result = EffectCacheMaintenance::Remove(Folder(), gone, false);
+  ASSERT_TRUE(result.ok);
+  EXPECT_EQ(result.removedEffects, static_cast<std::uint64_t>(kGone));
+  ChildLauncher::Signal(marks_ / "removed");
+  LetHostsWork();
+  StopHosts();
+  std::vector<std::wstring> present = Range(L"kept/", kKept);
+  for (int h = 1; h <= kHosts; ++h) {
+    for (const std::string& name : LoggedNames(h, "")) present.push_back(ChildLauncher::Wide(name));
+  }
+  EXPECT_GT(present.size(), static_cast<std::size_t>(kKept + 2 * 16));
+  ExpectStored(present, Range(L"gone/", kGone));
+}
+
+TEST_F(EffectCacheMaintenanceHostsTest, TrimsAndClearsNeverTakePermanentEffectsNorLaterSaves) {
+  for (int round = 0; round < kRounds; ++round) {
+    LetHostsWork();
+    EffectCacheMaintenance::TrimRule rule;
+    rule.bySize = true;
+    rule.maxStoredBytes = 20000;
+    ASSERT_TRUE(EffectCacheMaintenance::Trim(Folder(), rule, 0, false).ok) << round;
+    LetHostsWork();
+    ASSERT_TRUE(EffectCacheMaintenance::Clear(Folder(), true, false).ok) << round;
+  }
+  // What the hosts save after the last clear stays.
+  ChildLauncher::Signal(marks_ / "late");
+  LetHostsWork();
+  LetHostsWork();
+  StopHosts();
+  std::vector<std::wstring> present = Range(L"kept/", kKept);
+  std::size_t late = 0;
+  for (int h = 1; h <= kHosts; ++h) {
+    for (const std::string& name : LoggedNames(h, "late")) {
+      present.push_back(ChildLauncher::Wide(name));
+      ++late;
+    }
+  }
+  EXPECT_GE(late, 16u);
+  ExpectStored(present, Range(L"gone/", kGone));
+}
+
+}  // namespace
+}  // namespace Tovrel
