@@ -17,7 +17,6 @@
 
 #include "support/ChildLauncher.h"
 #include "support/ChildProcess.h"
-#include "support/CrashWorkload.h"
 #include "support/EffectTesting.h"
 #include "support/TempDir.h"
 #include "tovrel/EffectCacheSystem.h"
@@ -37,10 +36,7 @@ constexpr int kBatch = 16;
 // An effect's bytes follow from its name alone, so that any process can
 // tell whether what it found is exactly what was stored under that name.
 std::vector<unsigned char> BytesOf(const std::wstring& name) {
-  const std::string utf8 = ChildLauncher::Narrow(name);
-  const std::uint64_t digest =
-      Testing::CrashWorkload::Digest(reinterpret_cast<const std::uint8_t*>(utf8.data()), utf8.size());
-  return EffectTesting::Bytes(static_cast<std::uint32_t>(digest), 2000 + digest % 30000, digest % 4 != 0);
+  return EffectTesting::BytesNamedBy(ChildLauncher::Narrow(name));
 }
 
 std::wstring WorkerName(int worker, int i) { return L"fx/w" + std::to_wstring(worker) + L"/" + std::to_wstring(i); }

@@ -15,7 +15,6 @@
 #include "effectcache/EffectCacheMaintenance.h"
 #include "support/ChildLauncher.h"
 #include "support/ChildProcess.h"
-#include "support/CrashWorkload.h"
 #include "support/EffectTesting.h"
 #include "support/TempDir.h"
 #include "tovrel/EffectCacheSystem.h"
@@ -34,10 +33,7 @@ constexpr int kRounds = 4;     // removals and trims while the hosts run
 
 // An effect's bytes follow from its name alone.
 std::vector<unsigned char> BytesOf(const std::wstring& name) {
-  const std::string utf8 = ChildLauncher::Narrow(name);
-  const std::uint64_t digest =
-      Testing::CrashWorkload::Digest(reinterpret_cast<const std::uint8_t*>(utf8.data()), utf8.size());
-  return EffectTesting::Bytes(static_cast<std::uint32_t>(digest), 1000 + digest % 5000, true);
+  return EffectTesting::BytesNamedBy(ChildLauncher::Narrow(name));
 }
 
 std::wstring Numbered(const std::wstring& stem, int i) { return stem + std::to_wstring(i); }

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "pagefile/LittleEndian.h"
+#include "support/CrashWorkload.h"
 #include "tovrel/tovrel.h"
 
 namespace Tovrel {
@@ -131,6 +132,12 @@ void EffectTesting::PatchRecord(const std::wstring& file, const std::string& nam
     offset += EffectRecord::kSize + 8 + e.name.size();
   }
   throw std::runtime_error("no such effect");
+}
+
+std::vector<unsigned char> EffectTesting::BytesNamedBy(const std::string& utf8Name) {
+  const std::uint64_t digest =
+      CrashWorkload::Digest(reinterpret_cast<const std::uint8_t*>(utf8Name.data()), utf8Name.size());
+  return Bytes(static_cast<std::uint32_t>(digest), 2000 + digest % 30000, digest % 4 != 0);
 }
 
 void EffectTesting::ReverseIndex(const std::wstring& file) {

@@ -23,6 +23,10 @@ class EffectTesting {
   // level 2), the others are random.
   static std::vector<unsigned char> Bytes(std::uint32_t seed, std::size_t size, bool compressible);
   static std::vector<unsigned char> ToVector(const Tab<unsigned char>& tab);
+  // Bytes that follow from an effect's UTF-8 name alone (2,000 to 32,000 of
+  // them, most compressible), so that any process can tell whether what it
+  // found is what was stored under that name.
+  static std::vector<unsigned char> BytesNamedBy(const std::string& utf8Name);
 
   struct FileShape {
     EffectCacheHeader header;
