@@ -1,5 +1,6 @@
 #include "effectcache/EffectCacheHeader.h"
 
+#include "effectcache/UserDataBlock.h"
 #include "pagefile/LittleEndian.h"
 
 namespace Tovrel {
@@ -23,17 +24,7 @@ EffectCacheHeader EffectCacheHeader::Decode(const std::uint8_t* payload) {
 }
 
 std::uint64_t EffectCacheHeader::FindBlock(const std::uint8_t* userData, std::uint64_t size) {
-  if (userData == nullptr || size < kBlockHeadSize) return kNotFound;
-  std::uint64_t at = 0;
-  std::uint64_t length = LittleEndian::Load32(userData + 4);
-  if (length + kBlockHeadSize > size) return kNotFound;
-  while (LittleEndian::Load32(userData + at) != kTag) {
-    at += kBlockHeadSize + length;
-    if (at + kBlockHeadSize > size) return kNotFound;
-    length = LittleEndian::Load32(userData + at + 4);
-    if (at + kBlockHeadSize + length > size) return kNotFound;
-  }
-  return at;
+  return UserDataBlock::Find(userData, size, kTag);
 }
 
 bool EffectCacheHeader::Read(const std::uint8_t* userData, std::uint64_t size, EffectCacheHeader& out) {

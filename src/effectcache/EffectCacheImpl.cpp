@@ -7,7 +7,9 @@
 
 #include "effectcache/EffectCompression.h"
 #include "effectcache/EffectIndex.h"
+#include "effectcache/EffectCacheStats.h"
 #include "effectcache/EffectPayload.h"
+#include "effectcache/UserDataBlock.h"
 #include "host/AutoMutex.h"
 #include "host/Path.h"
 #include "host/TabOutOfRangeException.h"
@@ -146,6 +148,7 @@ bool EffectCacheImpl::CacheCompiledEffect(const WStr& name, const unsigned char*
   effect.bytes.Append(static_cast<INT_PTR>(size), data);
   effect.permanent = permanent ? 1 : 0;
   pendingBytes_ += EffectRecord::kSize + (8 + key.size()) + (8 + size);
+  ++counts_.cached;
   if (pendingBytes_ >= kAutoSaveThreshold) SaveToFile();
   return true;
 }
@@ -200,6 +203,12 @@ bool EffectCacheImpl::SearchCachedEffects(const WStr& name, Tab<unsigned char>& 
   std::lock_guard<std::recursive_mutex> guard(lock_);
   CheckInvariants();
   if (!package_) return false;
+  const bool found = Search(key, data);
+  ++(found ? counts_.hits : counts_.misses);
+  return found;
+}
+
+bool EffectCacheImpl::Search(const std::string& key, Tab<unsigned char>& data) {
   const auto pending = pendingEffects_.find(key);
   if (pending != pendingEffects_.end() && pending->second.bytes.Count() > 0) {
     data.ZeroCount();
@@ -284,19 +293,10 @@ bool EffectCacheImpl::ReadHeader() {
 
 bool EffectCacheImpl::WriteHeader() {
   if (!package_) return false;
-  const IDataStreamSet& view = *package_;
-  std::uint64_t at = EffectCacheHeader::FindBlock(view.GetUserData(), view.GetUserDataSize());
-  if (at == EffectCacheHeader::kNotFound) {
-    at = view.GetUserDataSize();
-    if (!package_->SetUserDataSize(at + EffectCacheHeader::kBlockHeadSize + EffectCacheHeader::kPayloadSize)) {
-      return false;
-    }
-    std::uint8_t* block = package_->GetUserData() + at;
-    LittleEndian::Store32(block, EffectCacheHeader::kTag);
-    LittleEndian::Store64(block + 4, EffectCacheHeader::kPayloadSize);
-  }
+  std::uint8_t* payload = UserDataBlock::Ensure(*package_, EffectCacheHeader::kTag, EffectCacheHeader::kPayloadSize);
+  if (payload == nullptr) return false;
   header_.effectCount = fileEffects_.Size();
-  header_.Encode(package_->GetUserData() + at + EffectCacheHeader::kBlockHeadSize);
+  header_.Encode(payload);
   return true;
 }
 
@@ -323,6 +323,7 @@ bool EffectCacheImpl::LoadIndex() {
   }
   std::uint64_t removed = 0;
   TrimToLimit(GetSizeLimit(), &removed);
+  counts_.trimmed += removed;
   // A trim changed the file: make it durable now, under the mutex, as a
   // save would, so that the package holds no unsaved change.
   return removed == 0 || SaveDirectory();
@@ -360,7 +361,10 @@ bool EffectCacheImpl::WritePendingEffects() {
     return true;
   }
   const std::uint64_t limit = GetSizeLimit();
-  if (limit < pendingBytes_ || !TrimToLimit(limit - pendingBytes_, nullptr)) {
+  std::uint64_t trimmed = 0;
+  const bool fits = limit >= pendingBytes_ && TrimToLimit(limit - pendingBytes_, &trimmed);
+  counts_.trimmed += trimmed;
+  if (!fits) {
     DiscardPending();
     return true;
   }
@@ -480,9 +484,33 @@ bool EffectCacheImpl::SaveToFile() {
 }
 
 bool EffectCacheImpl::SaveDirectory() {
-  if (!SaveIndex() || !WriteHeader() || !package_->Save()) return false;
+  if (!SaveIndex() || !WriteHeader()) return false;
+  return SaveCounts(false);
+}
+
+bool EffectCacheImpl::SaveCounts(bool zero) {
+  // A block of the statistics' tag that is not theirs is left alone, and
+  // the counts with it: they never stop a save.
+  if (counts_.AnyCounts() || zero) EffectCacheStats::AddTo(*package_, counts_, Now(), zero);
+  if (!package_->Save()) return false;
+  counts_ = EffectCacheStats{};
   timeStamp_.UpdateTimeStamp();
   return true;
+}
+
+bool EffectCacheImpl::ZeroStatistics() {
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  counts_ = EffectCacheStats{};
+  if (!package_) return false;
+  AutoMutex hold(*fileMutex_);
+  if (!hold.IsOwner()) return false;
+  try {
+    if (!RefreshIfChanged() || !SaveCounts(true)) throw FileIOException();
+    return true;
+  } catch (const std::exception&) {
+    DropPackage();
+    return false;
+  }
 }
 
 bool EffectCacheImpl::RemoveStored(const RemovalChoice& choose, bool dryRun, Removed* removed) {
@@ -553,6 +581,7 @@ void EffectCacheImpl::DiscardPending() {
 }
 
 void EffectCacheImpl::ResetState() {
+  counts_ = EffectCacheStats{};
   fileEffects_.Clear();
   damaged_.clear();
   DiscardPending();

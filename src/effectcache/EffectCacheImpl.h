@@ -34,6 +34,7 @@
 #include "effectcache/EffectBatchCompressor.h"
 #include "effectcache/EffectCacheHeader.h"
 #include "effectcache/EffectCacheProfile.h"
+#include "effectcache/EffectCacheStats.h"
 #include "effectcache/EffectNameOrder.h"
 #include "effectcache/EffectRecord.h"
 #include "effectcache/EffectTable.h"
@@ -94,6 +95,9 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // or the save failed (the file is then as the last completed save left
   // it).
   bool RemoveStored(const RemovalChoice& choose, bool dryRun, Removed* removed);
+  // Zeroes the file's hit statistics (and this object's counts) in one
+  // save under the file mutex; the block's time becomes now.
+  bool ZeroStatistics();
 
   // The cache file's full path (empty for an empty folder).
   const WStr& GetCacheFileFullPath() const { return cacheFilePath_; }
@@ -129,6 +133,8 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   std::uint64_t GetSizeLimit() const;
   bool SaveToFile();
   bool SaveDirectory();
+  bool SaveCounts(bool zero);
+  bool Search(const std::string& key, Tab<unsigned char>& data);
   bool FindInFile(const std::string& name, Tab<unsigned char>& data);
   std::vector<bool> ChooseRemovals(const RemovalChoice& choose, Removed* removed) const;
   void DropDamagedEntries();
@@ -159,6 +165,11 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   int compressionLevel_;  // 0..9
   std::uint64_t cacheBytesLimit_;
   EffectCacheProfile profile_;
+  // Searches, caches and trims counted since the last save; each save adds
+  // them to the file's statistics block and starts again from zero. A
+  // process that never saves (saving with nothing pending writes nothing)
+  // leaves no counts.
+  EffectCacheStats counts_;
   PagedFilePackageConfig config_;  // filePath points into cacheFilePath_
   std::wstring journalPath_;       // the package file's rollback journal
 };

@@ -459,6 +459,53 @@ TEST_F(EffectCacheImplTest, ARemovalReadsWhatOthersSavedSinceAndLeavesIt) {
   EXPECT_EQ(TempDir::ReadAll(CacheFile()), before);
 }
 
+TEST_F(EffectCacheImplTest, HitsMissesCachesAndTrimsAreCountedIntoTheFileAtEachSave) {
+  const auto bytes = EffectTesting::Bytes(62, 20000, false);
+  {
+    auto cache = Open();
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"a"), bytes.data(), bytes.size(), false));
+    Tab<unsigned char> data;
+    EXPECT_TRUE(cache->SearchCachedEffects(WStr(L"a"), data));   // pending: a hit
+    EXPECT_FALSE(cache->SearchCachedEffects(WStr(L"b"), data));  // a miss
+    cache->ForceSaveToFile();
+    EXPECT_TRUE(cache->SearchCachedEffects(WStr(L"a"), data));   // from the file
+    EXPECT_FALSE(cache->SearchCachedEffects(WStr(L"c"), data));
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"b"), bytes.data(), bytes.size(), false));
+  }
+  EffectCacheStats stats;
+  ASSERT_TRUE(EffectTesting::ReadStats(CacheFile(), stats));
+  EXPECT_EQ(stats.hits, 2u);
+  EXPECT_EQ(stats.misses, 2u);
+  EXPECT_EQ(stats.cached, 2u);
+  EXPECT_EQ(stats.trimmed, 0u);
+  // A search-only object saves nothing, so its counts do not reach the file.
+  {
+    auto cache = Open();
+    Tab<unsigned char> data;
+    EXPECT_TRUE(cache->SearchCachedEffects(WStr(L"b"), data));
+  }
+  ASSERT_TRUE(EffectTesting::ReadStats(CacheFile(), stats));
+  EXPECT_EQ(stats.hits, 2u);
+  // A cache whose limit holds one effect trims the other at its open.
+  {
+    auto cache = Open(30000);
+    ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"c"), bytes.data(), bytes.size(), false));
+  }
+  ASSERT_TRUE(EffectTesting::ReadStats(CacheFile(), stats));
+  EXPECT_GE(stats.trimmed, 1u);
+  EXPECT_EQ(stats.cached, 3u);
+  const CacheTimeStamp before = stats.zeroed;
+  {
+    auto cache = Open();
+    Tab<unsigned char> data;
+    cache->SearchCachedEffects(WStr(L"zz"), data);
+    ASSERT_TRUE(cache->ZeroStatistics());
+  }
+  ASSERT_TRUE(EffectTesting::ReadStats(CacheFile(), stats));
+  EXPECT_FALSE(stats.AnyCounts());
+  EXPECT_FALSE(stats.zeroed < before);
+}
+
 TEST_F(EffectCacheImplTest, ANearlyFullDiskNeverRemovesAStoredEffect) {
   std::vector<std::vector<unsigned char>> effects;
   {

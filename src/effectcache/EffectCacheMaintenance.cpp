@@ -77,4 +77,9 @@ EffectCacheMaintenance::Result EffectCacheMaintenance::Trim(const WStr& folder, 
       dryRun);
 }
 
+bool EffectCacheMaintenance::ZeroStatistics(const WStr& folder) {
+  EffectCacheImpl cache(folder, EffectCacheImpl::kHostCompressionLevel, EffectCacheImpl::kCacheBytesLimit);
+  return cache.IsEnabled() && cache.ZeroStatistics();
+}
+
 }  // namespace Tovrel

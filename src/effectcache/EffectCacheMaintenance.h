@@ -48,6 +48,9 @@ class EffectCacheMaintenance {
   // Removes non-permanent effects by the rule, `now` being the current
   // local time in CacheTimeStamp seconds.
   static Result Trim(const WStr& folder, const TrimRule& rule, std::int64_t now, bool dryRun);
+  // Zeroes the folder's hit statistics (their time becomes now); false when
+  // the cache could not be opened or saved.
+  static bool ZeroStatistics(const WStr& folder);
 };
 
 }  // namespace Tovrel

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "effectcache/EffectCacheMaintenance.h"
+#include "effectcache/EffectCacheStats.h"
 #include "support/ChildLauncher.h"
 #include "support/ChildProcess.h"
 #include "support/EffectTesting.h"
@@ -81,6 +82,25 @@ TOVREL_CHILD_ROLE(maintenance_host) {
     }
   }
   return 0;
+}
+
+// A host with a script: `hits` searches of kept/0, `misses` of names never
+// stored, one effect cached, then its save at the end.
+TOVREL_CHILD_ROLE(scripted_host) {
+  if (argc != 4) return 2;
+  RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(WStr(ChildLauncher::Wide(argv[0]).c_str())));
+  const int hits = std::atoi(argv[1]);
+  const int misses = std::atoi(argv[2]);
+  Tab<unsigned char> data;
+  for (int i = 0; i < hits; ++i) {
+    if (!cache->SearchCachedEffects(WStr(L"kept/0"), data)) return 3;
+  }
+  for (int i = 0; i < misses; ++i) {
+    if (cache->SearchCachedEffects(WStr(Numbered(L"never/", i).c_str()), data)) return 4;
+  }
+  if (!Store(*cache, ChildLauncher::Wide(argv[3]), false)) return 5;
+  cache->ForceSaveToFile();
+  return cache->IsEnabled() ? 0 : 6;
 }
 
 class EffectCacheMaintenanceHostsTest : public ::testing::Test {
@@ -200,6 +220,31 @@ TEST_F(EffectCacheMaintenanceHostsTest, TrimsAndClearsNeverTakePermanentEffectsN
   }
   EXPECT_GE(late, 16u);
   ExpectStored(present, Range(L"gone/", kGone));
+}
+
+TEST_F(EffectCacheMaintenanceHostsTest, StatisticsCountEveryProcessExactlyAndZero) {
+  StopHosts();  // the script's processes alone from here
+  ASSERT_TRUE(EffectCacheMaintenance::ZeroStatistics(Folder()));
+  const std::wstring file = (folder_ / "norvaneFxoCache.dat").wstring();
+  EffectCacheStats stats;
+  ASSERT_TRUE(EffectTesting::ReadStats(file, stats));
+  EXPECT_FALSE(stats.AnyCounts());
+  std::vector<std::unique_ptr<PlatformProcess>> scripted;
+  scripted.push_back(ChildLauncher::Start("scripted_host", {Narrow(folder_), "7", "3", "script/1"}));
+  scripted.push_back(ChildLauncher::Start("scripted_host", {Narrow(folder_), "4", "9", "script/2"}));
+  for (auto& child : scripted) {
+    ASSERT_NE(child, nullptr);
+    EXPECT_EQ(ChildLauncher::Finish(*child), 0);
+  }
+  ASSERT_TRUE(EffectTesting::ReadStats(file, stats));
+  EXPECT_EQ(stats.hits, 11u);
+  EXPECT_EQ(stats.misses, 12u);
+  EXPECT_EQ(stats.cached, 2u);
+  EXPECT_EQ(stats.trimmed, 0u);
+  ASSERT_TRUE(EffectCacheMaintenance::ZeroStatistics(Folder()));
+  ASSERT_TRUE(EffectTesting::ReadStats(file, stats));
+  EXPECT_FALSE(stats.AnyCounts());
+  ExpectStored({L"script/1", L"script/2", L"kept/0"}, {});
 }
 
 }  // namespace

@@ -140,6 +140,11 @@ std::vector<unsigned char> EffectTesting::BytesNamedBy(const std::string& utf8Na
   return Bytes(static_cast<std::uint32_t>(digest), 2000 + digest % 30000, digest % 4 != 0);
 }
 
+bool EffectTesting::ReadStats(const std::wstring& file, EffectCacheStats& out) {
+  RefPtr<IDataStreamSet> package = OpenPackage(file);
+  return EffectCacheStats::Read(*package, out);
+}
+
 void EffectTesting::ReverseIndex(const std::wstring& file) {
   RefPtr<IDataStreamSet> package = OpenPackage(file);
   std::uint64_t at = 0;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "effectcache/EffectCacheHeader.h"
+#include "effectcache/EffectCacheStats.h"
 #include "effectcache/EffectRecord.h"
 #include "host/Tab.h"
 
@@ -49,6 +50,8 @@ class EffectTesting {
   // Rewrites the index stream with its entries in reverse order (names
   // and records unchanged): an index out of the order the cache writes.
   static void ReverseIndex(const std::wstring& file);
+  // The file's hit statistics block; false when it has none.
+  static bool ReadStats(const std::wstring& file, EffectCacheStats& out);
   static void DamageEffectBytes(const std::wstring& file, const std::string& name);
 };
 

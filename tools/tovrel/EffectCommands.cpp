@@ -13,6 +13,8 @@
 #include "TextFormat.h"
 #include "ToolError.h"
 #include "VerifyReport.h"
+#include "effectcache/EffectCacheMaintenance.h"
+#include "effectcache/EffectCacheStats.h"
 #include "effectcache/EffectIndex.h"
 #include "platform/WideText.h"
 #include "tovrel/EffectCacheSystem.h"
@@ -81,6 +83,18 @@ void PrintStatsText(const CacheFile& cache, const Totals& t, std::ostream& out) 
     out << "oldest used  " << TextFormat::Time(t.oldest->record.lastUsed) << "  " << t.oldest->name << "\n"
         << "newest used  " << TextFormat::Time(t.newest->record.lastUsed) << "  " << t.newest->name << "\n";
   }
+  EffectCacheStats stats;
+  if (!EffectCacheStats::Read(cache.Package(), stats)) {
+    out << "searches     not counted yet (hosts add their counts when they save)\n";
+    return;
+  }
+  const std::uint64_t searches = stats.hits + stats.misses;
+  out << "searches     " << TextFormat::Count(stats.hits) << " hits, " << TextFormat::Count(stats.misses)
+      << " misses (hit rate " << (searches == 0 ? std::string("-") : TextFormat::Percent(stats.hits, searches))
+      << ")\n"
+      << "cached       " << TextFormat::Count(stats.cached) << " effects, " << TextFormat::Count(stats.trimmed)
+      << " trimmed\n"
+      << "counted since " << TextFormat::Time(stats.zeroed) << "\n";
 }
 
 void PrintStatsJson(const CacheFile& cache, const Totals& t, std::ostream& out) {
@@ -93,6 +107,20 @@ void PrintStatsJson(const CacheFile& cache, const Totals& t, std::ostream& out) 
     json.Field("name", t.oldest->name).EndObject();
     json.Key("newestUsed").BeginObject().Field("time", TextFormat::Time(t.newest->record.lastUsed));
     json.Field("name", t.newest->name).EndObject();
+  }
+  EffectCacheStats stats;
+  if (EffectCacheStats::Read(cache.Package(), stats)) {
+    const std::uint64_t searches = stats.hits + stats.misses;
+    json.Key("searches").BeginObject().Field("hits", stats.hits).Field("misses", stats.misses).Key("hitRate");
+    if (searches == 0) {
+      json.Null();
+    } else {
+      json.Number(static_cast<double>(stats.hits) / static_cast<double>(searches));
+    }
+    json.Field("effectsCached", stats.cached).Field("effectsTrimmed", stats.trimmed);
+    json.Field("countedSince", TextFormat::Time(stats.zeroed)).EndObject();
+  } else {
+    json.Key("searches").Null();
   }
   json.EndObject().Finish();
 }
@@ -167,10 +195,13 @@ std::shared_ptr<CommandGroup> EffectCommands::Group() {
                              "file that cannot be read is left alone (the library would replace it).\n",
                              {"--permanent"}, {}, 3, 3, &EffectCommands::Put, nullptr});
   MaintenanceCommands::AddTo(commands);
-  commands.push_back(Command{"stats", "FOLDER [--json]", "count, bytes, compression, oldest and newest use",
+  commands.push_back(Command{"stats", "FOLDER [--json] [--zero]", "count, bytes, compression, use, hit rate",
                              "The number of effects, the bytes stored and the bytes of the effects, the\n"
-                             "compression ratio and the oldest and newest last use. --json: one object.\n",
-                             {"--json"}, {}, 1, 1, &EffectCommands::Stats, nullptr});
+                             "compression ratio, the oldest and newest last use, and the searches that hit\n"
+                             "and missed, effects cached and trimmed since the counts were last zeroed\n"
+                             "(hosts add their counts when they save). --zero zeroes the counts first.\n"
+                             "--json: one object.\n",
+                             {"--json", "--zero"}, {}, 1, 1, &EffectCommands::Stats, nullptr});
   commands.push_back(Command{"verify", "FOLDER", "every effect decompresses to its recorded size",
                              "Reads every effect of the index and checks that its stream holds what its\n"
                              "record says and decompresses to its recorded size; also that no two effects\n"
@@ -244,7 +275,17 @@ int EffectCommands::Put(const CommandLine& line, Console& console) {
 }
 
 int EffectCommands::Stats(const CommandLine& line, Console& console) {
-  const CacheFile cache{UserPath(line.Positionals()[0])};
+  const UserPath folder(line.Positionals()[0]);
+  if (line.Has("--zero")) {
+    {
+      const CacheFile check(folder);  // refuses a folder without a readable cache
+    }
+    if (!EffectCacheMaintenance::ZeroStatistics(WStr(folder.Absolute().c_str()))) {
+      throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved");
+    }
+    if (!line.Has("--json")) console.Out() << "hit statistics zeroed\n";
+  }
+  const CacheFile cache{folder};
   const Totals totals = Sum(cache);
   if (line.Has("--json")) {
     PrintStatsJson(cache, totals, console.Out());

@@ -107,6 +107,29 @@ TEST_F(EffectCommandsTest, GetWritesToATerminalOnlyWhenForcedOrToAFile) {
   EXPECT_EQ(std::string(written.begin(), written.end()), Expected(2));
 }
 
+TEST_F(EffectCommandsTest, StatsShowTheHitCountsAndZeroThem) {
+  {
+    RefPtr<EffectCacheSystem> host(new EffectCacheSystem(WStr(WideText::FromUtf8(ToolTesting::Utf8(folder_)))));
+    Tab<unsigned char> data;
+    ASSERT_TRUE(host->SearchCachedEffects(WStr(L"fx/1"), data));
+    ASSERT_FALSE(host->SearchCachedEffects(WStr(L"fx/none"), data));
+    const auto bytes = EffectTesting::Bytes(77, 500, true);
+    ASSERT_TRUE(host->CacheCompiledEffect(WStr(L"fx/new"), bytes.data(), bytes.size(), false));
+  }
+  const auto counted = Run("stats");
+  EXPECT_EQ(counted.status, ExitStatus::kOk);
+  EXPECT_TRUE(ToolTesting::Contains(counted.out, "searches     1 hits, 1 misses (hit rate 50.0 %)\n")) << counted.out;
+  EXPECT_TRUE(ToolTesting::Contains(counted.out, "cached       7 effects, 0 trimmed\n")) << counted.out;
+  EXPECT_TRUE(ToolTesting::Contains(counted.out, "counted since ")) << counted.out;
+  const auto zeroed = Run("stats", {"--zero"});
+  EXPECT_EQ(zeroed.status, ExitStatus::kOk);
+  EXPECT_EQ(zeroed.out.rfind("hit statistics zeroed\n", 0), 0u) << zeroed.out;
+  EXPECT_TRUE(ToolTesting::Contains(zeroed.out, "searches     0 hits, 0 misses (hit rate -)\n")) << zeroed.out;
+  const auto json = Run("stats", {"--json"});
+  EXPECT_TRUE(ToolTesting::Contains(json.out, "\"hitRate\": null")) << json.out;
+  EXPECT_TRUE(ToolTesting::Contains(json.out, "\"effectsCached\": 0")) << json.out;
+}
+
 TEST_F(EffectCommandsTest, GetOfAnEffectThatIsNotThereFails) {
   const ToolTesting::Result result = Run("get", {"fx/99"});
   EXPECT_EQ(result.status, ExitStatus::kFailed);

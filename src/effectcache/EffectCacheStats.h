@@ -1,0 +1,50 @@
+// EffectCacheStats: the cache's hit statistics, counted across processes
+// and runs, in a user-data block of their own beside the header block.
+//
+// Block tag 20261124, payload 56 bytes, little-endian: version (4, = 1),
+// reserved (4, written as 0), searches that hit (8), searches that missed
+// (8), effects cached (8), effects trimmed (8), and the local time the
+// counts were last zeroed (16, a CacheTimeStamp). A cache counts in memory
+// and adds its counts to the block at each save, under the file's mutex;
+// readers that know only the header block pass over it.
+// Plain value.
+#ifndef TOVREL_EFFECTCACHE_EFFECTCACHESTATS_H
+#define TOVREL_EFFECTCACHE_EFFECTCACHESTATS_H
+
+#include <cstdint>
+
+#include "effectcache/CacheTimeStamp.h"
+#include "tovrel/IDataStreamSet.h"
+
+namespace Tovrel {
+
+struct EffectCacheStats {
+  static constexpr std::uint32_t kTag = 20261124;
+  static constexpr std::uint32_t kVersion = 1;
+  static constexpr std::uint64_t kPayloadSize = 56;
+
+  std::uint64_t hits = 0;
+  std::uint64_t misses = 0;
+  std::uint64_t cached = 0;
+  std::uint64_t trimmed = 0;
+  CacheTimeStamp zeroed{};  // all zero: never zeroed (counting since the block was made)
+
+  bool AnyCounts() const { return hits != 0 || misses != 0 || cached != 0 || trimmed != 0; }
+  void AddCounts(const EffectCacheStats& more);
+
+  void Encode(std::uint8_t* payload) const;
+  static EffectCacheStats Decode(const std::uint8_t* payload);
+
+  // The package's block: false (out untouched) when there is none, or it
+  // is shorter than 56 bytes or of another version.
+  static bool Read(const IDataStreamSet& package, EffectCacheStats& out);
+  // Adds `counts` to the package's block, making the block (zeroed at
+  // `now`) when there is none; `reset` first zeroes the block's counts and
+  // sets its time to `now`. False when the block cannot be written (the
+  // user data cannot grow, or a block of this tag is of another shape).
+  static bool AddTo(IDataStreamSet& package, const EffectCacheStats& counts, const CacheTimeStamp& now, bool reset);
+};
+
+}  // namespace Tovrel
+
+#endif
