@@ -302,25 +302,8 @@ bool EffectCacheImpl::WriteHeader() {
 
 bool EffectCacheImpl::LoadIndex() {
   RefPtr<IDataStream> stream = package_->OpenStream(header_.indexStreamId);
-  if (!stream) return false;
-  fileEffects_.Clear();
-  // The index is read in one piece and decoded from memory. Only as many
-  // bytes as effectCount entries can take are read.
-  const std::uint64_t most = header_.effectCount * (EffectRecord::kSize + 8 + EffectIndex::kNameSizeLimit);
-  const auto size = static_cast<std::size_t>(std::min(stream->GetSize(), most));
-  std::unique_ptr<std::uint8_t[]> bytes(new std::uint8_t[size]);  // no zeroing: every byte is read
-  if (!StreamTransfer::ReadExact(stream, bytes.get(), size)) return false;
+  if (!EffectIndex::ReadAll(stream, header_.effectCount, fileEffects_)) return false;
   stream.Reset();
-  std::uint64_t at = 0;
-  fileEffects_.Reserve(static_cast<std::size_t>(header_.effectCount));
-  for (std::uint64_t i = 0; i < header_.effectCount; ++i) {
-    std::string name;
-    EffectRecord record{};
-    std::uint64_t used = 0;
-    if (!EffectIndex::DecodeEntry(bytes.get() + at, size - at, used, name, record)) return false;
-    at += used;
-    fileEffects_.AddLoaded(std::move(name), record);
-  }
   std::uint64_t removed = 0;
   TrimToLimit(GetSizeLimit(), &removed);
   counts_.trimmed += removed;
@@ -496,6 +479,49 @@ bool EffectCacheImpl::SaveCounts(bool zero) {
   counts_ = EffectCacheStats{};
   timeStamp_.UpdateTimeStamp();
   return true;
+}
+
+bool EffectCacheImpl::StoreCopies(std::vector<StoredCopy>& copies, std::uint64_t* stored, std::uint64_t* bytes) {
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  CheckInvariants();
+  if (stored != nullptr) *stored = 0;
+  if (bytes != nullptr) *bytes = 0;
+  std::uint64_t written = 0;
+  if (!package_) return false;
+  AutoMutex hold(*fileMutex_);
+  if (!hold.IsOwner()) return false;
+  std::sort(copies.begin(), copies.end(),
+            [](const StoredCopy& a, const StoredCopy& b) { return EffectNameOrder()(a.name, b.name); });
+  std::vector<EffectTable::Change> changes;
+  try {
+    if (!RefreshIfChanged()) throw FileIOException();
+    for (const StoredCopy& copy : copies) {
+      const EffectRecord* mine = fileEffects_.Find(copy.name);
+      if (mine != nullptr && !(mine->lastUsed < copy.record.lastUsed)) continue;
+      if (mine != nullptr) package_->RemoveStream(mine->streamId);
+      const auto size = static_cast<std::uint64_t>(copy.compressed.Count());
+      EffectRecord record = copy.record;
+      record.streamId = package_->CreateStream(size + 8);
+      record.nameLength = static_cast<std::uint32_t>(copy.name.size());
+      record.compressedSize = static_cast<std::uint32_t>(size);
+      RefPtr<IDataStream> stream = package_->OpenStream(record.streamId);
+      if (!StreamTransfer::WriteBytes(size ? copy.compressed.Addr(0) : nullptr, size, stream)) throw FileIOException();
+      changes.push_back(EffectTable::Change{copy.name, record, false});
+      written += size;
+    }
+    const std::uint64_t count = changes.size();
+    fileEffects_.Apply(std::move(changes));
+    if (count > 0 && !SaveDirectory()) throw FileIOException();
+    if (stored != nullptr) *stored = count;
+    if (bytes != nullptr) *bytes = written;
+    return true;
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception&) {
+    fileEffects_.Apply(std::move(changes));
+    DropPackage();
+    return false;
+  }
 }
 
 bool EffectCacheImpl::ZeroStatistics() {

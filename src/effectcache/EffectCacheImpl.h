@@ -95,6 +95,19 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // or the save failed (the file is then as the last completed save left
   // it).
   bool RemoveStored(const RemovalChoice& choose, bool dryRun, Removed* removed);
+  // An effect copied from another cache: its name, its record there (the
+  // stream identifier is not used) and its compressed bytes as stored.
+  struct StoredCopy {
+    std::string name;
+    EffectRecord record;
+    Tab<unsigned char> compressed;
+  };
+  // Stores the copies whose names this cache does not hold, or holds with
+  // an older last use, exactly as they are (no recompression), in one save
+  // under the file mutex after bringing the view up to date; `stored` gets
+  // how many went in and `bytes` their compressed bytes. False when the
+  // cache is unusable or the save failed.
+  bool StoreCopies(std::vector<StoredCopy>& copies, std::uint64_t* stored, std::uint64_t* bytes);
   // Zeroes the file's hit statistics (and this object's counts) in one
   // save under the file mutex; the block's time becomes now.
   bool ZeroStatistics();

@@ -1,9 +1,11 @@
 #include "effectcache/EffectCacheMaintenance.h"
 
 #include <algorithm>
+#include <map>
 #include <set>
 
 #include "effectcache/EffectCacheImpl.h"
+#include "effectcache/EffectCacheReader.h"
 
 namespace Tovrel {
 
@@ -75,6 +77,54 @@ EffectCacheMaintenance::Result EffectCacheMaintenance::Trim(const WStr& folder, 
         return tooOld || overSize;
       },
       dryRun);
+}
+
+EffectCacheMaintenance::MergeResult EffectCacheMaintenance::Merge(const WStr& destination,
+                                                                  const std::vector<WStr>& sources) {
+  MergeResult result;
+  // First the newest copy of every name among the sources.
+  struct Best {
+    std::size_t source;
+    EffectRecord record;
+  };
+  std::map<std::string, Best> best;
+  for (std::size_t i = 0; i < sources.size(); ++i) {
+    const EffectCacheReader reader(sources[i]);
+    if (!reader.Ok()) {
+      result.unreadableSources.push_back(i);
+      continue;
+    }
+    for (const EffectTable::Entry& entry : reader.Entries()) {
+      const auto found = best.find(entry.name);
+      if (found == best.end() || found->second.record.lastUsed < entry.record.lastUsed) {
+        best[entry.name] = Best{i, entry.record};
+      }
+    }
+  }
+  // Then their bytes, each source read once; an entry that changed since
+  // is passed over.
+  std::vector<EffectCacheImpl::StoredCopy> copies;
+  for (std::size_t i = 0; i < sources.size(); ++i) {
+    EffectCacheReader reader(sources[i]);
+    if (!reader.Ok()) continue;
+    for (const auto& item : best) {
+      if (item.second.source != i) continue;
+      const EffectRecord* now = reader.Entries().Find(item.first);
+      EffectCacheImpl::StoredCopy copy{item.first, item.second.record, {}};
+      if (now == nullptr || now->streamId != item.second.record.streamId ||
+          reader.ReadChecked(*now, copy.compressed) != EffectPayload::Result::kOk) {
+        ++result.damagedEffects;
+        continue;
+      }
+      copies.push_back(std::move(copy));
+    }
+  }
+  EffectCacheImpl cache(destination, EffectCacheImpl::kHostCompressionLevel, EffectCacheImpl::kCacheBytesLimit);
+  std::uint64_t stored = 0;
+  result.ok = cache.IsEnabled() && cache.StoreCopies(copies, &stored, &result.copiedBytes);
+  result.copiedEffects = stored;
+  result.keptEffects = copies.size() - stored;
+  return result;
 }
 
 bool EffectCacheMaintenance::ZeroStatistics(const WStr& folder) {

@@ -48,6 +48,23 @@ class EffectCacheMaintenance {
   // Removes non-permanent effects by the rule, `now` being the current
   // local time in CacheTimeStamp seconds.
   static Result Trim(const WStr& folder, const TrimRule& rule, std::int64_t now, bool dryRun);
+  // What a merge did.
+  struct MergeResult {
+    bool ok = false;                        // false: the destination could not be opened or saved
+    std::uint64_t copiedEffects = 0;        // stored into the destination
+    std::uint64_t copiedBytes = 0;          // their stored (compressed) bytes
+    std::uint64_t keptEffects = 0;          // names the destination already held as recently used or more
+    std::uint64_t damagedEffects = 0;       // found in a source but not readable there: not copied
+    std::vector<std::size_t> unreadableSources;  // sources without a cache a host would load
+  };
+  // Copies effects from the source folders into `destination`: a name held
+  // in several keeps the copy with the newest last use (the destination's
+  // own if it is as new), permanence and last use as they were, compressed
+  // bytes as stored (no recompression; each is checked to decompress
+  // first). The sources are only read, each under its own mutex; the
+  // destination changes in one crash-safe save. The copies are held in
+  // memory until that save.
+  static MergeResult Merge(const WStr& destination, const std::vector<WStr>& sources);
   // Zeroes the folder's hit statistics (their time becomes now); false when
   // the cache could not be opened or saved.
   static bool ZeroStatistics(const WStr& folder);

@@ -222,6 +222,29 @@ TEST_F(EffectCacheMaintenanceHostsTest, TrimsAndClearsNeverTakePermanentEffectsN
   ExpectStored(present, Range(L"gone/", kGone));
 }
 
+TEST_F(EffectCacheMaintenanceHostsTest, AMergeInAddsTheOtherFoldersEffectsAndLosesNone) {
+  const fs::path side = dir_.Path() / "side";
+  fs::create_directories(side);
+  {
+    RefPtr<EffectCacheSystem> other(new EffectCacheSystem(WStr(side.wstring().c_str())));
+    for (int i = 0; i < 20; ++i) ASSERT_TRUE(Store(*other, Numbered(L"merged/", i), i % 4 == 0));
+  }
+  LetHostsWork();
+  const auto result = EffectCacheMaintenance::Merge(Folder(), {WStr(side.wstring().c_str())});
+  ASSERT_TRUE(result.ok);
+  EXPECT_EQ(result.copiedEffects, 20u);
+  LetHostsWork();
+  StopHosts();
+  std::vector<std::wstring> present = Range(L"kept/", kKept);
+  const std::vector<std::wstring> merged = Range(L"merged/", 20);
+  present.insert(present.end(), merged.begin(), merged.end());
+  for (int h = 1; h <= kHosts; ++h) {
+    for (const std::string& name : LoggedNames(h, "")) present.push_back(ChildLauncher::Wide(name));
+  }
+  ExpectStored(present, {});
+  EXPECT_EQ(EffectTesting::ReadIndex((folder_ / "norvaneFxoCache.dat").wstring()).at("merged/4").permanent, 1u);
+}
+
 TEST_F(EffectCacheMaintenanceHostsTest, StatisticsCountEveryProcessExactlyAndZero) {
   StopHosts();  // the script's processes alone from here
   ASSERT_TRUE(EffectCacheMaintenance::ZeroStatistics(Folder()));

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -147,6 +149,58 @@ TEST_F(EffectCacheMaintenanceTest, AHostSeesTheChangeAtItsNextSearch) {
   host->ForceSaveToFile();
   host.Reset();
   ExpectIntact({0, 2, 7});
+}
+
+// A folder of its own holding `names`, each with bytes of `seed`, last
+// used at `day` of January 2026, permanent when asked.
+void MakeFolder(const std::wstring& folder, const std::vector<std::string>& names, std::uint32_t seed,
+                std::uint16_t day, bool permanent) {
+  std::filesystem::create_directories(folder);
+  {
+    RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(WStr(folder.c_str())));
+    for (const std::string& name : names) {
+      const auto bytes = EffectTesting::Bytes(seed + static_cast<std::uint32_t>(name.size()), 2000 + name.size(), true);
+      ASSERT_TRUE(cache->CacheCompiledEffect(WStr(std::wstring(name.begin(), name.end()).c_str()), bytes.data(),
+                                             bytes.size(), permanent));
+    }
+  }
+  const std::wstring file = folder + L"/norvaneFxoCache.dat";
+  for (const std::string& name : names) {
+    EffectTesting::PatchRecord(file, name, [day](EffectRecord& r) { r.lastUsed = CacheTimeStamp{2026, 1, day, 0, 0, 0, 0}; });
+  }
+}
+
+TEST_F(EffectCacheMaintenanceTest, AMergeKeepsTheNewestCopyOfEveryNameByteForByte) {
+  const std::wstring base = dir_.Path().wstring();
+  MakeFolder(base + L"/dest", {"a", "bb", "ccc"}, 100, 10, false);
+  MakeFolder(base + L"/one", {"bb", "dddd"}, 200, 20, false);          // bb newer than dest's
+  MakeFolder(base + L"/two", {"a", "dddd", "eeeee"}, 300, 5, true);     // a and dddd older; eeeee new, permanent
+  MakeFolder(base + L"/three", {"ccc", "dddd"}, 400, 25, false);       // newest ccc and dddd
+  const auto result = EffectCacheMaintenance::Merge(
+      WStr((base + L"/dest").c_str()),
+      {WStr((base + L"/one").c_str()), WStr((base + L"/two").c_str()), WStr((base + L"/three").c_str()),
+       WStr((base + L"/missing").c_str())});
+  ASSERT_TRUE(result.ok);
+  EXPECT_EQ(result.unreadableSources, std::vector<std::size_t>{3});
+  EXPECT_EQ(result.damagedEffects, 0u);
+  EXPECT_EQ(result.copiedEffects, 4u);  // bb (one), ccc and dddd (three), eeeee (two)
+  EXPECT_EQ(result.keptEffects, 1u);    // a: the destination's is newer
+  const auto index = EffectTesting::ReadIndex(base + L"/dest/norvaneFxoCache.dat");
+  ASSERT_EQ(index.size(), 5u);
+  EXPECT_EQ(index.at("eeeee").permanent, 1u);
+  EXPECT_EQ(index.at("bb").lastUsed, (CacheTimeStamp{2026, 1, 20, 0, 0, 0, 0}));
+  const std::map<std::string, std::uint32_t> seedOf{{"a", 100}, {"bb", 200}, {"ccc", 400}, {"dddd", 400}, {"eeeee", 300}};
+  RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(WStr((base + L"/dest").c_str())));
+  for (const auto& item : seedOf) {
+    Tab<unsigned char> data;
+    const std::wstring name(item.first.begin(), item.first.end());
+    ASSERT_TRUE(cache->SearchCachedEffects(WStr(name.c_str()), data)) << item.first;
+    EXPECT_EQ(EffectTesting::ToVector(data),
+              EffectTesting::Bytes(item.second + static_cast<std::uint32_t>(item.first.size()), 2000 + item.first.size(), true))
+        << item.first;
+  }
+  // The sources are as they were.
+  EXPECT_EQ(EffectTesting::IndexNames(base + L"/one/norvaneFxoCache.dat").size(), 2u);
 }
 
 }  // namespace

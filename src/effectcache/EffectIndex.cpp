@@ -1,6 +1,9 @@
 #include "effectcache/EffectIndex.h"
 
+#include <algorithm>
 #include <cassert>
+#include <memory>
+#include <utility>
 
 #include "host/Tab.h"
 #include "pagefile/LittleEndian.h"
@@ -40,6 +43,27 @@ bool EffectIndex::ReadEntry(RefPtr<IDataStream>& stream, std::string& name, Effe
   if (static_cast<std::uint64_t>(text.Count()) != read.nameLength) return false;
   name.assign(reinterpret_cast<const char*>(text.Addr(0)), read.nameLength);
   record = read;
+  return true;
+}
+
+bool EffectIndex::ReadAll(RefPtr<IDataStream>& stream, std::uint64_t count, EffectTable& table) {
+  table.Clear();
+  if (!stream) return false;
+  // Only as many bytes as `count` entries can take are read.
+  const std::uint64_t most = count * (EffectRecord::kSize + 8 + kNameSizeLimit);
+  const auto size = static_cast<std::size_t>(std::min(stream->GetSize(), most));
+  std::unique_ptr<std::uint8_t[]> bytes(new std::uint8_t[size]);  // no zeroing: every byte is read
+  if (!StreamTransfer::ReadExact(stream, bytes.get(), size)) return false;
+  table.Reserve(static_cast<std::size_t>(count));
+  std::uint64_t at = 0;
+  for (std::uint64_t i = 0; i < count; ++i) {
+    std::string name;
+    EffectRecord record{};
+    std::uint64_t used = 0;
+    if (!DecodeEntry(bytes.get() + at, size - at, used, name, record)) return false;
+    at += used;
+    table.AddLoaded(std::move(name), record);
+  }
   return true;
 }
 

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "effectcache/EffectRecord.h"
+#include "effectcache/EffectTable.h"
 #include "host/RefPtr.h"
 #include "tovrel/IDataStream.h"
 
@@ -40,6 +41,10 @@ class EffectIndex {
   // the bytes end within the entry or its record is out of range.
   static bool DecodeEntry(const std::uint8_t* bytes, std::uint64_t available, std::uint64_t& used,
                           std::string& name, EffectRecord& record);
+  // Reads a whole index of `count` entries from `stream` into `table`
+  // (cleared first), in one read decoded from memory, with ReadEntry's
+  // checks on every entry. False when a read or an entry fails.
+  static bool ReadAll(RefPtr<IDataStream>& stream, std::uint64_t count, EffectTable& table);
   // Writes one entry at the stream's position; false (stream dropped) when
   // the stream takes fewer bytes.
   static bool WriteEntry(RefPtr<IDataStream>& stream, const std::string& name, const EffectRecord& record);

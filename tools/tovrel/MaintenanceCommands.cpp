@@ -51,6 +51,13 @@ void MaintenanceCommands::AddTo(std::vector<CommandGroup::Command>& commands) {
                              "Removes every effect, or with --keep-permanent every one that is not\n"
                              "permanent, in one save under the cache's mutex.\n",
                              {"--keep-permanent", "--dry-run"}, {}, 1, 1, &MaintenanceCommands::Clear, nullptr});
+  commands.push_back(Command{"merge", "DEST SRC...", "copy effects from other cache folders",
+                             "Copies the effects of the SRC folders into DEST: a name held in several keeps\n"
+                             "the copy with the newest last use (DEST's own if it is as new), with its\n"
+                             "permanence; compressed bytes are copied as they are, once checked to\n"
+                             "decompress. The sources are only read; DEST changes in one save under its\n"
+                             "mutex. A SRC without a readable cache is skipped (exit status 1).\n",
+                             {}, {}, 2, ~std::size_t{0}, &MaintenanceCommands::Merge, nullptr});
   commands.push_back(Command{"trim", "FOLDER [--max-size SIZE] [--older-than DURATION] [--dry-run]",
                              "cap the cache's size or its effects' age",
                              "Removes effects that are not permanent, in one save under the cache's mutex:\n"
@@ -59,6 +66,34 @@ void MaintenanceCommands::AddTo(std::vector<CommandGroup::Command>& commands) {
                              "for DURATION (30d, 12h, 90m). Permanent effects are never trimmed.\n",
                              {"--dry-run"}, {"--max-size", "--older-than"}, 1, 1, &MaintenanceCommands::Trim,
                              nullptr});
+}
+
+int MaintenanceCommands::Merge(const CommandLine& line, Console& console) {
+  const UserPath destination = CheckedFolder(line);
+  std::vector<UserPath> sources;
+  std::vector<WStr> folders;
+  for (std::size_t i = 1; i < line.Positionals().size(); ++i) {
+    sources.emplace_back(line.Positionals()[i]);
+    folders.emplace_back(sources.back().Absolute().c_str());
+  }
+  const auto result = EffectCacheMaintenance::Merge(WStr(destination.Absolute().c_str()), folders);
+  if (!result.ok) {
+    throw ToolError(ExitStatus::kFailed, destination.Typed() + ": the effect cache could not be opened or saved");
+  }
+  console.Out() << "copied " << Effects(result.copiedEffects) << ": " << TextFormat::Bytes(result.copiedBytes)
+                << " stored\n";
+  if (result.keptEffects > 0) {
+    console.Out() << "kept " << Effects(result.keptEffects) << " that " << destination.Typed()
+                  << " held as recently used or more\n";
+  }
+  if (result.damagedEffects > 0) {
+    console.Out() << "passed over " << Effects(result.damagedEffects)
+                  << " whose bytes in their source could not be read back\n";
+  }
+  for (std::size_t i : result.unreadableSources) {
+    console.Err() << "tovrel: " << sources[i].Typed() << ": no effect cache a host would load; skipped\n";
+  }
+  return result.unreadableSources.empty() ? ExitStatus::kOk : ExitStatus::kFailed;
 }
 
 int MaintenanceCommands::Remove(const CommandLine& line, Console& console) {

@@ -5,6 +5,8 @@
 //   clear FOLDER [--keep-permanent] [--dry-run]
 //                                           every effect, or every one that
 //                                           is not permanent
+//   merge DEST SRC...                       effects of other folders, the
+//                                           newest copy of each name
 //   trim FOLDER [--max-size SIZE] [--older-than DURATION] [--dry-run]
 //                                           non-permanent effects, least
 //                                           recently used first, until the
@@ -29,9 +31,10 @@ namespace Tool {
 
 class MaintenanceCommands {
  public:
-  // Appends the three commands to a group's list.
+  // Appends the commands to a group's list.
   static void AddTo(std::vector<CommandGroup::Command>& commands);
 
+  static int Merge(const CommandLine& line, Console& console);
   static int Remove(const CommandLine& line, Console& console);
   static int Clear(const CommandLine& line, Console& console);
   static int Trim(const CommandLine& line, Console& console);

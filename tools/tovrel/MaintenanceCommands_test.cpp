@@ -88,6 +88,21 @@ TEST_F(MaintenanceCommandsTest, TrimByAgeKeepsWhatWasUsedRecently) {
   EXPECT_EQ(result.out.rfind("removed 1 effect: ", 0), 0u) << result.out;
 }
 
+TEST_F(MaintenanceCommandsTest, MergeCopiesTheEffectsOfOtherFoldersAndNamesTheUnreadable) {
+  const fs::path other = dir_.Path() / "other";
+  ToolTesting::MakeCache(other, 8, 5000);  // fx/0 .. fx/7: fx/6 and fx/7 are new here
+  const auto result = ToolTesting::RunOn("effects", "merge", folder_,
+                                         {ToolTesting::Utf8(other), ToolTesting::Utf8(dir_.Path() / "none")});
+  EXPECT_EQ(result.status, ExitStatus::kFailed);  // one source could not be read
+  EXPECT_EQ(result.out.rfind("copied 8 effects: ", 0), 0u) << result.out;  // all newer than the destination's
+  EXPECT_TRUE(ToolTesting::Contains(result.err, "none: no effect cache a host would load; skipped")) << result.err;
+  EXPECT_EQ(Names().size(), 8u);
+  EXPECT_EQ(EffectTesting::ReadIndex(CacheFile()).at("fx/0").uncompressedSize, 5000u);
+  const auto again = ToolTesting::RunOn("effects", "merge", folder_, {ToolTesting::Utf8(other)});
+  EXPECT_EQ(again.status, ExitStatus::kOk);
+  EXPECT_EQ(again.out.rfind("copied 0 effects: 0 bytes stored\nkept 8 effects that ", 0), 0u) << again.out;
+}
+
 TEST_F(MaintenanceCommandsTest, UsageErrorsAndMissingCachesAreRefused) {
   EXPECT_EQ(Run("trim").status, ExitStatus::kUsage);
   EXPECT_EQ(Run("trim", {"--max-size", "lots"}).status, ExitStatus::kUsage);

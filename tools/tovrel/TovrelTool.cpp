@@ -17,7 +17,8 @@ std::shared_ptr<CommandGroup> TovrelTool::Commands() {
   commands.push_back(DemoCommand::Describe());
   commands.push_back(Command{"package", "COMMAND ...", "look into a package file: info, ls, cat, verify", "", {}, {},
                              0, 0, nullptr, PackageCommands::Group()});
-  commands.push_back(Command{"effects", "COMMAND ...", "an effect cache folder: list, get, put, remove, clear, trim, stats, verify", "",
+  commands.push_back(Command{"effects", "COMMAND ...",
+                             "an effect cache folder: list, get, put, remove, clear, trim, merge, stats, verify", "",
                              {}, {}, 0, 0, nullptr, EffectCommands::Group()});
   return std::make_shared<CommandGroup>(
       "tovrel",
