@@ -56,7 +56,8 @@ void MaintenanceCommands::AddTo(std::vector<CommandGroup::Command>& commands) {
                              "the copy with the newest last use (DEST's own if it is as new), with its\n"
                              "permanence; compressed bytes are copied as they are, once checked to\n"
                              "decompress. The sources are only read; DEST changes in one save under its\n"
-                             "mutex. A SRC without a readable cache is skipped (exit status 1).\n",
+                             "mutex (a DEST folder without a cache gets one). A SRC without a readable\n"
+                             "cache is skipped (exit status 1).\n",
                              {}, {}, 2, ~std::size_t{0}, &MaintenanceCommands::Merge, nullptr});
   commands.push_back(Command{"trim", "FOLDER [--max-size SIZE] [--older-than DURATION] [--dry-run]",
                              "cap the cache's size or its effects' age",
@@ -69,7 +70,10 @@ void MaintenanceCommands::AddTo(std::vector<CommandGroup::Command>& commands) {
 }
 
 int MaintenanceCommands::Merge(const CommandLine& line, Console& console) {
-  const UserPath destination = CheckedFolder(line);
+  // A folder without a cache gets one; a cache a host would not load is refused.
+  const UserPath destination(line.Positionals()[0]);
+  if (!destination.IsFolder()) throw ToolError(ExitStatus::kUnreadable, destination.Typed() + ": no such folder");
+  if (CacheFile::FileOf(destination).Exists()) CheckedFolder(line);
   std::vector<UserPath> sources;
   std::vector<WStr> folders;
   for (std::size_t i = 1; i < line.Positionals().size(); ++i) {

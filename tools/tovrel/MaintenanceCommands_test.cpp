@@ -98,6 +98,11 @@ TEST_F(MaintenanceCommandsTest, MergeCopiesTheEffectsOfOtherFoldersAndNamesTheUn
   EXPECT_TRUE(ToolTesting::Contains(result.err, "none: no effect cache a host would load; skipped")) << result.err;
   EXPECT_EQ(Names().size(), 8u);
   EXPECT_EQ(EffectTesting::ReadIndex(CacheFile()).at("fx/0").uncompressedSize, 5000u);
+  const fs::path fresh = dir_.Path() / "fresh";
+  fs::create_directories(fresh);
+  const auto intoNew = ToolTesting::RunOn("effects", "merge", fresh, {ToolTesting::Utf8(other)});
+  EXPECT_EQ(intoNew.status, ExitStatus::kOk);
+  EXPECT_EQ(EffectTesting::IndexNames(WideText::FromUtf8(ToolTesting::Utf8(fresh / "norvaneFxoCache.dat"))).size(), 8u);
   const auto again = ToolTesting::RunOn("effects", "merge", folder_, {ToolTesting::Utf8(other)});
   EXPECT_EQ(again.status, ExitStatus::kOk);
   EXPECT_EQ(again.out.rfind("copied 0 effects: 0 bytes stored\nkept 8 effects that ", 0), 0u) << again.out;
