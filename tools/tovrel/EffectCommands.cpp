@@ -1,5 +1,6 @@
 #include "EffectCommands.h"
 
+#include <algorithm>
 #include <map>
 #include <set>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "JsonWriter.h"
 #include "LocalFile.h"
 #include "MaintenanceCommands.h"
+#include "NamePattern.h"
 #include "ProgressReporter.h"
 #include "TextFormat.h"
 #include "ToolError.h"
@@ -50,10 +52,38 @@ double RatioOf(std::uint64_t whole, std::uint64_t part) {
   return part == 0 ? 0.0 : static_cast<double>(whole) / static_cast<double>(part);
 }
 
-void PrintListText(const CacheFile& cache, std::ostream& out) {
+// The entries `effects list` shows: those whose names match the pattern
+// (when one is given), in the order asked for (the index's by default).
+std::vector<const CacheFile::Entry*> Listed(const CacheFile& cache, const CommandLine& line) {
+  std::vector<const CacheFile::Entry*> listed;
+  const bool filtered = line.Positionals().size() > 1;
+  for (const CacheFile::Entry& entry : cache.Entries()) {
+    if (!filtered || NamePattern::Matches(line.Positionals()[1], entry.name)) listed.push_back(&entry);
+  }
+  const std::string order = line.Value("--sort", "");
+  using Entry = const CacheFile::Entry*;
+  if (order == "name") {
+    std::stable_sort(listed.begin(), listed.end(), [](Entry a, Entry b) { return a->name < b->name; });
+  } else if (order == "size") {
+    std::stable_sort(listed.begin(), listed.end(),
+                     [](Entry a, Entry b) { return a->record.uncompressedSize > b->record.uncompressedSize; });
+  } else if (order == "stored") {
+    std::stable_sort(listed.begin(), listed.end(),
+                     [](Entry a, Entry b) { return a->record.compressedSize > b->record.compressedSize; });
+  } else if (order == "used") {
+    std::stable_sort(listed.begin(), listed.end(),
+                     [](Entry a, Entry b) { return a->record.lastUsed < b->record.lastUsed; });
+  } else if (!order.empty()) {
+    throw ToolError(ExitStatus::kUsage, "--sort must be name, size, stored or used, not \"" + order + "\"");
+  }
+  return listed;
+}
+
+void PrintListText(const std::vector<const CacheFile::Entry*>& entries, std::ostream& out) {
   out << TextFormat::Right("SIZE", 9) << TextFormat::Right("STORED", 9) << "  P  " << TextFormat::Left("LAST USED", 25)
       << "NAME\n";
-  for (const CacheFile::Entry& entry : cache.Entries()) {
+  for (const CacheFile::Entry* item : entries) {
+    const CacheFile::Entry& entry = *item;
     out << TextFormat::Right(std::to_string(entry.record.uncompressedSize), 9)
         << TextFormat::Right(std::to_string(entry.record.compressedSize), 9) << "  "
         << (entry.record.permanent != 0 ? "p" : "-") << "  " << TextFormat::Left(TextFormat::Time(entry.record.lastUsed), 25)
@@ -61,10 +91,11 @@ void PrintListText(const CacheFile& cache, std::ostream& out) {
   }
 }
 
-void PrintListJson(const CacheFile& cache, std::ostream& out) {
+void PrintListJson(const std::vector<const CacheFile::Entry*>& entries, std::ostream& out) {
   JsonWriter json(out);
   json.BeginArray();
-  for (const CacheFile::Entry& entry : cache.Entries()) {
+  for (const CacheFile::Entry* item : entries) {
+    const CacheFile::Entry& entry = *item;
     json.BeginObject().Field("name", entry.name).Field("size", entry.record.uncompressedSize);
     json.Field("storedSize", entry.record.compressedSize).Field("permanent", entry.record.permanent != 0);
     json.Field("lastUsed", TextFormat::Time(entry.record.lastUsed)).Field("stream", entry.record.streamId);
@@ -178,12 +209,15 @@ bool StoreThroughLibrary(const UserPath& folder, const std::string& name, const 
 std::shared_ptr<CommandGroup> EffectCommands::Group() {
   using Command = CommandGroup::Command;
   std::vector<Command> commands;
-  commands.push_back(Command{"list", "FOLDER [--json]", "one line per stored effect",
+  commands.push_back(Command{"list", "FOLDER [PATTERN] [--sort name|size|stored|used] [--json]",
+                             "one line per stored effect",
                              "For each effect stored in the folder's cache file, in the order of its index:\n"
                              "its size, its stored (compressed) size, p when it is permanent, when it was\n"
                              "last used and its name. Effects a host holds in memory are not in the file\n"
-                             "yet. --json writes a JSON array of the same.\n",
-                             {"--json"}, {}, 1, 1, &EffectCommands::List, nullptr});
+                             "yet. PATTERN keeps the names it matches (* any run, ? any one byte: quote it\n"
+                             "from the shell). --sort orders by name, by size or stored size (largest\n"
+                             "first) or by last use (least recent first). --json writes a JSON array.\n",
+                             {"--json"}, {"--sort"}, 1, 2, &EffectCommands::List, nullptr});
   commands.push_back(Command{"get", "FOLDER NAME [-o FILE] [--force]", "an effect's bytes",
                              "Writes the effect's bytes, decompressed, to FILE (-o) or standard output;\n"
                              "to a terminal only with --force.\n",
@@ -218,9 +252,9 @@ std::shared_ptr<CommandGroup> EffectCommands::Group() {
 int EffectCommands::List(const CommandLine& line, Console& console) {
   const CacheFile cache{UserPath(line.Positionals()[0])};
   if (line.Has("--json")) {
-    PrintListJson(cache, console.Out());
+    PrintListJson(Listed(cache, line), console.Out());
   } else {
-    PrintListText(cache, console.Out());
+    PrintListText(Listed(cache, line), console.Out());
   }
   return ExitStatus::kOk;
 }

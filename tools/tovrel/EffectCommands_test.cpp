@@ -7,6 +7,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "ExitStatus.h"
@@ -128,6 +129,31 @@ TEST_F(EffectCommandsTest, StatsShowTheHitCountsAndZeroThem) {
   const auto json = Run("stats", {"--json"});
   EXPECT_TRUE(ToolTesting::Contains(json.out, "\"hitRate\": null")) << json.out;
   EXPECT_TRUE(ToolTesting::Contains(json.out, "\"effectsCached\": 0")) << json.out;
+}
+
+TEST_F(EffectCommandsTest, ListFiltersByAPatternAndSorts) {
+  // The names of the listed lines, in order.
+  const auto names = [](const std::string& out) {
+    std::vector<std::string> found;
+    std::istringstream lines(out);
+    std::string line;
+    std::getline(lines, line);  // the heading
+    while (std::getline(lines, line)) found.push_back(line.substr(line.rfind(' ') + 1));
+    return found;
+  };
+  EXPECT_EQ(names(Run("list", {"fx/?", "--sort", "size"}).out),
+            (std::vector<std::string>{"fx/5", "fx/4", "fx/3", "fx/2", "fx/1", "fx/0"}));
+  EXPECT_EQ(names(Run("list", {"*[34]*"}).out), std::vector<std::string>{});
+  EXPECT_EQ(names(Run("list", {"*3", "--sort", "name"}).out), std::vector<std::string>{"fx/3"});
+  EffectTesting::PatchRecord(WideText::FromUtf8(ToolTesting::Utf8(CacheFile())), "fx/4",
+                             [](EffectRecord& r) { r.lastUsed = CacheTimeStamp{2001, 1, 1, 0, 0, 0, 0}; });
+  EXPECT_EQ(names(Run("list", {"--sort", "used"}).out).front(), "fx/4");
+  const auto bad = Run("list", {"--sort", "colour"});
+  EXPECT_EQ(bad.status, ExitStatus::kUsage);
+  EXPECT_TRUE(ToolTesting::Contains(bad.err, "--sort must be name, size, stored or used")) << bad.err;
+  const auto json = Run("list", {"fx/1", "--json"});
+  EXPECT_TRUE(ToolTesting::Contains(json.out, "\"name\": \"fx/1\"")) << json.out;
+  EXPECT_FALSE(ToolTesting::Contains(json.out, "\"name\": \"fx/2\"")) << json.out;
 }
 
 TEST_F(EffectCommandsTest, GetOfAnEffectThatIsNotThereFails) {
