@@ -236,13 +236,14 @@ std::shared_ptr<CommandGroup> EffectCommands::Group() {
                              "(hosts add their counts when they save). --zero zeroes the counts first.\n"
                              "--json: one object.\n",
                              {"--json", "--zero"}, {}, 1, 1, &EffectCommands::Stats, nullptr});
-  commands.push_back(Command{"verify", "FOLDER", "every effect decompresses to its recorded size",
+  commands.push_back(Command{"verify", "FOLDER [--json]", "every effect decompresses to its recorded size",
                              "Reads every effect of the index and checks that its stream holds what its\n"
                              "record says and decompresses to its recorded size; also that no two effects\n"
                              "share a name or a stream and that every stream belongs to an effect.\n"
                              "Prints each problem found.\n\n"
+                             "--json: one object {file, journal, problems, checked, ok}.\n\n"
                              "exit status: 0 no problem, 1 problems found, 2 the cache cannot be read at all\n",
-                             {}, {}, 1, 1, &EffectCommands::Verify, nullptr});
+                             {"--json"}, {}, 1, 1, &EffectCommands::Verify, nullptr});
   return std::make_shared<CommandGroup>(
       "tovrel effects",
       "Looks into an effect cache folder, stores effects in it and takes them out through the library.",
@@ -335,8 +336,9 @@ int EffectCommands::Verify(const CommandLine& line, Console& console) {
   std::vector<std::string> problems;
   CheckStreamOwners(cache, problems);
   CheckEffects(cache, console, problems);
-  return VerifyReport::Print(console, name, problems, TextFormat::Count(cache.Entries().size()) + " effects",
-                             cache.Locked().JournalNote());
+  const auto report = line.Has("--json") ? &VerifyReport::PrintJson : &VerifyReport::Print;
+  return report(console, name, problems, TextFormat::Count(cache.Entries().size()) + " effects",
+                cache.Locked().JournalNote());
 }
 
 }  // namespace Tool

@@ -131,6 +131,15 @@ TEST_F(EffectCommandsTest, StatsShowTheHitCountsAndZeroThem) {
   EXPECT_TRUE(ToolTesting::Contains(json.out, "\"effectsCached\": 0")) << json.out;
 }
 
+TEST_F(EffectCommandsTest, VerifyWritesJsonWithEveryProblem) {
+  EffectTesting::DamageEffectBytes(WideText::FromUtf8(ToolTesting::Utf8(CacheFile())), "fx/2");
+  const auto result = Run("verify", {"--json"});
+  EXPECT_EQ(result.status, ExitStatus::kFailed);
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"ok\": false")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"problems\": [\n    \"effect fx/2")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"checked\": \"6 effects\"")) << result.out;
+}
+
 TEST_F(EffectCommandsTest, ListFiltersByAPatternAndSorts) {
   // The names of the listed lines, in order.
   const auto names = [](const std::string& out) {

@@ -202,14 +202,15 @@ std::shared_ptr<CommandGroup> PackageCommands::Group() {
                              "only with --force.\n",
                              {"--force"}, {}, 2, 2,
                              &PackageCommands::Cat, nullptr});
-  commands.push_back(Command{"verify", "FILE", "deep check of a package file",
+  commands.push_back(Command{"verify", "FILE [--json]", "deep check of a package file",
                              "Checks what opening a package does not: every page belongs to exactly one\n"
                              "owner (the head chain, one stream, one child file) or is free; every chain\n"
                              "links as its owner says and has the length its entry says; the tails in each\n"
                              "child file are contiguous and do not overlap; every stream reads to its size.\n"
                              "Prints each problem found.\n\n"
+                             "--json: one object {file, journal, problems, checked, ok}.\n\n"
                              "exit status: 0 no problem, 1 problems found, 2 the file cannot be read at all\n",
-                             {}, {}, 1, 1, &PackageCommands::Verify, nullptr});
+                             {"--json"}, {}, 1, 1, &PackageCommands::Verify, nullptr});
   return std::make_shared<CommandGroup>("tovrel package", "Looks into a package file; changes nothing.",
                                         std::move(commands));
 }
@@ -271,11 +272,12 @@ int PackageCommands::Verify(const CommandLine& line, Console& console) {
   const LockedPackage file(UserPath(line.Positionals()[0]), LockedPackage::kAnyStreamLimit);
   PackageVerifier verifier(file.Package(), file.FileSize(), console);
   const std::vector<std::string> problems = verifier.Run();
-  return VerifyReport::Print(console, line.Positionals()[0], problems,
-                             TextFormat::Count(verifier.PagesChecked()) + " pages, " +
-                                 TextFormat::Count(file.Package().GetNumberOfStreams()) + " streams, " +
-                                 TextFormat::Count(verifier.BytesRead()) + " bytes read",
-                             file.JournalNote());
+  const auto report = line.Has("--json") ? &VerifyReport::PrintJson : &VerifyReport::Print;
+  return report(console, line.Positionals()[0], problems,
+                TextFormat::Count(verifier.PagesChecked()) + " pages, " +
+                    TextFormat::Count(file.Package().GetNumberOfStreams()) + " streams, " +
+                    TextFormat::Count(verifier.BytesRead()) + " bytes read",
+                file.JournalNote());
 }
 
 }  // namespace Tool

@@ -107,6 +107,16 @@ TEST_F(PackageCommandsTest, CatOfAStreamThatIsNotThereFails) {
   EXPECT_EQ(Run("cat", {"x"}).status, ExitStatus::kUsage);
 }
 
+TEST_F(PackageCommandsTest, VerifyWritesJsonWhenAsked) {
+  const ToolTesting::Result result = Run("verify", {"--json"});
+  EXPECT_EQ(result.status, ExitStatus::kOk);
+  EXPECT_EQ(result.out.front(), '{');
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"journal\": null")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"problems\": []")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"ok\": true")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "36,386 bytes read")) << result.out;
+}
+
 TEST_F(PackageCommandsTest, VerifyOfASoundPackageFindsNoProblem) {
   const ToolTesting::Result result = Run("verify");
   EXPECT_EQ(result.status, ExitStatus::kOk);
