@@ -140,6 +140,13 @@ TEST_F(EffectCommandsTest, VerifyWritesJsonWithEveryProblem) {
   EXPECT_TRUE(ToolTesting::Contains(result.out, "\"checked\": \"6 effects\"")) << result.out;
 }
 
+TEST_F(EffectCommandsTest, AnOutputFileThatCannotBeWrittenSaysWhy) {
+  const fs::path target = dir_.Path() / "no-such-folder" / "fx2.bin";
+  const auto result = Run("get", {"fx/2", "-o", ToolTesting::Utf8(target)});
+  EXPECT_EQ(result.status, ExitStatus::kFailed);
+  EXPECT_TRUE(ToolTesting::Contains(result.err, "fx2.bin: cannot be written (")) << result.err;
+}
+
 TEST_F(EffectCommandsTest, ListFiltersByAPatternAndSorts) {
   // The names of the listed lines, in order.
   const auto names = [](const std::string& out) {

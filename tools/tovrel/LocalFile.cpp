@@ -1,5 +1,7 @@
 #include "LocalFile.h"
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -33,9 +35,14 @@ std::vector<unsigned char> LocalFile::Read(const UserPath& file, std::uint64_t l
 }
 
 void LocalFile::Write(const UserPath& file, const unsigned char* bytes, std::size_t size) {
+  errno = 0;
   std::ofstream out(Native(file), std::ios::binary | std::ios::trunc);
   if (out) out.write(reinterpret_cast<const char*>(bytes), static_cast<std::streamsize>(size));
-  if (!out || !out.flush()) throw ToolError(ExitStatus::kFailed, file.Typed() + ": cannot be written");
+  if (!out || !out.flush()) {
+    const int why = errno;
+    throw ToolError(ExitStatus::kFailed, file.Typed() + ": cannot be written" +
+                                             (why != 0 ? std::string(" (") + std::strerror(why) + ")" : std::string()));
+  }
 }
 
 void LocalFile::Append(const UserPath& file, const std::string& text) {

@@ -69,7 +69,8 @@ std::string LockedPackage::WhyUnreadable(const PagedFilePackageConfig& config) c
   } catch (const InvalidParameterException&) {
     reason = "not a package, or a damaged one: a table holds a value out of range";
   } catch (const FileIOException& e) {
-    reason = std::string("cannot be read: ") + (e.errorCode != 0 ? std::strerror(e.errorCode) : "short read");
+    reason = e.errorCode != 0 ? std::string("cannot be read: ") + std::strerror(e.errorCode)
+                              : "not a package file (too short: it ends inside its own tables)";
   } catch (const std::exception& e) {
     reason = std::string("cannot be read: ") + e.what();
   }

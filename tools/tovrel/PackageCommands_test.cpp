@@ -99,6 +99,14 @@ TEST_F(PackageCommandsTest, CatWritesToATerminalOnlyWhenForced) {
   EXPECT_EQ(forced.out, std::string(expected.begin(), expected.end()));
 }
 
+TEST_F(PackageCommandsTest, AFileTooShortToBeAPackageIsSaidInPlainWords) {
+  const std::filesystem::path tiny = dir_.Path() / "tiny.pkg";
+  TempDir::WriteAll(tiny.wstring(), std::vector<std::uint8_t>(100, 0x41));
+  const ToolTesting::Result result = ToolTesting::RunOn("package", "info", tiny);
+  EXPECT_EQ(result.status, ExitStatus::kUnreadable);
+  EXPECT_TRUE(ToolTesting::Contains(result.err, "tiny.pkg: not a package file (too short")) << result.err;
+}
+
 TEST_F(PackageCommandsTest, CatOfAStreamThatIsNotThereFails) {
   const ToolTesting::Result result = Run("cat", {"9"});
   EXPECT_EQ(result.status, ExitStatus::kFailed);

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "TextFormat.h"
+
 namespace Tovrel {
 namespace Tool {
 
@@ -33,7 +35,7 @@ void ProgressReporter::Update(std::uint64_t done) {
 void ProgressReporter::Draw(std::uint64_t done) {
   char percent[16] = "";
   if (total_ > 0) std::snprintf(percent, sizeof percent, " (%d %%)", static_cast<int>(100.0 * done / total_));
-  const std::string line = label_ + ": " + std::to_string(done) + "/" + std::to_string(total_) + percent;
+  const std::string line = label_ + ": " + TextFormat::Count(done) + "/" + TextFormat::Count(total_) + percent;
   std::string padded = line;
   if (padded.size() < drawnWidth_) padded.resize(drawnWidth_, ' ');
   console_.Err() << "\r" << padded << std::flush;

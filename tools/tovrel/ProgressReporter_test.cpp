@@ -59,6 +59,16 @@ TEST(ProgressReporterTest, RedrawsAtMostTenTimesASecondButAlwaysTheEnd) {
   EXPECT_EQ(err.str(), "\rw: 1/100 (1 %)\rw: 100/100 (100 %)");
 }
 
+TEST(ProgressReporterTest, LargeCountsHaveThousandsSeparators) {
+  std::ostringstream out, err;
+  Console console(out, err, true);
+  FakeClock clock;
+  ProgressReporter progress(console, "reading", 1234567, clock.Function());
+  clock.Advance(1500);
+  progress.Update(617284);
+  EXPECT_EQ(err.str(), "\rreading: 617,284/1,234,567 (50 %)");
+}
+
 TEST(ProgressReporterTest, ShowsNothingWhenMessagesAreNoTerminal) {
   std::ostringstream out, err;
   Console console(out, err, false);
