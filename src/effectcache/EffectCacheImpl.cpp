@@ -394,9 +394,8 @@ bool EffectCacheImpl::WritePendingEffect(const std::string& name, const PendingE
   const auto n = static_cast<std::uint64_t>(effect.bytes.Count());
   const auto c = static_cast<std::uint64_t>(compressed.compressed.size());
   profile_.AddCompression(n, c, compressed.milliseconds);
-  const std::uint64_t id = package_->CreateStream(c + 8);
-  RefPtr<IDataStream> stream = package_->OpenStream(id);
-  if (!stream || !StreamTransfer::WriteBytes(compressed.compressed.data(), c, stream)) return false;
+  std::uint64_t id = 0;
+  if (!WriteEffectStream(compressed.compressed.data(), c, &id)) return false;
   const EffectRecord record{id, static_cast<std::uint32_t>(name.size()), static_cast<std::uint32_t>(n),
                             effect.permanent, Now(), static_cast<std::uint32_t>(c), 0};
   if (!changes.empty() && changes.back().name == name) {
@@ -405,6 +404,13 @@ bool EffectCacheImpl::WritePendingEffect(const std::string& name, const PendingE
     changes.push_back(EffectTable::Change{name, record, false});
   }
   return true;
+}
+
+bool EffectCacheImpl::WriteEffectStream(const std::uint8_t* compressed, std::uint64_t size, std::uint64_t* id) {
+  // An effect's stream: its compressed bytes as a length-prefixed block.
+  *id = package_->CreateStream(size + 8);
+  RefPtr<IDataStream> stream = package_->OpenStream(*id);
+  return stream && StreamTransfer::WriteBytes(compressed, size, stream);
 }
 
 bool EffectCacheImpl::RefreshIfChanged() {
@@ -419,13 +425,7 @@ bool EffectCacheImpl::RefreshIfChanged() {
 bool EffectCacheImpl::TrimToLimit(std::uint64_t limit, std::uint64_t* removed) {
   if (!package_) return false;
   if (package_->GetTotalStreamSize() < limit) return true;  // nothing to remove: no need to sort
-  std::vector<std::size_t> candidates;
-  for (std::size_t i = 0; i < fileEffects_.Size(); ++i) {
-    if (fileEffects_.At(i).record.permanent == 0) candidates.push_back(i);
-  }
-  std::stable_sort(candidates.begin(), candidates.end(), [this](std::size_t a, std::size_t b) {
-    return fileEffects_.At(a).record.lastUsed < fileEffects_.At(b).record.lastUsed;
-  });
+  const std::vector<std::size_t> candidates = fileEffects_.OldestFirst(true);
   std::vector<bool> gone(fileEffects_.Size(), false);
   try {
     for (std::size_t i : candidates) {
@@ -501,11 +501,11 @@ bool EffectCacheImpl::StoreCopies(std::vector<StoredCopy>& copies, std::uint64_t
       if (mine != nullptr) package_->RemoveStream(mine->streamId);
       const auto size = static_cast<std::uint64_t>(copy.compressed.Count());
       EffectRecord record = copy.record;
-      record.streamId = package_->CreateStream(size + 8);
       record.nameLength = static_cast<std::uint32_t>(copy.name.size());
       record.compressedSize = static_cast<std::uint32_t>(size);
-      RefPtr<IDataStream> stream = package_->OpenStream(record.streamId);
-      if (!StreamTransfer::WriteBytes(size ? copy.compressed.Addr(0) : nullptr, size, stream)) throw FileIOException();
+      if (!WriteEffectStream(size ? copy.compressed.Addr(0) : nullptr, size, &record.streamId)) {
+        throw FileIOException();
+      }
       changes.push_back(EffectTable::Change{copy.name, record, false});
       written += size;
     }
@@ -567,14 +567,9 @@ bool EffectCacheImpl::RemoveStored(const RemovalChoice& choose, bool dryRun, Rem
 std::vector<bool> EffectCacheImpl::ChooseRemovals(const RemovalChoice& choose, Removed* removed) const {
   std::uint64_t stored = 0;
   for (const EffectTable::Entry& entry : fileEffects_) stored += entry.record.compressedSize;
-  std::vector<std::size_t> order(fileEffects_.Size());
-  for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
-  std::stable_sort(order.begin(), order.end(), [this](std::size_t a, std::size_t b) {
-    return fileEffects_.At(a).record.lastUsed < fileEffects_.At(b).record.lastUsed;
-  });
-  std::vector<bool> gone(order.size(), false);
+  std::vector<bool> gone(fileEffects_.Size(), false);
   Removed chosen;
-  for (std::size_t i : order) {
+  for (std::size_t i : fileEffects_.OldestFirst(false)) {
     const EffectTable::Entry& entry = fileEffects_.At(i);
     if (!choose(entry, chosen, stored)) continue;
     gone[i] = true;

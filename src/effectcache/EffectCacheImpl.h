@@ -141,6 +141,7 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   bool WritePendingEffects();
   bool WritePendingEffect(const std::string& name, const PendingEffect& effect,
                           const EffectBatchCompressor::Result& compressed, std::vector<EffectTable::Change>& changes);
+  bool WriteEffectStream(const std::uint8_t* compressed, std::uint64_t size, std::uint64_t* id);
   bool RefreshIfChanged();
   bool TrimToLimit(std::uint64_t limit, std::uint64_t* removed);
   std::uint64_t GetSizeLimit() const;

@@ -58,6 +58,18 @@ void EffectTable::Apply(std::vector<Change>&& changes) {
   CheckInvariants();
 }
 
+std::vector<std::size_t> EffectTable::OldestFirst(bool unpinnedOnly) const {
+  std::vector<std::size_t> order;
+  order.reserve(entries_.size());
+  for (std::size_t i = 0; i < entries_.size(); ++i) {
+    if (!unpinnedOnly || entries_[i].record.permanent == 0) order.push_back(i);
+  }
+  std::stable_sort(order.begin(), order.end(), [this](std::size_t a, std::size_t b) {
+    return entries_[a].record.lastUsed < entries_[b].record.lastUsed;
+  });
+  return order;
+}
+
 void EffectTable::EraseMarked(const std::vector<bool>& removed) {
   assert(removed.size() == entries_.size());
   std::size_t kept = 0;

@@ -57,6 +57,9 @@ class EffectTable {
   // Applies changes whose names are sorted by EffectNameOrder and distinct,
   // in one pass.
   void Apply(std::vector<Change>&& changes);
+  // Indexes of the entries, least recently used first (ties in name
+  // order); only those that are not permanent when `unpinnedOnly`.
+  std::vector<std::size_t> OldestFirst(bool unpinnedOnly) const;
   // Removes the entries whose flag is set; `removed` has one flag per entry.
   void EraseMarked(const std::vector<bool>& removed);
 

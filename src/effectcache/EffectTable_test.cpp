@@ -64,6 +64,22 @@ TEST(EffectTableTest, ABatchOfChangesReplacesInsertsAndRemovesInOnePass) {
   EXPECT_EQ(table.Size(), 5u);
 }
 
+TEST(EffectTableTest, OldestFirstOrdersByLastUseAndCanLeaveOutPermanentEntries) {
+  EffectTable table;
+  const auto at = [](std::uint16_t day, std::uint32_t permanent) {
+    EffectRecord record = RecordOf(day);
+    record.lastUsed = CacheTimeStamp{2026, 1, day, 0, 0, 0, 0};
+    record.permanent = permanent;
+    return record;
+  };
+  table.AddLoaded("a", at(5, 0));
+  table.AddLoaded("b", at(2, 1));
+  table.AddLoaded("c", at(5, 0));
+  table.AddLoaded("d", at(1, 0));
+  EXPECT_EQ(table.OldestFirst(false), (std::vector<std::size_t>{3, 1, 0, 2}));  // ties keep name order
+  EXPECT_EQ(table.OldestFirst(true), (std::vector<std::size_t>{3, 0, 2}));
+}
+
 TEST(EffectTableTest, MarkedEntriesAndSingleNamesAreErased) {
   EffectTable table;
   for (const char* name : {"a", "b", "c", "d", "e"}) table.AddLoaded(name, RecordOf(1));
