@@ -71,6 +71,23 @@ ChildFileTable::ChildFile* ChildFileTable::Child(std::uint64_t identifier) {
   return slot == FirstFitIndex::kNone ? nullptr : &children_[slot];
 }
 
+bool ChildFileTable::RemoveChildFile(std::uint64_t childFileIdentifier) {
+  CheckInvariants();
+  const std::size_t slot = SlotOf(childFileIdentifier);
+  if (slot == FirstFitIndex::kNone || !children_[slot].tails.empty()) return false;
+  children_.erase(children_.begin() + static_cast<std::ptrdiff_t>(slot));
+  identifiers_.Free(childFileIdentifier);
+  RebuildIndex();
+  return true;
+}
+
+bool ChildFileTable::SetChildFilePage(std::uint64_t childFileIdentifier, std::uint64_t index, std::uint64_t page) {
+  ChildFile* child = Child(childFileIdentifier);
+  if (child == nullptr || index >= kChildFilePages) return false;
+  child->record.page[index] = page;
+  return true;
+}
+
 const StreamTailRecord* ChildFileTable::FindTail(std::uint64_t streamIdentifier) const {
   const auto found = tails_.find(streamIdentifier);
   return found == tails_.end() ? nullptr : &found->second;

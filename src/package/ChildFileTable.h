@@ -6,7 +6,8 @@
 // holds in placement order. Each tail has a StreamTailRecord under its
 // stream's identifier. Child files are listed in ascending identifier
 // order, and a tail goes into the first of them with room (first fit,
-// found in O(log n)). Child files are never removed.
+// found in O(log n)). Removing streams never removes a child file; only
+// the package's compaction drops the ones it emptied.
 //
 // Saved as a section of the head stream: the child-file count; per child
 // file its 80-byte record, its tail count and the stream identifiers of its
@@ -66,6 +67,12 @@ class ChildFileTable : public IChildFileLookup {
   // its bytes become free again. FileDataCorruptException when its child
   // file is missing; false when the stream has no tail.
   bool RemoveTail(std::uint64_t streamIdentifier);
+  // Drops a child file that holds no tail (its pages are the caller's to
+  // free); false when there is no such child file or it holds tails.
+  bool RemoveChildFile(std::uint64_t childFileIdentifier);
+  // The child file's page `index` (0 to 7) is now `page` (it was moved);
+  // false when there is no such child file or index.
+  bool SetChildFilePage(std::uint64_t childFileIdentifier, std::uint64_t index, std::uint64_t page);
 
   // Bytes Write produces.
   std::uint64_t GetSaveSize() const;

@@ -232,5 +232,26 @@ TEST(ChildFileTableTest, ChildFilesAreListedInIdentifierOrderAndGapsAreFilledFir
   EXPECT_EQ(table.GetChildFileCount(), 6u);
 }
 
+TEST(ChildFileTableTest, OnlyAChildFileWithoutTailsIsRemovedAndItsIdentifierIsReused) {
+  ChildFileTable table;
+  const std::uint64_t pagesA[kChildFilePages] = {10, 11, 12, 13, 14, 15, 16, 17};
+  const std::uint64_t pagesB[kChildFilePages] = {20, 21, 22, 23, 24, 25, 26, 27};
+  const std::uint64_t a = table.AddChildFile(pagesA);
+  const std::uint64_t b = table.AddChildFile(pagesB);
+  ASSERT_TRUE(table.AddTail(StreamTailRecord{5, a, 0, 0, 100}));
+  EXPECT_FALSE(table.RemoveChildFile(a));
+  EXPECT_FALSE(table.RemoveChildFile(99));
+  ASSERT_TRUE(table.SetChildFilePage(b, 7, 40));
+  EXPECT_EQ(table.FindChildFile(b)->page[7], 40u);
+  EXPECT_FALSE(table.SetChildFilePage(b, 8, 41));
+  ASSERT_TRUE(table.RemoveTail(5));
+  EXPECT_TRUE(table.RemoveChildFile(a));
+  EXPECT_EQ(table.GetChildFileCount(), 1u);
+  EXPECT_EQ(table.FindChildFile(a), nullptr);
+  EXPECT_EQ(table.FindRoom(100), b);
+  EXPECT_EQ(table.AddChildFile(pagesA), a);
+  EXPECT_EQ(table.GetChildFileIdentifier(0), a);
+}
+
 }  // namespace
 }  // namespace Tovrel

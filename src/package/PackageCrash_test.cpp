@@ -31,8 +31,10 @@ using Testing::PackageCrashWorkload;
 
 constexpr int kRounds = 8;
 
-CrashRunner::Factory InMemory(std::uint32_t seed) {
-  return [seed] { return std::unique_ptr<CrashWorkload>(new PackageCrashWorkload(L"crash.dat", seed, kRounds)); };
+CrashRunner::Factory InMemory(std::uint32_t seed, bool compactions = false) {
+  return [seed, compactions] {
+    return std::unique_ptr<CrashWorkload>(new PackageCrashWorkload(L"crash.dat", seed, kRounds, compactions));
+  };
 }
 
 CrashRunner::Reference MeasureInMemory(const CrashRunner::Factory& make) {
@@ -40,8 +42,8 @@ CrashRunner::Reference MeasureInMemory(const CrashRunner::Factory& make) {
   return CrashRunner::Measure(make);
 }
 
-void CrashEverywhere(CrashRunner::Crash crash, std::uint32_t seed, std::size_t sample) {
-  const CrashRunner::Factory make = InMemory(seed);
+void CrashEverywhere(CrashRunner::Crash crash, std::uint32_t seed, std::size_t sample, bool compactions = false) {
+  const CrashRunner::Factory make = InMemory(seed, compactions);
   const CrashRunner::Reference reference = MeasureInMemory(make);
   ASSERT_EQ(reference.states.size(), static_cast<std::size_t>(kRounds + 1));
   ASSERT_GT(reference.calls, 100u);
@@ -62,6 +64,17 @@ TEST(PackageCrashTest, APowerCutAtAnyFileCallLeavesTheLastSaveOrTheOneUnderWay) 
 
 TEST(PackageCrashTest, AProcessDeathAtAnyFileCallLeavesTheLastSaveOrTheOneUnderWay) {
   for (std::uint32_t seed : CrashRunner::Seeds({4, 5}, 200)) CrashEverywhere(CrashRunner::Crash::kProcessDeath, seed, 400);
+}
+
+// Compactions move pages into free ones, pack tails into fewer child
+// files and cut the file: a crash leaves the old file or the compacted
+// one, with the same streams, never a mixture, and never a length between.
+TEST(PackageCrashTest, APowerCutAtAnyFileCallOfACompactionLeavesTheOldFileOrTheCompactedOne) {
+  for (std::uint32_t seed : CrashRunner::Seeds({7, 8}, 300)) CrashEverywhere(CrashRunner::Crash::kPowerLoss, seed, 400, true);
+}
+
+TEST(PackageCrashTest, AProcessDeathAtAnyFileCallOfACompactionLeavesTheOldFileOrTheCompactedOne) {
+  for (std::uint32_t seed : CrashRunner::Seeds({9}, 400)) CrashEverywhere(CrashRunner::Crash::kProcessDeath, seed, 400, true);
 }
 
 TOVREL_CHILD_ROLE(package_crash) {

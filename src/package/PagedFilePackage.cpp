@@ -2,15 +2,19 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cstring>
 #include <cwchar>
+#include <unordered_map>
 #include <utility>
 
 #include "pagefile/ChildFileSeeker.h"
 #include "pagefile/FileDataCorruptException.h"
+#include "pagefile/FileIOException.h"
 #include "pagefile/HeadFileSeeker.h"
 #include "pagefile/HeadFileWriteOnlySeeker.h"
 #include "pagefile/InvalidParameterException.h"
 #include "pagefile/PageGeometry.h"
+#include "pagefile/PageRef.h"
 #include "streams/PagedFileStream.h"
 
 namespace Tovrel {
@@ -19,6 +23,14 @@ namespace {
 
 constexpr std::uint64_t kTailMask = kPageSize - 1;
 constexpr std::uint64_t kPageShift = 13;
+
+// How many of pages[k], pages[k + 1], ... follow each other in the file,
+// up to what one file call moves.
+std::uint64_t RunLength(const std::vector<std::uint64_t>& pages, std::size_t k) {
+  std::uint64_t n = 1;
+  while (k + n < pages.size() && n < FilePageCache::kMostPagesPerCall && pages[k + n] == pages[k] + n) ++n;
+  return n;
+}
 
 }  // namespace
 
@@ -297,13 +309,18 @@ std::uint64_t PagedFilePackage::CreateStream(std::uint64_t size) {
   return identifier;
 }
 
-void PagedFilePackage::CompactChildFile(const StreamTailRecord& tail) {
-  const ChildFileRecord* child = childFiles_.FindChildFile(tail.childFileIdentifier);
+RefPtr<PagedFileStream> PagedFilePackage::ChildFileAsStream(std::uint64_t childFileIdentifier) {
+  const ChildFileRecord* child = childFiles_.FindChildFile(childFileIdentifier);
+  if (child == nullptr) throw FileDataCorruptException();
   RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);
   seeker->AttachStream(allocator_.Get(), StreamEntry{kNoStream, kChildFileSize, child->page[0], kChildFilePages},
                        TailLocation{});
   RefPtr<IPagedFileSeeker> base(seeker.Get());
-  RefPtr<PagedFileStream> stream(new PagedFileStream(cache_.get(), base));
+  return RefPtr<PagedFileStream>(new PagedFileStream(cache_.get(), base));
+}
+
+void PagedFilePackage::CompactChildFile(const StreamTailRecord& tail) {
+  RefPtr<PagedFileStream> stream = ChildFileAsStream(tail.childFileIdentifier);
   ReleaseOpenStreamPages();
   if (!stream->RemoveRange(static_cast<std::int32_t>(tail.offset), static_cast<std::uint32_t>(tail.size))) {
     throw FileDataCorruptException();
@@ -387,29 +404,204 @@ void PagedFilePackage::ReopenCache() {
   cache_->Open(path_.c_str(), config_.cachePageCount);
 }
 
-bool PagedFilePackage::Save() {
-  CheckInvariants();
-  if (!modified_) return true;
-  if (!cache_ || access_ == FilePageCache::Access::kReadOnly) return false;
+std::uint64_t PagedFilePackage::GetRestSaveSize() const {
+  return streams_.GetSaveSize() + childFiles_.GetSaveSize() + userData_.GetSaveSize();
+}
+
+bool PagedFilePackage::WriteHead(std::uint64_t restBytes) {
   FreeHeadChain();
-  const std::uint64_t rest = streams_.GetSaveSize() + childFiles_.GetSaveSize() + userData_.GetSaveSize();
-  const std::vector<std::uint64_t> pages = LayOutHeadChain(rest);
+  const std::vector<std::uint64_t> pages = LayOutHeadChain(restBytes);
   std::vector<std::uint64_t> nexts(pages.begin() + 1, pages.end());
   nexts.push_back(0);
   RefPtr<HeadFileWriteOnlySeeker> writer(new HeadFileWriteOnlySeeker(cache_.get()));
   headSeeker_ = writer.Get();
   ReleaseOpenStreamPages();
-  const std::uint64_t size = allocator_->GetTableSaveSize() + rest;
+  const std::uint64_t size = allocator_->GetTableSaveSize() + restBytes;
   if (!writer->InitializeForWrite(pages.data(), nexts.data(), pages.size(), size)) return false;
   {
     RefPtr<IDataStream> head(new PagedFileStream(cache_.get(), headSeeker_));
     WriteSections(head);
   }
   ReleaseOpenStreamPages();
+  return true;
+}
+
+void PagedFilePackage::CommitSave() {
   ReopenCache();
   cache_->SetSavedFreePages(allocator_->GetFreePages());
   modified_ = false;
+}
+
+bool PagedFilePackage::Save() {
+  CheckInvariants();
+  if (!modified_) return true;
+  if (!cache_ || access_ == FilePageCache::Access::kReadOnly) return false;
+  if (!WriteHead(GetRestSaveSize())) return false;
+  CommitSave();
   return true;
+}
+
+bool PagedFilePackage::Compact(CompactResult* result) {
+  CheckInvariants();
+  if (!cache_ || access_ == FilePageCache::Access::kReadOnly || !openStreams_.empty()) return false;
+  if (!Save()) return false;
+  CompactResult done;
+  done.lengthBefore = cache_->GetFileLength();
+  if (NeedsCompaction()) {
+    try {
+      CompactOrThrow(&done);
+    } catch (...) {
+      // Nothing of the half-done compaction may be saved later: the file
+      // goes back to its last save, and the tables with it.
+      modified_ = false;
+      if (!Reload()) Close();
+      throw;
+    }
+  }
+  done.lengthAfter = cache_->GetFileLength();
+  if (result != nullptr) *result = done;
+  return true;
+}
+
+bool PagedFilePackage::NeedsCompaction() const {
+  const std::vector<bool> free = allocator_->GetFreePages();
+  if (std::find(free.begin(), free.end(), true) != free.end()) return true;
+  if (cache_->GetFileLength() > free.size() * kPageSize) return true;
+  // A tail that could move into room in a child file before its own.
+  std::uint64_t smallestLaterTail = ~std::uint64_t{0};
+  for (std::uint64_t i = childFiles_.GetChildFileCount(); i-- > 0;) {
+    const std::uint64_t child = childFiles_.GetChildFileIdentifier(i);
+    if (childFiles_.FindChildFile(child)->freeBytes >= smallestLaterTail) return true;
+    for (std::uint64_t stream : *childFiles_.TailsOf(child)) {
+      smallestLaterTail = std::min(smallestLaterTail, childFiles_.FindTail(stream)->size);
+    }
+    if (childFiles_.TailsOf(child)->empty()) return true;
+  }
+  return false;
+}
+
+void PagedFilePackage::CompactOrThrow(CompactResult* result) {
+  PackTails(result);
+  FreeHeadChain();
+  modified_ = true;
+  const std::uint64_t rest = GetRestSaveSize();
+  const std::uint64_t pages = CompactedPageCount(rest);
+  result->pagesMoved = MovePagesBelow(kFirstPageId + pages);
+  allocator_->CutTable(pages);
+  if (!WriteHead(rest)) throw FileIOException(0);
+  // The head chain takes the free pages left below the end; should it
+  // have needed more, the table grew and the file is cut behind it.
+  const std::uint64_t length = allocator_->GetTableLength() * kPageSize;
+  if (length < cache_->GetFileLength()) cache_->CutFile(allocator_->GetTableLength());
+  CommitSave();
+}
+
+void PagedFilePackage::PackTails(CompactResult* result) {
+  for (std::uint64_t i = childFiles_.GetChildFileCount(); i-- > 0;) {
+    const std::uint64_t child = childFiles_.GetChildFileIdentifier(i);
+    const std::vector<std::uint64_t> tails = *childFiles_.TailsOf(child);
+    for (std::uint64_t stream : tails) {
+      const StreamTailRecord tail = *childFiles_.FindTail(stream);
+      const std::uint64_t room = childFiles_.FindRoom(tail.size);
+      if (room == ChildFileTable::kNone || room >= child) continue;
+      MoveTail(tail, room);
+      ++result->tailsMoved;
+    }
+    if (!childFiles_.TailsOf(child)->empty()) continue;
+    const std::uint64_t first = childFiles_.FindChildFile(child)->page[0];
+    childFiles_.RemoveChildFile(child);
+    FreeChain(first, kChildFilePages);
+    ++result->childFilesFreed;
+  }
+}
+
+void PagedFilePackage::MoveTail(const StreamTailRecord& tail, std::uint64_t childFileIdentifier) {
+  std::vector<std::uint8_t> bytes(tail.size);
+  RefPtr<PagedFileStream> from = ChildFileAsStream(tail.childFileIdentifier);
+  if (!from->Seek(0, static_cast<std::int32_t>(tail.offset))) throw FileDataCorruptException();
+  // The tail lies inside its child file (the table keeps it so): a short
+  // read is the file failing.
+  if (from->Read(bytes.data(), tail.size) != tail.size) throw FileIOException(0);
+  from.Reset();
+  const ChildFileRecord* target = childFiles_.FindChildFile(childFileIdentifier);
+  const StreamTailRecord moved{tail.streamIdentifier, childFileIdentifier, 0, kChildFileSize - target->freeBytes,
+                               tail.size};
+  {
+    RefPtr<PagedFileStream> to = ChildFileAsStream(childFileIdentifier);
+    if (!to->Seek(0, static_cast<std::int32_t>(moved.offset)) || to->Write(bytes.data(), moved.size) != moved.size) {
+      throw FileIOException(0);
+    }
+  }
+  CompactChildFile(tail);
+  childFiles_.RemoveTail(tail.streamIdentifier);
+  if (!childFiles_.AddTail(moved)) throw FileDataCorruptException();
+}
+
+std::uint64_t PagedFilePackage::CompactedPageCount(std::uint64_t restBytes) const {
+  const std::vector<bool> free = allocator_->GetFreePages();
+  const auto used = static_cast<std::uint64_t>(std::count(free.begin(), free.end(), false));
+  // The head chain's length depends on the allocation table's, which is
+  // the page count it is part of: grown until it holds.
+  std::uint64_t head = 1;
+  for (;;) {
+    const std::uint64_t need = ChainPagesFor(8 + 8 * (used + head) + restBytes);
+    if (need <= head) return used + head;
+    head = need;
+  }
+}
+
+std::uint64_t PagedFilePackage::MovePagesBelow(std::uint64_t end) {
+  const std::vector<bool> free = allocator_->GetFreePages();
+  std::vector<std::uint64_t> targets;  // free pages before the end; page 10 stays for the head chain
+  std::vector<std::uint64_t> movers;   // pages in use at or past the end
+  for (std::uint64_t i = 0; i < free.size(); ++i) {
+    const std::uint64_t page = kFirstPageId + i;
+    if (page < end && free[i] && page != kFirstPageId) targets.push_back(page);
+    if (page >= end && !free[i]) movers.push_back(page);
+  }
+  if (movers.size() > targets.size()) throw FileDataCorruptException();
+  // Who names a page that moves: a stream whose chain starts on it, a
+  // child file that lists it.
+  std::unordered_multimap<std::uint64_t, std::uint64_t> streamsStartingOn;
+  for (std::uint64_t i = 0; i < streams_.GetCount(); ++i) {
+    const StreamEntry* entry = streams_.Find(streams_.GetIdentifier(i));
+    if (entry->firstPage >= end) streamsStartingOn.emplace(entry->firstPage, entry->identifier);
+  }
+  std::unordered_multimap<std::uint64_t, std::pair<std::uint64_t, std::uint64_t>> childFileSlots;
+  for (std::uint64_t i = 0; i < childFiles_.GetChildFileCount(); ++i) {
+    const ChildFileRecord* child = childFiles_.FindChildFile(childFiles_.GetChildFileIdentifier(i));
+    for (std::uint64_t p = 0; p < kChildFilePages; ++p) {
+      if (child->page[p] >= end) childFileSlots.emplace(child->page[p], std::make_pair(child->identifier, p));
+    }
+  }
+  std::vector<std::uint8_t> image(kPageSize);
+  for (std::size_t k = 0; k < movers.size(); ++k) {
+    const std::uint64_t from = movers[k];
+    const std::uint64_t to = targets[k];
+    if (k == 0 || movers[k - 1] + 1 != from) cache_->Prefetch(from, RunLength(movers, k));
+    CopyPage(from, to, image.data());
+    allocator_->MovePage(from, to);
+    const auto streams = streamsStartingOn.equal_range(from);
+    for (auto s = streams.first; s != streams.second; ++s) streams_.SetFirstPage(s->second, to);
+    const auto slots = childFileSlots.equal_range(from);
+    for (auto c = slots.first; c != slots.second; ++c) childFiles_.SetChildFilePage(c->second.first, c->second.second, to);
+  }
+  return movers.size();
+}
+
+void PagedFilePackage::CopyPage(std::uint64_t from, std::uint64_t to, std::uint8_t* image) {
+  if (PageOffset(from) >= cache_->GetFileLength()) {
+    std::memset(image, 0, kPageSize);  // a page past the file's end reads as zeros
+  } else {
+    PageRef source(cache_.get());
+    const std::uint8_t* bytes = source.AcquireForRead(from);
+    if (bytes == nullptr) throw FileIOException(0);
+    std::memcpy(image, bytes, kPageSize);
+  }
+  std::uint8_t* target = cache_->GetPage(to, false, true);
+  if (target == nullptr) throw FileIOException(0);
+  std::memcpy(target, image, kPageSize);
+  cache_->UnpinPage(to);
 }
 
 }  // namespace Tovrel

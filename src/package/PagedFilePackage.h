@@ -44,6 +44,7 @@
 #include "streams/ChildFileStream.h"
 #include "streams/IStreamOwner.h"
 #include "streams/PageAllocator.h"
+#include "streams/PagedFileStream.h"
 #include "tovrel/IDataStreamSet.h"
 #include "tovrel/PagedFilePackageConfig.h"
 
@@ -98,6 +99,29 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   // directory later.
   void Abandon();
 
+  // What Compact did.
+  struct CompactResult {
+    std::uint64_t lengthBefore = 0;  // the file's length in bytes
+    std::uint64_t lengthAfter = 0;
+    std::uint64_t pagesMoved = 0;    // pages of streams and child files copied nearer the start
+    std::uint64_t tailsMoved = 0;    // tails moved into room in child files before theirs
+    std::uint64_t childFilesFreed = 0;
+  };
+  // Shrinks the file to the pages in use. Tails move out of the child
+  // files of the highest identifiers into the first child file with room
+  // before theirs (where a new tail would go), and the child files left
+  // empty are freed; then the pages of streams and child files that lie
+  // past the end the used pages need are copied into free pages before
+  // it, the tables are saved with a new head chain, and the file is cut,
+  // all in one save (a crash at any moment leaves the file as
+  // it was or as compacted). Streams keep their identifiers and bytes.
+  // Unsaved changes are saved first; a file without free pages is left
+  // untouched. False (nothing done) when a stream is open or the package
+  // is read only or not open. A failed file call throws FileIOException:
+  // the file is then as it was, and the package reloaded from it (closed
+  // when that fails too).
+  bool Compact(CompactResult* result);
+
   bool IsModified() const { return modified_; }
   const PagedFilePackageConfig& GetConfig() const { return config_; }
   FilePageCache* GetPageCache() const { return cache_.get(); }
@@ -116,11 +140,22 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   void FreeChain(std::uint64_t firstPage, std::uint64_t pages);
   std::uint64_t ChildFileWithRoom(std::uint64_t bytes);
   void PlaceTail(std::uint64_t identifier, std::uint64_t bytes);
+  RefPtr<PagedFileStream> ChildFileAsStream(std::uint64_t childFileIdentifier);
   void CompactChildFile(const StreamTailRecord& tail);
+  void PackTails(CompactResult* result);
+  void MoveTail(const StreamTailRecord& tail, std::uint64_t childFileIdentifier);
   void MoveOpenTails(std::uint64_t childFileIdentifier);
   void FreeHeadChain();
   std::vector<std::uint64_t> LayOutHeadChain(std::uint64_t restBytes);
+  std::uint64_t GetRestSaveSize() const;
+  bool WriteHead(std::uint64_t restBytes);
   void WriteSections(RefPtr<IDataStream>& head);
+  void CommitSave();
+  bool NeedsCompaction() const;
+  std::uint64_t CompactedPageCount(std::uint64_t restBytes) const;
+  std::uint64_t MovePagesBelow(std::uint64_t end);
+  void CopyPage(std::uint64_t from, std::uint64_t to, std::uint8_t* image);
+  void CompactOrThrow(CompactResult* result);
   void ReopenCache();
   void ReleaseOpenStreamPages();
   void CheckInvariants() const;

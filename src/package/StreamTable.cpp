@@ -32,6 +32,13 @@ const StreamEntry* StreamTable::Find(std::uint64_t identifier) const {
   return found == entries_.end() ? nullptr : &found->second;
 }
 
+bool StreamTable::SetFirstPage(std::uint64_t identifier, std::uint64_t page) {
+  const auto found = entries_.find(identifier);
+  if (found == entries_.end()) return false;
+  found->second.firstPage = page;
+  return true;
+}
+
 std::uint64_t StreamTable::Add(const StreamEntry& entry) {
   CheckInvariants();
   if (GetCount() >= streamLimit_) return kNoStream;

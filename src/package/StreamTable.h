@@ -46,6 +46,9 @@ class StreamTable {
   std::uint64_t Add(const StreamEntry& entry);
   // Drops a stream's entry; false when there is none.
   bool Remove(std::uint64_t identifier);
+  // The stream's chain of whole pages now starts on `page` (its pages
+  // were moved); false when there is no such stream.
+  bool SetFirstPage(std::uint64_t identifier, std::uint64_t page);
 
   // Bytes Write produces: 8 + 32 per stream.
   std::uint64_t GetSaveSize() const { return 8 + StreamEntry::kBytes * GetCount(); }

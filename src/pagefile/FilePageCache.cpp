@@ -65,7 +65,13 @@ FilePageCache::~FilePageCache() {
 bool FilePageCache::Open(const wchar_t* path, std::uint64_t capacity) {
   Close();
   FileHandle* file = PlatformFile::Open(path, "r+b");
-  if (file == nullptr) file = PlatformFile::Open(path, "w+b");
+  if (file == nullptr) {
+    // "w+b" would empty a file that exists but failed to open: only a
+    // missing file is created.
+    const int error = errno;
+    if (PlatformFile::Exists(path)) throw FileIOException(error);
+    file = PlatformFile::Open(path, "w+b");
+  }
   if (file == nullptr) throw FileIOException(errno);
   std::uint64_t length = 0;
   try {

@@ -59,10 +59,11 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   FilePageCache& operator=(const FilePageCache&) = delete;
 
   // Closes any current file, then opens `path` for update ("r+b"), or
-  // creates it empty ("w+b") when that fails, and rolls back a journal left
-  // beside it. Capacity 0 means 1. FileIOException (errno of the second
-  // open, or of the rollback; EBUSY while a living writer holds the journal)
-  // when it cannot; the file is then not open.
+  // creates it empty ("w+b") when that fails and no file is there (a file
+  // that exists is never emptied), and rolls back a journal left beside
+  // it. Capacity 0 means 1. FileIOException (errno of the failed open, or
+  // of the rollback; EBUSY while a living writer holds the journal) when it
+  // cannot; the file is then not open.
   bool Open(const wchar_t* path, std::uint64_t capacity);
   // Opens `path` for reading only ("rb"), changing nothing on disk: a file
   // that may not be written, or one to look at as it is. A journal left

@@ -67,6 +67,21 @@ TEST_F(FilePageCacheFaultsTest, AFailedUpdateOpenFallsBackToCreatingTheFile) {
   EXPECT_TRUE(std::filesystem::exists(std::filesystem::path(path)));
 }
 
+TEST_F(FilePageCacheFaultsTest, AnExistingFileThatFailsToOpenIsNeverEmptied) {
+  const std::wstring path = dir_.File("kept.bin");
+  const std::vector<std::uint8_t> bytes = Pattern(3);
+  TempDir::WriteAll(path, bytes);
+  FileFaults::FailNth(FileCall::kOpen, 1, EMFILE);
+  try {
+    FilePageCache cache(path.c_str(), 4);
+    FAIL() << "opened";
+  } catch (const FileIOException& e) {
+    EXPECT_EQ(e.errorCode, EMFILE);
+  }
+  EXPECT_EQ(FileFaults::Calls(FileCall::kOpen), 1u);
+  EXPECT_EQ(TempDir::ReadAll(path), bytes);
+}
+
 TEST_F(FilePageCacheFaultsTest, AFailedMeasureOfTheFileLeavesTheCacheClosed) {
   const std::wstring path = dir_.File("c.bin");
   TempDir::WriteAll(path, Pattern(2));

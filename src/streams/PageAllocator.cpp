@@ -175,6 +175,42 @@ bool PageAllocator::SaveTable(RefPtr<IDataStream>& stream) {
   return true;
 }
 
+std::uint64_t PageAllocator::MovePage(std::uint64_t from, std::uint64_t to) {
+  CheckInvariants();
+  CheckPageId(from);
+  CheckPageId(to);
+  if (!IsPageAllocated(from) || !InTable(to) || IsPageAllocated(to)) throw InvalidParameterException();
+  const std::uint64_t next = LinkAt(from - kFirstTableId);
+  const std::uint64_t previous = entries_[from - kFirstTableId].previous;
+  SetLink(to - kFirstTableId, next);
+  entries_[to - kFirstTableId].previous = static_cast<std::uint32_t>(previous);
+  if (previous != 0) SetLink(previous - kFirstTableId, to);
+  if (IsPageId(next) && InTable(next)) entries_[next - kFirstTableId].previous = static_cast<std::uint32_t>(to);
+  SetLink(from - kFirstTableId, kFreeLink);
+  entries_[from - kFirstTableId].previous = 0;
+  freeQueue_.push_back(static_cast<std::uint32_t>(from));
+  highestPage_ = std::max(highestPage_, to);
+  return previous;
+}
+
+void PageAllocator::CutTable(std::uint64_t length) {
+  CheckInvariants();
+  if (length > entries_.size()) throw InvalidParameterException();
+  for (std::uint64_t i = length; i < entries_.size(); ++i) {
+    if (entries_[i].next != kFreeLink) throw InvalidParameterException();
+  }
+  entries_.resize(length);
+  freeQueue_.clear();
+  highestPage_ = kFirstTableId;
+  for (std::uint64_t i = 0; i < length; ++i) {
+    if (entries_[i].next == kFreeLink) {
+      freeQueue_.push_back(static_cast<std::uint32_t>(kFirstTableId + i));
+    } else {
+      highestPage_ = kFirstTableId + i;
+    }
+  }
+}
+
 std::vector<bool> PageAllocator::GetFreePages() const {
   std::vector<bool> free(entries_.size());
   for (std::size_t i = 0; i < entries_.size(); ++i) free[i] = entries_[i].next == kFreeLink;

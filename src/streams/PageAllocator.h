@@ -55,6 +55,18 @@ class PageAllocator : public IPageAllocator {
   // Bytes SaveTable writes: 8 + 8 per entry.
   std::uint64_t GetTableSaveSize() const { return 8 + 8 * entries_.size(); }
 
+  // Moves a page in use to the free page `to` (inside the table): `to`
+  // takes over its link, the page linking to it (if any) now links to
+  // `to`, and `from` becomes free. Returns that page, 0 when `from` heads
+  // its chain (whoever names the chain's first page must be told).
+  // Nothing moves in the file. InvalidParameterException when `from` is not
+  // in use or `to` is not a free page of the table.
+  std::uint64_t MovePage(std::uint64_t from, std::uint64_t to);
+  // Shortens the table to `length` entries; every entry dropped must be
+  // free (InvalidParameterException otherwise, nothing changed). The free
+  // pages left are queued lowest id first.
+  void CutTable(std::uint64_t length);
+
   // For each entry of the table (index: page id - 10), whether it is free.
   std::vector<bool> GetFreePages() const;
 

@@ -263,5 +263,45 @@ TEST(PageAllocatorTest, ResetEmptiesEverything) {
   EXPECT_EQ(pages->AllocatePage(0), 10u);
 }
 
+TEST(PageAllocatorTest, AMovedPageTakesItsPlaceInTheChainAndLeavesAFreePage) {
+  auto pages = NewAllocator();
+  const std::uint64_t a = pages->AllocatePage(0);  // 10
+  const std::uint64_t b = pages->AllocatePage(a);  // 11
+  const std::uint64_t c = pages->AllocatePage(b);  // 12
+  const std::uint64_t spare = pages->AllocatePage(0);  // 13
+  pages->FreePage(spare);
+  EXPECT_EQ(pages->MovePage(b, spare), a);
+  EXPECT_EQ(pages->GetNextPage(a), spare);
+  EXPECT_EQ(pages->GetNextPage(spare), c);
+  EXPECT_FALSE(pages->IsPageAllocated(b));
+  // The reverse links follow: moving the chain's last page updates the new one.
+  EXPECT_EQ(pages->MovePage(c, b), spare);
+  EXPECT_EQ(pages->GetNextPage(spare), b);
+  EXPECT_EQ(pages->GetNextPage(b), 0u);
+  // The first page of a chain has no page before it.
+  pages->FreePage(a);
+  pages->ClaimPage(a);
+  EXPECT_EQ(pages->MovePage(a, c), 0u);
+  EXPECT_THROW(pages->MovePage(a, c), InvalidParameterException);       // a is free now
+  EXPECT_THROW(pages->MovePage(spare, b), InvalidParameterException);   // b is in use
+  EXPECT_THROW(pages->MovePage(spare, 40), InvalidParameterException);  // past the table
+}
+
+TEST(PageAllocatorTest, CuttingTheTableDropsOnlyFreeEntriesAndReusesTheLowestFirst) {
+  auto pages = NewAllocator();
+  for (int i = 0; i < 6; ++i) pages->AllocatePage(0);  // 10 .. 15
+  pages->FreePage(14);
+  pages->FreePage(11);
+  pages->FreePage(13);
+  EXPECT_THROW(pages->CutTable(4), InvalidParameterException);  // 14 free but 15 in use
+  pages->FreePage(15);
+  pages->CutTable(4);
+  EXPECT_EQ(pages->GetTableLength(), 4u);
+  EXPECT_EQ(pages->GetHighestPage(), 12u);
+  EXPECT_EQ(pages->AllocatePage(0), 11u);
+  EXPECT_EQ(pages->AllocatePage(0), 13u);
+  EXPECT_EQ(pages->AllocatePage(0), 14u);
+}
+
 }  // namespace
 }  // namespace Tovrel

@@ -3,6 +3,7 @@
 #include <exception>
 #include <utility>
 
+#include "package/PagedFilePackage.h"
 #include "pagefile/LittleEndian.h"
 #include "support/PackageTesting.h"
 #include "tovrel/FilePackage.h"
@@ -16,8 +17,8 @@ constexpr std::uint64_t kCachePages = 6;
 
 }  // namespace
 
-PackageCrashWorkload::PackageCrashWorkload(std::wstring path, std::uint32_t seed, int rounds)
-    : path_(std::move(path)), seed_(seed), rounds_(rounds) {}
+PackageCrashWorkload::PackageCrashWorkload(std::wstring path, std::uint32_t seed, int rounds, bool compactions)
+    : path_(std::move(path)), seed_(seed), rounds_(rounds), compactions_(compactions) {}
 
 void PackageCrashWorkload::Run(const std::function<void(int round)>& saved,
                                const std::function<void(int round, const State& state)>& state) {
@@ -30,40 +31,49 @@ void PackageCrashWorkload::Run(const std::function<void(int round)>& saved,
     saved(0);
     state(0, Model());
     for (int round = 1; round <= rounds_; ++round) {
-      const int changes = 1 + static_cast<int>(random() % 3);
-      for (int c = 0; c < changes; ++c) {
-        const std::uint32_t kind = random() % 10;
-        if (kind < 5 || streams_.empty()) {
-          const std::uint64_t size = random() % 30000;
-          const std::uint64_t id = package->CreateStream(size);
-          if (id == IDataStreamSet::kNoStream) return;
-          streams_[id] = PackageTesting::Bytes(size, static_cast<std::uint32_t>(random()));
-          if (size != 0 && !PackageTesting::WriteAll(package->OpenStream(id), streams_[id])) return;
-        } else {
-          auto victim = streams_.begin();
-          std::advance(victim, static_cast<std::ptrdiff_t>(random() % streams_.size()));
-          if (kind < 8) {
-            victim->second = PackageTesting::Bytes(victim->second.size(), static_cast<std::uint32_t>(random()));
-            if (!victim->second.empty() && !PackageTesting::WriteAll(package->OpenStream(victim->first), victim->second)) {
-              return;
-            }
-          } else {
-            if (!package->RemoveStream(victim->first)) return;
-            streams_.erase(victim);
-          }
-        }
+      if (compactions_ && round % 3 == 0) {
+        auto* paged = dynamic_cast<PagedFilePackage*>(package.Get());
+        if (paged == nullptr || !paged->Compact(nullptr)) return;
+      } else if (!Change(*package, random, round)) {
+        return;
       }
-      userData_ = PackageTesting::Bytes(8 + random() % 300, static_cast<std::uint32_t>(random()));
-      LittleEndian::Store64(userData_.data(), static_cast<std::uint64_t>(round));
-      if (!package->SetUserDataSize(userData_.size())) return;
-      std::copy(userData_.begin(), userData_.end(), package->GetUserData());
-      if (!package->Save()) return;
       saved(round);
       state(round, Model());
     }
   } catch (const std::exception&) {
     // A crash makes every later file call fail: the run ends here.
   }
+}
+
+bool PackageCrashWorkload::Change(IDataStreamSet& package, std::mt19937& random, int round) {
+  const int changes = 1 + static_cast<int>(random() % (compactions_ ? 8 : 3));
+  for (int c = 0; c < changes; ++c) {
+    const std::uint32_t kind = random() % 10;
+    if (kind < 5 || streams_.empty()) {
+      const std::uint64_t size = random() % 30000;
+      const std::uint64_t id = package.CreateStream(size);
+      if (id == IDataStreamSet::kNoStream) return false;
+      streams_[id] = PackageTesting::Bytes(size, static_cast<std::uint32_t>(random()));
+      if (size != 0 && !PackageTesting::WriteAll(package.OpenStream(id), streams_[id])) return false;
+    } else {
+      auto victim = streams_.begin();
+      std::advance(victim, static_cast<std::ptrdiff_t>(random() % streams_.size()));
+      if (kind < 8) {
+        victim->second = PackageTesting::Bytes(victim->second.size(), static_cast<std::uint32_t>(random()));
+        if (!victim->second.empty() && !PackageTesting::WriteAll(package.OpenStream(victim->first), victim->second)) {
+          return false;
+        }
+      } else {
+        if (!package.RemoveStream(victim->first)) return false;
+        streams_.erase(victim);
+      }
+    }
+  }
+  userData_ = PackageTesting::Bytes(8 + random() % 300, static_cast<std::uint32_t>(random()));
+  LittleEndian::Store64(userData_.data(), static_cast<std::uint64_t>(round));
+  if (!package.SetUserDataSize(userData_.size())) return false;
+  std::copy(userData_.begin(), userData_.end(), package.GetUserData());
+  return package.Save();
 }
 
 CrashWorkload::State PackageCrashWorkload::Model() const {
