@@ -539,6 +539,26 @@ bool EffectCacheImpl::ZeroStatistics() {
   }
 }
 
+bool EffectCacheImpl::CompactFile(PagedFilePackage::CompactResult* result) {
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  CheckInvariants();
+  if (!package_) return false;
+  AutoMutex hold(*fileMutex_);
+  if (!hold.IsOwner()) return false;
+  try {
+    if (!RefreshIfChanged()) throw FileIOException();
+    auto* paged = dynamic_cast<PagedFilePackage*>(package_.Get());
+    if (paged == nullptr || !paged->Compact(result)) throw FileIOException();
+    timeStamp_.UpdateTimeStamp();
+    return true;
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception&) {
+    DropPackage();
+    return false;
+  }
+}
+
 bool EffectCacheImpl::RemoveStored(const RemovalChoice& choose, bool dryRun, Removed* removed) {
   std::lock_guard<std::recursive_mutex> guard(lock_);
   CheckInvariants();

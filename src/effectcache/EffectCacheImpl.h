@@ -43,6 +43,7 @@
 #include "host/RefPtr.h"
 #include "host/Tab.h"
 #include "host/WStr.h"
+#include "package/PagedFilePackage.h"
 #include "tovrel/tovrel.h"
 
 namespace Tovrel {
@@ -111,6 +112,12 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // Zeroes the file's hit statistics (and this object's counts) in one
   // save under the file mutex; the block's time becomes now.
   bool ZeroStatistics();
+  // Compacts the cache file (see PagedFilePackage::Compact) under the file
+  // mutex, after bringing this view up to date, and renews the shared time
+  // stamp so that other processes reload. False when the cache is
+  // disabled, the mutex cannot be had or the compaction failed (the file
+  // is then as its last save left it).
+  bool CompactFile(PagedFilePackage::CompactResult* result);
 
   // The cache file's full path (empty for an empty folder).
   const WStr& GetCacheFileFullPath() const { return cacheFilePath_; }

@@ -127,6 +127,16 @@ EffectCacheMaintenance::MergeResult EffectCacheMaintenance::Merge(const WStr& de
   return result;
 }
 
+EffectCacheMaintenance::CompactResult EffectCacheMaintenance::Compact(const WStr& folder) {
+  EffectCacheImpl cache(folder, EffectCacheImpl::kHostCompressionLevel, EffectCacheImpl::kCacheBytesLimit);
+  PagedFilePackage::CompactResult compacted;
+  CompactResult result;
+  result.ok = cache.IsEnabled() && cache.CompactFile(&compacted);
+  result.fileBytesBefore = compacted.lengthBefore;
+  result.fileBytesAfter = compacted.lengthAfter;
+  return result;
+}
+
 bool EffectCacheMaintenance::ZeroStatistics(const WStr& folder) {
   EffectCacheImpl cache(folder, EffectCacheImpl::kHostCompressionLevel, EffectCacheImpl::kCacheBytesLimit);
   return cache.IsEnabled() && cache.ZeroStatistics();

@@ -1,6 +1,6 @@
 // EffectCacheMaintenance: what the people who look after a cache folder do
 // to it from outside a host: remove named effects, clear it, trim it to a
-// size or an age.
+// size or an age, merge other caches into it, compact its file.
 //
 // Each operation opens the folder's cache as a host would (an interrupted
 // save is rolled back first), removes what it chose in one crash-safe save
@@ -65,6 +65,16 @@ class EffectCacheMaintenance {
   // destination changes in one crash-safe save. The copies are held in
   // memory until that save.
   static MergeResult Merge(const WStr& destination, const std::vector<WStr>& sources);
+  // What a compaction did.
+  struct CompactResult {
+    bool ok = false;                 // false: the cache could not be opened or compacted
+    std::uint64_t fileBytesBefore = 0;
+    std::uint64_t fileBytesAfter = 0;
+  };
+  // Shrinks the cache file to the pages it uses (tails packed, pages
+  // moved, the file cut) in one crash-safe save; every effect stays as it
+  // was.
+  static CompactResult Compact(const WStr& folder);
   // Zeroes the folder's hit statistics (their time becomes now); false when
   // the cache could not be opened or saved.
   static bool ZeroStatistics(const WStr& folder);

@@ -222,6 +222,51 @@ TEST_F(EffectCacheMaintenanceHostsTest, TrimsAndClearsNeverTakePermanentEffectsN
   ExpectStored(present, Range(L"gone/", kGone));
 }
 
+TEST_F(EffectCacheMaintenanceHostsTest, CompactionsWhileHostsWorkLoseNothingAndShrinkTheFile) {
+  const fs::path file = folder_ / "norvaneFxoCache.dat";
+  for (int round = 0; round < kRounds; ++round) {
+    LetHostsWork();
+    EffectCacheMaintenance::TrimRule rule;
+    rule.bySize = true;
+    rule.maxStoredBytes = 30000;
+    ASSERT_TRUE(EffectCacheMaintenance::Trim(Folder(), rule, 0, false).ok) << round;
+    LetHostsWork();
+    const auto result = EffectCacheMaintenance::Compact(Folder());
+    ASSERT_TRUE(result.ok) << round;
+    EXPECT_LE(result.fileBytesAfter, result.fileBytesBefore) << round;
+  }
+  // Nothing is trimmed from here on: every effect the hosts save must stay
+  // through the compactions that run meanwhile.
+  ChildLauncher::Signal(marks_ / "late");
+  LetHostsWork();
+  ASSERT_TRUE(EffectCacheMaintenance::Compact(Folder()).ok);
+  LetHostsWork();
+  ASSERT_TRUE(EffectCacheMaintenance::Compact(Folder()).ok);
+  LetHostsWork();
+  StopHosts();
+  std::vector<std::wstring> present = Range(L"kept/", kKept);
+  for (int h = 1; h <= kHosts; ++h) {
+    for (const std::string& name : LoggedNames(h, "late")) present.push_back(ChildLauncher::Wide(name));
+  }
+  EXPECT_GE(present.size(), static_cast<std::size_t>(kKept + 3 * 8 * kHosts));
+  ExpectStored(present, Range(L"gone/", kGone));
+  // With the hosts gone: a trim frees pages, the compaction gives them
+  // back, and every effect left is as it was.
+  EffectCacheMaintenance::TrimRule rule;
+  rule.bySize = true;
+  rule.maxStoredBytes = 40000;
+  ASSERT_TRUE(EffectCacheMaintenance::Trim(Folder(), rule, 0, false).ok);
+  const auto names = EffectTesting::IndexNames(file.wstring());
+  const auto result = EffectCacheMaintenance::Compact(Folder());
+  ASSERT_TRUE(result.ok);
+  EXPECT_LT(result.fileBytesAfter, result.fileBytesBefore);
+  EXPECT_EQ(fs::file_size(file), result.fileBytesAfter);
+  EXPECT_EQ(EffectTesting::IndexNames(file.wstring()), names);
+  std::vector<std::wstring> left;
+  for (const std::string& name : names) left.push_back(ChildLauncher::Wide(name));
+  ExpectStored(left, {});
+}
+
 TEST_F(EffectCacheMaintenanceHostsTest, AMergeInAddsTheOtherFoldersEffectsAndLosesNone) {
   const fs::path side = dir_.Path() / "side";
   fs::create_directories(side);

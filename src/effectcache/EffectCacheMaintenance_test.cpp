@@ -170,6 +170,42 @@ void MakeFolder(const std::wstring& folder, const std::vector<std::string>& name
   }
 }
 
+TEST_F(EffectCacheMaintenanceTest, CompactionShrinksTheFileAfterAClearAndKeepsEveryEffect) {
+  Fill(60, {3, 40});
+  std::vector<int> left;
+  for (int i = 0; i < 60; ++i) {
+    if (i % 4 == 1 || i == 3 || i == 40) left.push_back(i);
+  }
+  std::vector<std::string> gone;
+  for (int i = 0; i < 60; ++i) {
+    if (std::find(left.begin(), left.end(), i) == left.end()) gone.push_back("fx/" + std::to_string(i));
+  }
+  ASSERT_TRUE(EffectCacheMaintenance::Remove(Folder(), gone, false).ok);
+  const auto before = Testing::TempDir::ReadAll(CacheFile()).size();
+  auto result = EffectCacheMaintenance::Compact(Folder());
+  ASSERT_TRUE(result.ok);
+  EXPECT_EQ(result.fileBytesBefore, before);
+  // The head chain and one child file hold the 15 effects left.
+  EXPECT_EQ(result.fileBytesAfter, 9u * 8192u);
+  EXPECT_LT(result.fileBytesAfter, before);
+  EXPECT_EQ(Testing::TempDir::ReadAll(CacheFile()).size(), result.fileBytesAfter);
+  ExpectIntact(left);
+  // Compacting a compact file changes nothing.
+  const auto compacted = Testing::TempDir::ReadAll(CacheFile());
+  result = EffectCacheMaintenance::Compact(Folder());
+  ASSERT_TRUE(result.ok);
+  EXPECT_EQ(result.fileBytesAfter, result.fileBytesBefore);
+  EXPECT_EQ(Testing::TempDir::ReadAll(CacheFile()), compacted);
+  // A cleared cache keeps its head chain and the child file of its index.
+  Fill(60);
+  ASSERT_TRUE(EffectCacheMaintenance::Clear(Folder(), false, false).ok);
+  result = EffectCacheMaintenance::Compact(Folder());
+  ASSERT_TRUE(result.ok);
+  EXPECT_GT(result.fileBytesBefore, 9u * 8192u);
+  EXPECT_EQ(result.fileBytesAfter, 9u * 8192u);
+  ExpectIntact({});
+}
+
 TEST_F(EffectCacheMaintenanceTest, AMergeKeepsTheNewestCopyOfEveryNameByteForByte) {
   const std::wstring base = dir_.Path().wstring();
   MakeFolder(base + L"/dest", {"a", "bb", "ccc"}, 100, 10, false);

@@ -32,6 +32,18 @@ void EffectCrashWorkload::Run(const std::function<void(int round)>& saved,
     state(0, Found(cache));
     for (int round = 1; round <= rounds_; ++round) {
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      if (round % 3 == 0) {
+        // Every third round removes every other effect, leaving free pages
+        // all over the file, and compacts it.
+        int seen = 0;
+        const auto everyOther = [&seen](const EffectTable::Entry&, const EffectCacheImpl::Removed&, std::uint64_t) {
+          return seen++ % 2 == 0;
+        };
+        if (!cache.RemoveStored(everyOther, false, nullptr) || !cache.CompactFile(nullptr)) return;
+        saved(round);
+        state(round, Found(cache));
+        continue;
+      }
       for (int k = 0; k < 5; ++k) {
         const int name = static_cast<int>(random() % kNames);
         const auto bytes = EffectTesting::Bytes(static_cast<std::uint32_t>(random()), 100 + random() % 20000,

@@ -1,6 +1,7 @@
 // EffectCrashWorkload: rounds of effects cached into a cache folder, new
 // names and replaced ones, under a size limit small enough that saves trim
-// the oldest effects, each round ending with ForceSaveToFile.
+// the oldest effects, each round ending with ForceSaveToFile; every third
+// round instead removes every other effect and compacts the file.
 //
 // The state after a save is what a search finds for each name of the pool.
 // Saves are spread over distinct milliseconds, so that last-used times, and
