@@ -524,32 +524,12 @@ bool EffectCacheImpl::StoreCopies(std::vector<StoredCopy>& copies, std::uint64_t
   }
 }
 
-bool EffectCacheImpl::ZeroStatistics() {
-  std::lock_guard<std::recursive_mutex> guard(lock_);
-  counts_ = EffectCacheStats{};
+bool EffectCacheImpl::ChangeUnderFileMutex(const std::function<bool()>& change) {
   if (!package_) return false;
   AutoMutex hold(*fileMutex_);
   if (!hold.IsOwner()) return false;
   try {
-    if (!RefreshIfChanged() || !SaveCounts(true)) throw FileIOException();
-    return true;
-  } catch (const std::exception&) {
-    DropPackage();
-    return false;
-  }
-}
-
-bool EffectCacheImpl::CompactFile(PagedFilePackage::CompactResult* result) {
-  std::lock_guard<std::recursive_mutex> guard(lock_);
-  CheckInvariants();
-  if (!package_) return false;
-  AutoMutex hold(*fileMutex_);
-  if (!hold.IsOwner()) return false;
-  try {
-    if (!RefreshIfChanged()) throw FileIOException();
-    auto* paged = dynamic_cast<PagedFilePackage*>(package_.Get());
-    if (paged == nullptr || !paged->Compact(result)) throw FileIOException();
-    timeStamp_.UpdateTimeStamp();
+    if (!RefreshIfChanged() || !change()) throw FileIOException();
     return true;
   } catch (const std::bad_alloc&) {
     throw;
@@ -557,31 +537,38 @@ bool EffectCacheImpl::CompactFile(PagedFilePackage::CompactResult* result) {
     DropPackage();
     return false;
   }
+}
+
+bool EffectCacheImpl::ZeroStatistics() {
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  counts_ = EffectCacheStats{};
+  return ChangeUnderFileMutex([this] { return SaveCounts(true); });
+}
+
+bool EffectCacheImpl::CompactFile(PagedFilePackage::CompactResult* result) {
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  CheckInvariants();
+  return ChangeUnderFileMutex([this, result] {
+    auto* paged = dynamic_cast<PagedFilePackage*>(package_.Get());
+    if (paged == nullptr || !paged->Compact(result)) return false;
+    timeStamp_.UpdateTimeStamp();
+    return true;
+  });
 }
 
 bool EffectCacheImpl::RemoveStored(const RemovalChoice& choose, bool dryRun, Removed* removed) {
   std::lock_guard<std::recursive_mutex> guard(lock_);
   CheckInvariants();
   if (removed != nullptr) *removed = Removed{};
-  if (!package_) return false;
-  AutoMutex hold(*fileMutex_);
-  if (!hold.IsOwner()) return false;
-  try {
-    if (!RefreshIfChanged()) throw FileIOException();
+  return ChangeUnderFileMutex([&] {
     const std::vector<bool> gone = ChooseRemovals(choose, removed);
     if (dryRun || std::find(gone.begin(), gone.end(), true) == gone.end()) return true;
     for (std::size_t i = 0; i < gone.size(); ++i) {
       if (gone[i]) package_->RemoveStream(fileEffects_.At(i).record.streamId);
     }
     fileEffects_.EraseMarked(gone);
-    if (!SaveDirectory()) throw FileIOException();
-    return true;
-  } catch (const std::bad_alloc&) {
-    throw;
-  } catch (const std::exception&) {
-    DropPackage();
-    return false;
-  }
+    return SaveDirectory();
+  });
 }
 
 std::vector<bool> EffectCacheImpl::ChooseRemovals(const RemovalChoice& choose, Removed* removed) const {

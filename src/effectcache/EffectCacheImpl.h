@@ -150,6 +150,11 @@ class EffectCacheImpl : public NorvaneHeapOperators {
                           const EffectBatchCompressor::Result& compressed, std::vector<EffectTable::Change>& changes);
   bool WriteEffectStream(const std::uint8_t* compressed, std::uint64_t size, std::uint64_t* id);
   bool RefreshIfChanged();
+  // Runs `change` under the file mutex on a view brought up to date; false
+  // when the cache is disabled, the mutex cannot be had, or the refresh or
+  // the change fails (false or an exception: the package is then dropped,
+  // the file as its last completed save left it). Out of memory passes.
+  bool ChangeUnderFileMutex(const std::function<bool()>& change);
   bool TrimToLimit(std::uint64_t limit, std::uint64_t* removed);
   std::uint64_t GetSizeLimit() const;
   bool SaveToFile();
