@@ -17,7 +17,8 @@ namespace Tool {
 using NorvaneSDK::Util::AutoMutex;
 using NorvaneSDK::Util::MutexObject;
 
-LockedPackage::LockedPackage(const UserPath& file, std::uint64_t streamLimit) : file_(file), fileSize_(0) {
+LockedPackage::LockedPackage(const UserPath& file, std::uint64_t streamLimit, bool forUpdate)
+    : file_(file), fileSize_(0) {
   const std::string& name = file.Typed();
   mutex_.reset(new MutexObject(EffectCacheImpl::FileMutexName(file.Absolute()).c_str()));
   hold_.reset(new AutoMutex(*mutex_));
@@ -31,7 +32,7 @@ LockedPackage::LockedPackage(const UserPath& file, std::uint64_t streamLimit) : 
   RefPtr<PagedFilePackage> opened(new PagedFilePackage(config));
   bool loaded = false;
   try {
-    loaded = opened->LoadReadOnly();
+    loaded = forUpdate ? opened->Load() : opened->LoadReadOnly();
   } catch (const std::exception&) {
     loaded = false;
   }

@@ -7,7 +7,7 @@
 // effects command). For any other package the mutex is simply one no
 // host takes. The package is opened for reading only while the mutex is
 // held, and let go before the mutex is: the tool writes nothing to the
-// file. A journal that an interrupted save left beside the file is not
+// file, unless it opened it for update (to compact it). A journal that an interrupted save left beside the file is not
 // rolled back but read: the package is the file as the rollback will
 // leave it when the library next opens it, and Journal() tells about it.
 //
@@ -41,9 +41,10 @@ class LockedPackage {
   // tables allow, so that any package the library wrote opens.
   static constexpr std::uint64_t kAnyStreamLimit = 0xFFFFFF;
 
-  // Holds the mutex of `file`, then opens it. ToolError (unreadable) when
-  // the file is missing, is a folder, or is not a package.
-  LockedPackage(const UserPath& file, std::uint64_t streamLimit);
+  // Holds the mutex of `file`, then opens it (for update, rolling back an
+  // interrupted save first, when asked). ToolError (unreadable) when the
+  // file is missing, is a folder, or is not a package.
+  LockedPackage(const UserPath& file, std::uint64_t streamLimit, bool forUpdate = false);
   ~LockedPackage();
   LockedPackage(const LockedPackage&) = delete;
   LockedPackage& operator=(const LockedPackage&) = delete;

@@ -12,6 +12,8 @@
 //                                           recently used first, until the
 //                                           stored bytes are under SIZE, and
 //                                           every one unused for DURATION
+//   compact FOLDER                          the cache file shrunk to the
+//                                           pages it uses
 //
 // Each is one call of EffectCacheMaintenance (one crash-safe save under
 // the cache's named mutex); the commands parse and print. A folder without
@@ -25,6 +27,7 @@
 #include "CommandGroup.h"
 #include "CommandLine.h"
 #include "Console.h"
+#include "UserPath.h"
 
 namespace Tovrel {
 namespace Tool {
@@ -38,6 +41,13 @@ class MaintenanceCommands {
   static int Remove(const CommandLine& line, Console& console);
   static int Clear(const CommandLine& line, Console& console);
   static int Trim(const CommandLine& line, Console& console);
+  static int Compact(const CommandLine& line, Console& console);
+  // Compacts the cache of a folder and prints the file's size before and
+  // after, naming the file as `shownFile`; `package compact` on a cache
+  // file comes here too, so that hosts using the folder are told.
+  static int CompactFolder(const UserPath& folder, const std::string& shownFile, Console& console);
+  // "compacted FILE: 1,234,567 bytes (1.2 MiB) before, 345,678 bytes (337.6 KiB) after"
+  static void PrintCompaction(const std::string& file, std::uint64_t before, std::uint64_t after, Console& console);
 };
 
 }  // namespace Tool

@@ -108,6 +108,31 @@ TEST_F(MaintenanceCommandsTest, MergeCopiesTheEffectsOfOtherFoldersAndNamesTheUn
   EXPECT_EQ(again.out.rfind("copied 0 effects: 0 bytes stored\nkept 8 effects that ", 0), 0u) << again.out;
 }
 
+TEST_F(MaintenanceCommandsTest, CompactShrinksTheCacheFileAndKeepsEveryEffectThroughEitherCommand) {
+  ToolTesting::MakeCache(folder_, 40, 5000);
+  ASSERT_EQ(Run("trim", {"--max-size", "40K"}).status, ExitStatus::kOk);
+  const std::vector<std::string> left = Names();
+  const fs::path file = folder_ / "norvaneFxoCache.dat";
+  const std::uint64_t before = fs::file_size(file);
+  const auto result = Run("compact");
+  ASSERT_EQ(result.status, ExitStatus::kOk) << result.err;
+  const std::uint64_t after = fs::file_size(file);
+  EXPECT_LT(after, before);
+  EXPECT_EQ(result.out, "compacted " + ToolTesting::Utf8(file) + ": " + TextFormat::Bytes(before) + " before, " +
+                            TextFormat::Bytes(after) + " after\n");
+  EXPECT_EQ(Names(), left);
+  EXPECT_EQ(ToolTesting::RunOn("effects", "verify", folder_).status, ExitStatus::kOk);
+  // "package compact" on the cache file goes the same way, under the mutex.
+  ToolTesting::MakeCache(folder_, 40, 5000);
+  const std::uint64_t full = fs::file_size(file);
+  ASSERT_EQ(Run("clear").status, ExitStatus::kOk);
+  const auto packaged = ToolTesting::RunOn("package", "compact", file);
+  ASSERT_EQ(packaged.status, ExitStatus::kOk) << packaged.err;
+  EXPECT_LT(fs::file_size(file), full);
+  EXPECT_TRUE(Names().empty());
+  EXPECT_EQ(ToolTesting::RunOn("effects", "compact", dir_.Path() / "nothing-here").status, ExitStatus::kUnreadable);
+}
+
 TEST_F(MaintenanceCommandsTest, UsageErrorsAndMissingCachesAreRefused) {
   EXPECT_EQ(Run("trim").status, ExitStatus::kUsage);
   EXPECT_EQ(Run("trim", {"--max-size", "lots"}).status, ExitStatus::kUsage);

@@ -1,15 +1,18 @@
 #include "PackageCommands.h"
 
 #include <array>
+#include <filesystem>
 #include <vector>
 
 #include "ExitStatus.h"
 #include "JsonWriter.h"
 #include "LockedPackage.h"
+#include "MaintenanceCommands.h"
 #include "PackageVerifier.h"
 #include "TextFormat.h"
 #include "ToolError.h"
 #include "VerifyReport.h"
+#include "effectcache/EffectCacheImpl.h"
 #include "pagefile/PageGeometry.h"
 
 namespace Tovrel {
@@ -202,6 +205,13 @@ std::shared_ptr<CommandGroup> PackageCommands::Group() {
                              "only with --force.\n",
                              {"--force"}, {}, 2, 2,
                              &PackageCommands::Cat, nullptr});
+  commands.push_back(Command{"compact", "FILE", "shrink a package file to the pages it uses",
+                             "Packs tails into fewer child files, moves pages from the end of the file into\n"
+                             "free ones and cuts the file, in one save (a crash leaves the file as it was or\n"
+                             "compacted); streams keep their identifiers and bytes. The file must not be in\n"
+                             "use by another program, except a cache file, which is compacted as\n"
+                             "\"tovrel effects compact\" does it, under its mutex.\n",
+                             {}, {}, 1, 1, &PackageCommands::Compact, nullptr});
   commands.push_back(Command{"verify", "FILE [--json]", "deep check of a package file",
                              "Checks what opening a package does not: every page belongs to exactly one\n"
                              "owner (the head chain, one stream, one child file) or is free; every chain\n"
@@ -233,6 +243,26 @@ int PackageCommands::List(const CommandLine& line, Console& console) {
   } else {
     PrintListText(file.Package(), console.Out());
   }
+  return ExitStatus::kOk;
+}
+
+int PackageCommands::Compact(const CommandLine& line, Console& console) {
+  const UserPath file(line.Positionals()[0]);
+  const std::filesystem::path path(file.Absolute());
+  if (path.filename() == std::filesystem::path(EffectCacheImpl::kCacheFileName) && file.IsFile()) {
+    return MaintenanceCommands::CompactFolder(UserPath(path.parent_path().u8string()), file.Typed(), console);
+  }
+  const LockedPackage locked(file, LockedPackage::kAnyStreamLimit, true);
+  PagedFilePackage::CompactResult result;
+  try {
+    if (!locked.Package().Compact(&result)) throw ToolError(ExitStatus::kFailed, file.Typed() + ": cannot be compacted");
+  } catch (const ToolError&) {
+    throw;
+  } catch (const std::exception& e) {
+    throw ToolError(ExitStatus::kFailed, file.Typed() + ": the compaction did not complete (" + e.what() +
+                                             "); the file is as its last completed save left it");
+  }
+  MaintenanceCommands::PrintCompaction(file.Typed(), result.lengthBefore, result.lengthAfter, console);
   return ExitStatus::kOk;
 }
 

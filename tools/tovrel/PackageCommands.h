@@ -7,9 +7,12 @@
 //   cat FILE ID           the stream's bytes to standard output
 //   verify FILE           the deep check of PackageVerifier; exit status
 //                         0 clean, 1 problems found, 2 unreadable
+//   compact FILE          the file shrunk to the pages it uses
 //
 // Every command reads the file through LockedPackage (under the named
-// mutex a cache file of that path would have) and changes nothing.
+// mutex a cache file of that path would have) and changes nothing, but
+// compact, which changes it in one crash-safe save (a cache file through
+// its folder's cache, so that hosts using it reload).
 // Stateless; thread-safety: one command at a time.
 #ifndef TOVREL_TOOL_PACKAGECOMMANDS_H
 #define TOVREL_TOOL_PACKAGECOMMANDS_H
@@ -29,6 +32,7 @@ class PackageCommands {
   static int List(const CommandLine& line, Console& console);
   static int Cat(const CommandLine& line, Console& console);
   static int Verify(const CommandLine& line, Console& console);
+  static int Compact(const CommandLine& line, Console& console);
 };
 
 }  // namespace Tool

@@ -9,6 +9,7 @@
 #include "ExitStatus.h"
 #include "pagefile/RollbackJournal.h"
 #include "tovrel/FilePackage.h"
+#include "TextFormat.h"
 #include "platform/PlatformProcess.h"
 #include "support/ChildLauncher.h"
 #include "support/ChildProcess.h"
@@ -105,6 +106,45 @@ TEST_F(PackageCommandsTest, AFileTooShortToBeAPackageIsSaidInPlainWords) {
   const ToolTesting::Result result = ToolTesting::RunOn("package", "info", tiny);
   EXPECT_EQ(result.status, ExitStatus::kUnreadable);
   EXPECT_TRUE(ToolTesting::Contains(result.err, "tiny.pkg: not a package file (too short")) << result.err;
+}
+
+TEST_F(PackageCommandsTest, CompactShrinksTheFileAndKeepsEveryStream) {
+  std::vector<std::vector<std::uint8_t>> kept;
+  std::vector<std::uint64_t> keptIds;
+  {
+    RefPtr<IDataStreamSet> package = OpenFilePackage(PackageTesting::Config(file_.wstring()));
+    ASSERT_TRUE(package);
+    for (std::uint32_t i = 0; i < 12; ++i) PackageTesting::CreateFilled(package, 3 * 8192 + 100 * i, 70 + i);
+    for (std::uint64_t id : PackageTesting::Identifiers(package)) {
+      if (id % 2 == 0) {
+        ASSERT_TRUE(package->RemoveStream(id));
+      } else {
+        keptIds.push_back(id);
+        kept.push_back(PackageTesting::ReadAll(package->OpenStream(id)));
+      }
+    }
+  }
+  const std::uint64_t before = std::filesystem::file_size(file_);
+  const ToolTesting::Result result = Run("compact");
+  ASSERT_EQ(result.status, ExitStatus::kOk) << result.err;
+  const std::uint64_t after = std::filesystem::file_size(file_);
+  EXPECT_LT(after, before);
+  EXPECT_EQ(result.out, "compacted " + ToolTesting::Utf8(file_) + ": " + TextFormat::Bytes(before) + " before, " +
+                            TextFormat::Bytes(after) + " after\n");
+  RefPtr<IDataStreamSet> package = OpenFilePackage(PackageTesting::Config(file_.wstring()));
+  ASSERT_TRUE(package);
+  ASSERT_EQ(PackageTesting::Identifiers(package), keptIds);
+  for (std::size_t i = 0; i < keptIds.size(); ++i) {
+    EXPECT_EQ(PackageTesting::ReadAll(package->OpenStream(keptIds[i])), kept[i]) << keptIds[i];
+  }
+  package.Reset();
+  // A second compaction has nothing left to do.
+  const ToolTesting::Result again = Run("compact");
+  EXPECT_EQ(again.status, ExitStatus::kOk);
+  EXPECT_EQ(std::filesystem::file_size(file_), after);
+  EXPECT_EQ(Run("compact", {"extra"}).status, ExitStatus::kUsage);
+  EXPECT_EQ(ToolTesting::RunOn("package", "compact", dir_.Path() / "missing.pkg").status, ExitStatus::kUnreadable);
+  EXPECT_FALSE(std::filesystem::exists(dir_.Path() / "missing.pkg"));
 }
 
 TEST_F(PackageCommandsTest, CatOfAStreamThatIsNotThereFails) {

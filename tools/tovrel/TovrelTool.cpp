@@ -15,10 +15,10 @@ std::shared_ptr<CommandGroup> TovrelTool::Commands() {
   using Command = CommandGroup::Command;
   std::vector<Command> commands;
   commands.push_back(DemoCommand::Describe());
-  commands.push_back(Command{"package", "COMMAND ...", "look into a package file: info, ls, cat, verify", "", {}, {},
+  commands.push_back(Command{"package", "COMMAND ...", "a package file: info, ls, cat, verify, compact", "", {}, {},
                              0, 0, nullptr, PackageCommands::Group()});
   commands.push_back(Command{"effects", "COMMAND ...",
-                             "an effect cache folder: list, get, put, remove, clear, trim, merge, stats, verify", "",
+                             "an effect cache folder: list, get, put, remove, clear, trim, merge, compact, stats, verify", "",
                              {}, {}, 0, 0, nullptr, EffectCommands::Group()});
   return std::make_shared<CommandGroup>(
       "tovrel",
