@@ -72,7 +72,8 @@ EffectCacheImpl::EffectCacheImpl(const WStr& cacheFolder, int compressionLevel, 
       pendingBytes_(0),
       compressionLevel_(EffectCompression::ClampLevel(compressionLevel)),
       cacheBytesLimit_(cacheBytesLimit),
-      config_{} {
+      config_{},
+      readOnly_(false) {
   if (!folderPath_.isNull()) {
     NorvaneSDK::Util::Path folder(folderPath_.data());
     folder.AddTrailingSeparator();
@@ -143,11 +144,15 @@ bool EffectCacheImpl::CacheCompiledEffect(const WStr& name, const unsigned char*
   std::lock_guard<std::recursive_mutex> guard(lock_);
   CheckInvariants();
   if (!package_) return false;
+  const std::uint64_t adds = EffectRecord::kSize + (8 + key.size()) + (8 + size);
+  // A read-only file never takes the pending effects: they are held up to
+  // the size limit, and no more.
+  if (readOnly_ && pendingBytes_ + adds > cacheBytesLimit_) return false;
   PendingEffect& effect = pendingEffects_[key];
   effect.bytes.ZeroCount();
   effect.bytes.Append(static_cast<INT_PTR>(size), data);
   effect.permanent = permanent ? 1 : 0;
-  pendingBytes_ += EffectRecord::kSize + (8 + key.size()) + (8 + size);
+  pendingBytes_ += adds;
   ++counts_.cached;
   if (pendingBytes_ >= kAutoSaveThreshold) SaveToFile();
   return true;
@@ -257,7 +262,8 @@ bool EffectCacheImpl::OpenCacheFile() {
     AutoMutex hold(*fileMutex_);
     if (!hold.IsOwner()) throw FileIOException();
     package_ = OpenFilePackage(config_);
-    if (!package_ || !ReadHeader() || !LoadIndex()) throw FileIOException();
+    if (!package_ && !OpenReadOnlyIfNotWritable()) throw FileIOException();
+    if (!ReadHeader() || !LoadIndex()) throw FileIOException();
     return true;
   } catch (const std::exception&) {
     DropPackage();
@@ -265,7 +271,31 @@ bool EffectCacheImpl::OpenCacheFile() {
   }
 }
 
+bool EffectCacheImpl::OpenReadOnlyIfNotWritable() {
+  // Only a file that opens for reading and not for update: any other
+  // failure is a file the cache may create afresh.
+  FileHandle* probe = PlatformFile::Open(config_.filePath, "r+b");
+  if (probe != nullptr) {
+    PlatformFile::Close(probe);
+    return false;
+  }
+  probe = PlatformFile::Open(config_.filePath, "rb");
+  if (probe == nullptr) return false;
+  PlatformFile::Close(probe);
+  RefPtr<PagedFilePackage> package(new PagedFilePackage(config_));
+  if (!package->LoadReadOnly()) return false;
+  package_ = RefPtr<IDataStreamSet>(package.Get());
+  readOnly_ = true;
+  return true;
+}
+
+bool EffectCacheImpl::IsReadOnly() const {
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  return readOnly_;
+}
+
 bool EffectCacheImpl::CreateCacheFile() {
+  if (readOnly_) return false;  // a file that may not be written is never replaced
   ResetState();
   try {
     AutoMutex hold(*fileMutex_);
@@ -304,6 +334,7 @@ bool EffectCacheImpl::LoadIndex() {
   RefPtr<IDataStream> stream = package_->OpenStream(header_.indexStreamId);
   if (!EffectIndex::ReadAll(stream, header_.effectCount, fileEffects_)) return false;
   stream.Reset();
+  if (readOnly_) return true;  // nothing is trimmed from a file that may not be written
   std::uint64_t removed = 0;
   TrimToLimit(GetSizeLimit(), &removed);
   counts_.trimmed += removed;
@@ -415,8 +446,9 @@ bool EffectCacheImpl::WriteEffectStream(const std::uint8_t* compressed, std::uin
 
 bool EffectCacheImpl::RefreshIfChanged() {
   // A journal beside the file under the mutex is a dead writer's: its save
-  // never completed. The reload rolls it back before it reads anything.
-  const bool interrupted = PlatformFile::Exists(journalPath_.c_str());
+  // never completed. The reload rolls it back before it reads anything. A
+  // read-only view cannot roll it back, and reads through it already.
+  const bool interrupted = !readOnly_ && PlatformFile::Exists(journalPath_.c_str());
   const bool changed = timeStamp_.IsChanged();
   if (!changed && !interrupted) return true;
   return package_ && package_->Reload() && ReadHeader() && LoadIndex();
@@ -451,7 +483,7 @@ std::uint64_t EffectCacheImpl::GetSizeLimit() const {
 }
 
 bool EffectCacheImpl::SaveToFile() {
-  if (!package_) return true;
+  if (!package_ || readOnly_) return true;  // a read-only file keeps its effects pending
   AutoMutex hold(*fileMutex_);
   if (!hold.IsOwner()) return false;
   if (pendingEffects_.empty() && damaged_.empty()) return true;
@@ -487,7 +519,7 @@ bool EffectCacheImpl::StoreCopies(std::vector<StoredCopy>& copies, std::uint64_t
   if (stored != nullptr) *stored = 0;
   if (bytes != nullptr) *bytes = 0;
   std::uint64_t written = 0;
-  if (!package_) return false;
+  if (!package_ || readOnly_) return false;
   AutoMutex hold(*fileMutex_);
   if (!hold.IsOwner()) return false;
   std::sort(copies.begin(), copies.end(),
@@ -525,7 +557,7 @@ bool EffectCacheImpl::StoreCopies(std::vector<StoredCopy>& copies, std::uint64_t
 }
 
 bool EffectCacheImpl::ChangeUnderFileMutex(const std::function<bool()>& change) {
-  if (!package_) return false;
+  if (!package_ || readOnly_) return false;
   AutoMutex hold(*fileMutex_);
   if (!hold.IsOwner()) return false;
   try {

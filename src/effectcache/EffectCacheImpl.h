@@ -17,6 +17,12 @@
 // changes instead of letting its destructor write them. So the package
 // never writes outside the mutex, nor a directory older than the file's.
 //
+// A cache file that may be read but not written (deployed with the host,
+// on a read-only share) is opened read only: searches are served from it,
+// nothing is ever written to it (no load-time trim, no save, no dropping
+// of damaged entries), and new effects stay in the pending map, up to the
+// size limit, for the object's life.
+//
 // Owned by EffectCacheSystem. Thread-safety: the public operations take
 // lock_ (then fileMutex_, always in that order).
 #ifndef TOVREL_EFFECTCACHE_EFFECTCACHEIMPL_H
@@ -119,6 +125,8 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // is then as its last save left it).
   bool CompactFile(PagedFilePackage::CompactResult* result);
 
+  // True when the cache file could only be opened for reading.
+  bool IsReadOnly() const;
   // The cache file's full path (empty for an empty folder).
   const WStr& GetCacheFileFullPath() const { return cacheFilePath_; }
   std::uint64_t GetPendingBytes() const;
@@ -158,6 +166,7 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   bool TrimToLimit(std::uint64_t limit, std::uint64_t* removed);
   std::uint64_t GetSizeLimit() const;
   bool SaveToFile();
+  bool OpenReadOnlyIfNotWritable();
   bool SaveDirectory();
   bool SaveCounts(bool zero);
   bool Search(const std::string& key, Tab<unsigned char>& data);
@@ -198,6 +207,9 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   EffectCacheStats counts_;
   PagedFilePackageConfig config_;  // filePath points into cacheFilePath_
   std::wstring journalPath_;       // the package file's rollback journal
+  // The file could be opened for reading only; then package_ writes
+  // nothing, and every change to the file is refused.
+  bool readOnly_;
 };
 
 }  // namespace Tovrel

@@ -70,6 +70,10 @@ FileHandle* MemoryFileSystem::OpenLockedUnderLock(const std::wstring& path, cons
     errno = EINVAL;
     return nullptr;
   }
+  if (m.writable && IsReadOnly(path)) {
+    errno = EACCES;
+    return nullptr;
+  }
   auto found = files_.find(path);
   if (found == files_.end()) {
     if (m.mustExist) {
@@ -90,10 +94,26 @@ FileHandle* MemoryFileSystem::OpenLockedUnderLock(const std::wstring& path, cons
   return handle;
 }
 
+void MemoryFileSystem::SetReadOnly(const std::wstring& prefix) {
+  std::lock_guard<std::mutex> guard(lock_);
+  readOnly_.push_back(prefix);
+}
+
+bool MemoryFileSystem::IsReadOnly(const std::wstring& path) const {
+  for (const std::wstring& prefix : readOnly_) {
+    if (path.compare(0, prefix.size(), prefix) == 0) return true;
+  }
+  return false;
+}
+
 int MemoryFileSystem::Remove(const wchar_t* path) {
   std::lock_guard<std::mutex> guard(lock_);
   if (powerCut_) {
     errno = EIO;
+    return -1;
+  }
+  if (path != nullptr && IsReadOnly(path)) {
+    errno = EACCES;
     return -1;
   }
   if (path == nullptr || files_.erase(path) == 0) {

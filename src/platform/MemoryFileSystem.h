@@ -56,6 +56,11 @@ class MemoryFileSystem : public FileSystem {
 
   // Bytes all files may hold together (kUnlimited: no bound).
   void SetCapacity(std::uint64_t bytes);
+  // Paths that start with `prefix` (a file, or a folder with its
+  // separator) may be opened for reading only: opening one to write,
+  // creating one and removing one fail with EACCES, as on a read-only
+  // share.
+  void SetReadOnly(const std::wstring& prefix);
   // When false, writes are not kept apart for power cuts (faster; for fuzz
   // targets): a restore then keeps everything.
   void SetTrackingUnsyncedChanges(bool track);
@@ -91,6 +96,7 @@ class MemoryFileSystem : public FileSystem {
     const MemoryFileHandle* lockHolder = nullptr;
   };
 
+  bool IsReadOnly(const std::wstring& path) const;
   FileHandle* OpenLockedUnderLock(const std::wstring& path, const char* mode, bool locked, bool* busy);
   std::uint64_t UsedBytes() const;
   bool Usable(const MemoryFileHandle& handle) const;
@@ -109,6 +115,7 @@ class MemoryFileSystem : public FileSystem {
   mutable std::mutex lock_;
   std::map<std::wstring, std::shared_ptr<File>> files_;
   std::uint64_t capacity_;
+  std::vector<std::wstring> readOnly_;  // prefixes of paths that may not be written
   bool tracking_;
   bool powerCut_;
   // Handles of an earlier epoch (before a restore or a process end) are unusable.
