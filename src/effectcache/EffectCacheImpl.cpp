@@ -476,7 +476,8 @@ bool EffectCacheImpl::TrimToLimit(std::uint64_t limit, std::uint64_t* removed) {
 
 std::uint64_t EffectCacheImpl::GetSizeLimit() const {
   // The bytes the file already stores are on the disk already: trimming
-  // them frees no space (the file never shrinks), so they count as room.
+  // them frees no space (their pages stay in the file), so they count as
+  // room.
   const std::uint64_t stored = package_ ? package_->GetTotalStreamSize() : 0;
   const std::uint64_t free = PlatformFile::AvailableBytes(folderPath_.data());
   return std::min(free + stored < free ? ~std::uint64_t{0} : free + stored, cacheBytesLimit_);

@@ -3,6 +3,7 @@
 // new effects in memory.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -149,6 +150,59 @@ TEST(EffectCacheReadOnlyFileTest, AFileWithoutWritePermissionServesEverySearch) 
   }
   EXPECT_EQ(Testing::TempDir::ReadAll(file.wstring()), before);
   std::filesystem::permissions(file, std::filesystem::perms::owner_write, std::filesystem::perm_options::add);
+}
+
+// A read-only bind mount of a cache folder: the system refuses every
+// write, whoever asks. Where mounts cannot be made (no privilege, Windows)
+// the test is skipped.
+class ReadOnlyMount {
+ public:
+  ReadOnlyMount(const std::filesystem::path& source, const std::filesystem::path& target) : target_(target) {
+#ifndef _WIN32
+    std::filesystem::create_directories(target);
+    const std::string quiet = " >/dev/null 2>&1";
+    mounted_ = std::system(("mount --bind '" + source.string() + "' '" + target.string() + "'" + quiet).c_str()) == 0;
+    if (mounted_) {
+      readOnly_ = std::system(("mount -o remount,ro,bind '" + target.string() + "'" + quiet).c_str()) == 0;
+    }
+#else
+    (void)source;
+#endif
+  }
+  ~ReadOnlyMount() {
+    if (mounted_) std::system(("umount '" + target_.string() + "' >/dev/null 2>&1").c_str());
+  }
+  bool IsReadOnly() const { return mounted_ && readOnly_; }
+
+ private:
+  std::filesystem::path target_;
+  bool mounted_ = false;
+  bool readOnly_ = false;
+};
+
+TEST(EffectCacheReadOnlyFileTest, ACacheOnAReadOnlyMountServesEverySearch) {
+  Testing::TempDir dir;
+  const std::filesystem::path source = dir.Path() / "source";
+  const std::filesystem::path target = dir.Path() / "mounted";
+  std::filesystem::create_directories(source);
+  Fill(source.wstring());
+  const std::vector<std::uint8_t> before = Testing::TempDir::ReadAll((source / "norvaneFxoCache.dat").wstring());
+  {
+    ReadOnlyMount mount(source, target);
+    if (!mount.IsReadOnly()) GTEST_SKIP() << "no read-only mount can be made here";
+    {
+      EffectCacheImpl cache(WStr(target.wstring().c_str()), 2);
+      ASSERT_TRUE(cache.IsEnabled());
+      EXPECT_TRUE(cache.IsReadOnly());
+      ExpectEveryEffect(cache);
+      const auto bytes = Bytes(50);
+      EXPECT_TRUE(cache.CacheCompiledEffect(WStr(L"new/one.fxo"), bytes.data(), bytes.size(), false));
+      cache.ForceSaveToFile();
+      EXPECT_TRUE(cache.IsEnabled());
+    }
+    EXPECT_FALSE(std::filesystem::exists(target / "norvaneFxoCache.dat-journal"));
+  }
+  EXPECT_EQ(Testing::TempDir::ReadAll((source / "norvaneFxoCache.dat").wstring()), before);
 }
 
 }  // namespace
