@@ -1,0 +1,70 @@
+// RemoteEffectObject: one effect as a remote store keeps it, and the key
+// it is kept under.
+//
+// An object is a 28-byte header, the effect's name, then its compressed
+// bytes exactly as the cache file stores them (a zlib stream). Header,
+// little-endian: the tag "TVRLFXOB" (8 bytes), the version (4 bytes, 1),
+// flags (4 bytes; bit 0: permanent, every other bit 0), the name's length
+// in bytes (4), the uncompressed size (4), the compressed size (4). The
+// object's length is exactly header + name + compressed size.
+//
+// A remote store is not trusted: Decode refuses an object whose tag,
+// version or flags are not these, whose name is not the one searched for,
+// whose sizes break the cache's limits or disagree with its length, or
+// whose bytes do not decompress to exactly the recorded size; it never
+// allocates more than the limits allow. The key is derived from the name
+// alone (two 64-bit FNV-1a hashes, each mixed by splitmix64's finaliser,
+// 32 hex digits) and spread over folders
+// ("ab/cd/abcd…"), so that any WebDAV-style server keeps objects as plain
+// files; two names sharing a key only miss, never swap bytes.
+//
+// Stateless; every function may be called from any thread.
+#ifndef TOVREL_EFFECTCACHE_REMOTEEFFECTOBJECT_H
+#define TOVREL_EFFECTCACHE_REMOTEEFFECTOBJECT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "host/Tab.h"
+
+namespace Tovrel {
+
+class RemoteEffectObject {
+ public:
+  static constexpr std::size_t kHeaderSize = 28;
+  static constexpr std::uint32_t kVersion = 1;
+  static constexpr std::uint32_t kPermanentFlag = 1;
+
+  enum class Result {
+    kOk,
+    kShort,          // fewer bytes than a header, or than the header says
+    kTag,            // another tag: not an effect object
+    kVersion,        // a version this library does not read
+    kFlags,          // flags it does not know
+    kName,           // another name than the one searched for
+    kSize,           // sizes beyond the cache's limits, or not the object's length
+    kCorrupt,        // the bytes do not decompress to exactly the recorded size
+  };
+
+  // The longest object Decode can accept: header, longest name, compress
+  // bound of the largest effect.
+  static std::uint64_t SizeLimit();
+
+  // The object of an effect; `compressed` is its zlib stream.
+  static std::vector<std::uint8_t> Encode(const std::string& name, bool permanent, std::uint64_t uncompressedSize,
+                                          const std::uint8_t* compressed, std::uint64_t compressedSize);
+  // Checks the object against `name` and decompresses it into `data`;
+  // `permanent` is set on success only.
+  static Result Decode(const std::uint8_t* bytes, std::size_t size, const std::string& name, bool* permanent,
+                       Tab<unsigned char>& data);
+  // The object's key: a relative path such as "3f/a9/3fa9…" (38 characters).
+  static std::string KeyFor(const std::string& name);
+  // A few words on a result, for messages.
+  static const char* Describe(Result result);
+};
+
+}  // namespace Tovrel
+
+#endif
