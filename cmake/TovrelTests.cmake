@@ -13,6 +13,8 @@ file(GLOB support_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tests/su
 # contract) are part of every test program that instantiates them.
 add_library(tovrel_test_support OBJECT ${support_sources})
 target_include_directories(tovrel_test_support PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/tests)
+# Where the tests find the scripts and files they start servers from.
+target_compile_definitions(tovrel_test_support PRIVATE TOVREL_TESTS_DIR="${CMAKE_CURRENT_SOURCE_DIR}/tests")
 target_link_libraries(tovrel_test_support PUBLIC tovrel_static GTest::gtest)
 
 function(tovrel_add_test_program name)

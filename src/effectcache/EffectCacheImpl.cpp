@@ -18,6 +18,7 @@
 #include "pagefile/FileIOException.h"
 #include "pagefile/LittleEndian.h"
 #include "pagefile/RollbackJournal.h"
+#include "platform/Environment.h"
 #include "platform/LocalClock.h"
 #include "platform/PlatformFile.h"
 #include "platform/WideText.h"
@@ -93,9 +94,24 @@ EffectCacheImpl::EffectCacheImpl(const WStr& cacheFolder, int compressionLevel, 
   } catch (const std::exception&) {
     return;  // without its shared stamp the cache cannot share the file: unusable
   }
+  const std::wstring remote = Environment::Get(kRemoteVariable);
+  EffectRemoteStore::Settings settings;
+  if (!remote.empty() && EffectRemoteStore::Parse(WideText::ToUtf8(remote), &settings)) {
+    remote_.reset(new EffectRemoteStore(settings));
+  }
   AutoMutex hold(*fileMutex_);
   if (!hold.IsOwner()) return;
   if (!OpenCacheFile() && !CreateCacheFile()) DropPackage();
+}
+
+void EffectCacheImpl::SetRemoteStore(const EffectRemoteStore::Settings* settings) {
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  remote_.reset(settings != nullptr ? new EffectRemoteStore(*settings) : nullptr);
+}
+
+EffectRemoteStore::Counts EffectCacheImpl::GetRemoteCounts() const {
+  std::lock_guard<std::recursive_mutex> guard(lock_);
+  return remote_ ? remote_->GetCounts() : EffectRemoteStore::Counts{};
 }
 
 EffectCacheImpl::~EffectCacheImpl() {
@@ -152,6 +168,7 @@ bool EffectCacheImpl::CacheCompiledEffect(const WStr& name, const unsigned char*
   effect.bytes.ZeroCount();
   effect.bytes.Append(static_cast<INT_PTR>(size), data);
   effect.permanent = permanent ? 1 : 0;
+  effect.fromRemote = false;
   pendingBytes_ += adds;
   ++counts_.cached;
   if (pendingBytes_ >= kAutoSaveThreshold) SaveToFile();
@@ -220,18 +237,35 @@ bool EffectCacheImpl::Search(const std::string& key, Tab<unsigned char>& data) {
     data.Append(pending->second.bytes.Count(), pending->second.bytes.Addr(0));
     return true;
   }
-  AutoMutex hold(*fileMutex_);
-  if (!hold.IsOwner()) return false;
-  try {
-    RefreshIfChanged();
-    return FindInFile(key, data);
-  } catch (const std::bad_alloc&) {
-    throw;
-  } catch (const NorvaneSDK::Util::TabOutOfRangeException&) {
-    throw;
-  } catch (const std::exception&) {
-    return false;  // a damaged file: the search misses
+  {
+    AutoMutex hold(*fileMutex_);
+    if (!hold.IsOwner()) return false;
+    try {
+      RefreshIfChanged();
+      if (FindInFile(key, data)) return true;
+    } catch (const std::bad_alloc&) {
+      throw;
+    } catch (const NorvaneSDK::Util::TabOutOfRangeException&) {
+      throw;
+    } catch (const std::exception&) {
+      return false;  // a damaged file: the search misses
+    }
   }
+  return FetchFromRemote(key, data);
+}
+
+bool EffectCacheImpl::FetchFromRemote(const std::string& key, Tab<unsigned char>& data) {
+  if (!remote_) return false;
+  bool permanent = false;
+  if (!remote_->Fetch(key, data, &permanent)) return false;
+  // The next save keeps it in the file, as if the host had cached it.
+  PendingEffect& effect = pendingEffects_[key];
+  effect.bytes.ZeroCount();
+  effect.bytes.Append(data.Count(), data.Addr(0));
+  effect.permanent = permanent ? 1 : 0;
+  effect.fromRemote = true;
+  pendingBytes_ += EffectRecord::kSize + (8 + key.size()) + (8 + static_cast<std::uint64_t>(data.Count()));
+  return true;
 }
 
 bool EffectCacheImpl::FindInFile(const std::string& key, Tab<unsigned char>& data) {
@@ -409,8 +443,23 @@ bool EffectCacheImpl::WritePendingEffects() {
     throw;
   }
   fileEffects_.Apply(std::move(changes));
-  if (written) DiscardPending();
+  if (written) {
+    CollectRemotePushes(compressed);
+    DiscardPending();
+  }
   return written;
+}
+
+void EffectCacheImpl::CollectRemotePushes(const std::vector<EffectBatchCompressor::Result>& compressed) {
+  remotePushes_.clear();
+  if (!remote_ || remote_->GetSettings().readOnly) return;
+  std::size_t i = 0;
+  for (const auto& entry : pendingEffects_) {
+    const EffectBatchCompressor::Result& result = compressed[i++];
+    if (entry.second.fromRemote || !result.ok) continue;
+    remotePushes_.push_back(RemotePush{entry.first, entry.second.permanent != 0,
+                                       static_cast<std::uint64_t>(entry.second.bytes.Count()), result.compressed});
+  }
 }
 
 bool EffectCacheImpl::WritePendingEffect(const std::string& name, const PendingEffect& effect,
@@ -484,6 +533,14 @@ std::uint64_t EffectCacheImpl::GetSizeLimit() const {
 }
 
 bool EffectCacheImpl::SaveToFile() {
+  const bool saved = SaveToFileUnderMutex();
+  std::vector<RemotePush> pushes;
+  pushes.swap(remotePushes_);
+  if (saved) PushToRemote(pushes);
+  return saved;
+}
+
+bool EffectCacheImpl::SaveToFileUnderMutex() {
   if (!package_ || readOnly_) return true;  // a read-only file keeps its effects pending
   AutoMutex hold(*fileMutex_);
   if (!hold.IsOwner()) return false;
@@ -496,6 +553,14 @@ bool EffectCacheImpl::SaveToFile() {
   } catch (const std::exception&) {
     DropPackage();
     return false;
+  }
+}
+
+void EffectCacheImpl::PushToRemote(std::vector<RemotePush>& pushes) {
+  // Without the file mutex: other processes never wait on the network.
+  if (!remote_) return;
+  for (const RemotePush& push : pushes) {
+    remote_->Store(push.name, push.permanent, push.size, push.compressed.data(), push.compressed.size());
   }
 }
 

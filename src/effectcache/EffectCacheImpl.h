@@ -43,6 +43,7 @@
 #include "effectcache/EffectCacheStats.h"
 #include "effectcache/EffectNameOrder.h"
 #include "effectcache/EffectRecord.h"
+#include "effectcache/EffectRemoteStore.h"
 #include "effectcache/EffectTable.h"
 #include "host/MutexObject.h"
 #include "host/NorvaneHeapOperators.h"
@@ -59,6 +60,8 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   static constexpr std::uint64_t kEffectSizeLimit = 1048576;
   static constexpr std::uint64_t kEffectNameSizeLimit = 65536;
   static constexpr std::uint64_t kAutoSaveThreshold = 2097152;
+  // Names the remote store a cache takes when it is made.
+  static constexpr const wchar_t* kRemoteVariable = L"TOVREL_EFFECT_CACHE_REMOTE";
   static constexpr std::uint64_t kCacheBytesLimit = 268435456;
   // The zlib level EffectCacheSystem compresses at.
   static constexpr int kHostCompressionLevel = 2;
@@ -127,6 +130,13 @@ class EffectCacheImpl : public NorvaneHeapOperators {
 
   // True when the cache file could only be opened for reading.
   bool IsReadOnly() const;
+  // Gives the cache a remote store (see EffectRemoteStore), or none with
+  // null. A store named by the environment variable
+  // "TOVREL_EFFECT_CACHE_REMOTE" ("URL" or "URL|read-only") is set by the
+  // constructor.
+  void SetRemoteStore(const EffectRemoteStore::Settings* settings);
+  // What the remote store did; zeros without one.
+  EffectRemoteStore::Counts GetRemoteCounts() const;
   // The cache file's full path (empty for an empty folder).
   const WStr& GetCacheFileFullPath() const { return cacheFilePath_; }
   std::uint64_t GetPendingBytes() const;
@@ -144,8 +154,21 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   struct PendingEffect {
     Tab<unsigned char> bytes;
     std::uint32_t permanent;
+    bool fromRemote;  // fetched from the remote store: never PUT back
   };
   using PendingMap = std::map<std::string, PendingEffect, EffectNameOrder>;
+  // An effect a save compressed, to be PUT once the save completed.
+  struct RemotePush {
+    std::string name;
+    bool permanent;
+    std::uint64_t size;
+    std::vector<std::uint8_t> compressed;
+  };
+
+  bool SaveToFileUnderMutex();
+  void CollectRemotePushes(const std::vector<EffectBatchCompressor::Result>& compressed);
+  void PushToRemote(std::vector<RemotePush>& pushes);
+  bool FetchFromRemote(const std::string& key, Tab<unsigned char>& data);
 
   bool OpenCacheFile();
   bool CreateCacheFile();
@@ -210,6 +233,12 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // The file could be opened for reading only; then package_ writes
   // nothing, and every change to the file is refused.
   bool readOnly_;
+  // The second tier, or null. Requests to it are made without the file
+  // mutex, so that other processes never wait on the network.
+  std::unique_ptr<EffectRemoteStore> remote_;
+  // What the save under way compressed, for the remote store once it
+  // completed; empty otherwise.
+  std::vector<RemotePush> remotePushes_;
 };
 
 }  // namespace Tovrel

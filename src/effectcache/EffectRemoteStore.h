@@ -1,0 +1,91 @@
+// EffectRemoteStore: a second tier for an effect cache, shared by many
+// machines: a base URL under which effects are kept as RemoteEffectObjects,
+// one per name (base URL + RemoteEffectObject::KeyFor(name)), read with
+// GET and, unless the store is read only, written with PUT. Any HTTP
+// server that stores what is PUT as plain files (nginx or Apache with
+// WebDAV, object-store gateways) will do.
+//
+// A store never costs more than its bounds: each request is limited in
+// time (250 ms to connect, 2 s for the exchange, by default) and in the
+// bytes it takes (RemoteEffectObject::SizeLimit()); after a failure (no
+// answer, a timeout, a cut-off answer, a 5xx status) no request is made
+// for a rest period (60 s by default), so a dead server costs a process
+// one timeout per period at most. A 404 is a miss; any other answer that
+// is not a valid object of the name asked for (another status, a redirect,
+// garbage, another name's object) is counted as an error and answered as
+// a miss. Nothing the server sends can make Fetch hand back another name's
+// bytes.
+//
+// Owned by its EffectCacheImpl. Thread-safety: every member may be called
+// from any thread (the counts and the rest period are under a lock; the
+// requests themselves run unlocked).
+#ifndef TOVREL_EFFECTCACHE_EFFECTREMOTESTORE_H
+#define TOVREL_EFFECTCACHE_EFFECTREMOTESTORE_H
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "host/Tab.h"
+#include "platform/HttpClient.h"
+
+namespace Tovrel {
+
+class EffectRemoteStore {
+ public:
+  struct Settings {
+    std::string baseUrl;  // http:// or https://, ending in '/'
+    bool readOnly = false;
+    std::uint32_t connectMilliseconds = 250;
+    std::uint32_t transferMilliseconds = 2000;
+    std::uint32_t restMilliseconds = 60000;
+  };
+  // What the store did, since it was made.
+  struct Counts {
+    std::uint64_t hits = 0;      // valid objects fetched
+    std::uint64_t misses = 0;    // names the store does not hold (404)
+    std::uint64_t errors = 0;    // failed requests and refused answers
+    std::uint64_t skipped = 0;   // requests not made while resting
+    std::uint64_t stored = 0;    // objects PUT
+    std::uint64_t bytesIn = 0;   // bytes of the objects fetched
+    std::uint64_t bytesOut = 0;  // bytes of the objects PUT
+  };
+
+  // Reads "URL" or "URL|read-only" (a '/' is added to a URL without
+  // one); false for anything else, an URL that is not http:// or https://
+  // included.
+  static bool Parse(const std::string& text, Settings* settings);
+
+  explicit EffectRemoteStore(const Settings& settings);
+
+  // True, with the effect's bytes and permanence, when the store holds a
+  // valid object of this name.
+  bool Fetch(const std::string& name, Tab<unsigned char>& data, bool* permanent);
+  // PUTs the effect's object; false when the store is read only, resting,
+  // or did not take it.
+  bool Store(const std::string& name, bool permanent, std::uint64_t uncompressedSize, const std::uint8_t* compressed,
+             std::uint64_t compressedSize);
+
+  const Settings& GetSettings() const { return settings_; }
+  std::string UrlOf(const std::string& name) const;
+  Counts GetCounts() const;
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  bool Resting();
+  void Failed();
+  HttpClient::Limits LimitsFor(std::uint64_t maxBody) const;
+
+  const Settings settings_;
+  mutable std::mutex lock_;  // over counts_ and restUntil_
+  Counts counts_;
+  // No request before this time, after a failure; the clock's epoch when
+  // none failed.
+  Clock::time_point restUntil_;
+};
+
+}  // namespace Tovrel
+
+#endif

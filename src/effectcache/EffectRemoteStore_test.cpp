@@ -1,0 +1,214 @@
+#include "effectcache/EffectRemoteStore.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "effectcache/EffectCacheImpl.h"
+#include "effectcache/EffectCompression.h"
+#include "effectcache/RemoteEffectObject.h"
+#include "support/EffectTesting.h"
+#include "support/RemoteServer.h"
+#include "support/TempDir.h"
+
+namespace Tovrel {
+namespace {
+
+namespace fs = std::filesystem;
+using Testing::EffectTesting;
+using Testing::RemoteServer;
+
+constexpr int kEffects = 40;
+
+std::string Name(int i) { return "team/effect_" + std::to_string(i) + ".fxo"; }
+std::wstring WideName(int i) { return L"team/effect_" + std::to_wstring(i) + L".fxo"; }
+std::vector<unsigned char> Bytes(int i) {
+  return EffectTesting::Bytes(static_cast<std::uint32_t>(100 + i), 1500 + 977 * static_cast<std::size_t>(i),
+                              i % 3 != 0);
+}
+
+std::vector<std::uint8_t> ObjectOf(const std::string& name, const std::vector<unsigned char>& bytes) {
+  std::vector<std::uint8_t> compressed(EffectCompression::CompressBound(bytes.size()));
+  std::uint64_t length = compressed.size();
+  EffectCompression::CompressEffect(compressed.data(), length, bytes.data(), bytes.size(), 6);
+  return RemoteEffectObject::Encode(name, false, bytes.size(), compressed.data(), length);
+}
+
+EffectRemoteStore::Settings SettingsFor(const std::string& url, bool readOnly = false) {
+  EffectRemoteStore::Settings settings;
+  EXPECT_TRUE(EffectRemoteStore::Parse(url + (readOnly ? "|read-only" : ""), &settings));
+  settings.connectMilliseconds = 1000;  // a loaded test machine
+  settings.transferMilliseconds = 3000;
+  return settings;
+}
+
+std::size_t FilesUnder(const fs::path& folder) {
+  std::size_t n = 0;
+  if (!fs::exists(folder)) return 0;
+  for (const auto& entry : fs::recursive_directory_iterator(folder)) n += entry.is_regular_file() ? 1 : 0;
+  return n;
+}
+
+TEST(EffectRemoteStoreTest, SettingsAreReadFromOneLine) {
+  EffectRemoteStore::Settings settings;
+  ASSERT_TRUE(EffectRemoteStore::Parse("http://cache.studio:8080/fx", &settings));
+  EXPECT_EQ(settings.baseUrl, "http://cache.studio:8080/fx/");
+  EXPECT_FALSE(settings.readOnly);
+  ASSERT_TRUE(EffectRemoteStore::Parse("https://cache.studio/fx/|read-only", &settings));
+  EXPECT_EQ(settings.baseUrl, "https://cache.studio/fx/");
+  EXPECT_TRUE(settings.readOnly);
+  for (const char* bad : {"", "cache.studio/fx", "ftp://cache/fx", "http://", "http:///fx", "http://a b/",
+                          "http://cache/fx|readonly", "http://cache/fx|read-only|x"}) {
+    EXPECT_FALSE(EffectRemoteStore::Parse(bad, &settings)) << bad;
+  }
+}
+
+TEST(EffectRemoteStoreTest, ObjectsLieUnderTheirKeys) {
+  EffectRemoteStore store(SettingsFor("http://cache.studio/fx"));
+  EXPECT_EQ(store.UrlOf("a"), "http://cache.studio/fx/" + RemoteEffectObject::KeyFor("a"));
+}
+
+class EffectRemoteStoreServerTest : public ::testing::Test {
+ protected:
+  Testing::TempDir dir_;
+};
+
+// Two workstations: what one caches, the other finds on its first run
+// without compiling; then it finds it in its own file with the server gone.
+TEST_F(EffectRemoteStoreServerTest, ASecondWorkstationIsServedByTheTeamTierThenByItsOwnFile) {
+  auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
+  if (!server) GTEST_SKIP() << "no nginx here";
+  const EffectRemoteStore::Settings settings = SettingsFor(server->Url() + "team");
+  const std::wstring first = (dir_.Path() / "first").wstring();
+  const std::wstring second = (dir_.Path() / "second").wstring();
+  fs::create_directories(first);
+  fs::create_directories(second);
+  {
+    EffectCacheImpl cache(WStr(first.c_str()), 2);
+    cache.SetRemoteStore(&settings);
+    for (int i = 0; i < kEffects; ++i) {
+      const auto bytes = Bytes(i);
+      ASSERT_TRUE(cache.CacheCompiledEffect(WStr(WideName(i).c_str()), bytes.data(), bytes.size(), i == 5));
+    }
+    cache.ForceSaveToFile();
+    EXPECT_EQ(cache.GetRemoteCounts().stored, static_cast<std::uint64_t>(kEffects));
+    EXPECT_EQ(cache.GetRemoteCounts().errors, 0u);
+  }
+  if (!server->Store().empty()) {
+    EXPECT_EQ(FilesUnder(server->Store() / "team"), static_cast<std::size_t>(kEffects));
+  }
+  {
+    EffectCacheImpl cache(WStr(second.c_str()), 2);
+    cache.SetRemoteStore(&settings);
+    for (int i = 0; i < kEffects; ++i) {
+      Tab<unsigned char> data;
+      ASSERT_TRUE(cache.SearchCachedEffects(WStr(WideName(i).c_str()), data)) << i;
+      EXPECT_EQ(EffectTesting::ToVector(data), Bytes(i)) << i;
+    }
+    Tab<unsigned char> none;
+    EXPECT_FALSE(cache.SearchCachedEffects(WStr(L"team/never.fxo"), none));
+    const EffectRemoteStore::Counts counts = cache.GetRemoteCounts();
+    EXPECT_EQ(counts.hits, static_cast<std::uint64_t>(kEffects));
+    EXPECT_EQ(counts.misses, 1u);
+    EXPECT_GT(counts.bytesIn, 0u);
+    cache.ForceSaveToFile();
+    EXPECT_EQ(cache.GetNumberOfEffectsInFile(), static_cast<std::size_t>(kEffects));
+    // What came from the store is not sent back to it.
+    EXPECT_EQ(cache.GetRemoteCounts().stored, 0u);
+  }
+  server->Stop();
+  EffectCacheImpl cache(WStr(second.c_str()), 2);
+  cache.SetRemoteStore(&settings);
+  for (int i = 0; i < kEffects; ++i) {
+    Tab<unsigned char> data;
+    ASSERT_TRUE(cache.SearchCachedEffects(WStr(WideName(i).c_str()), data)) << i;
+    EXPECT_EQ(EffectTesting::ToVector(data), Bytes(i)) << i;
+  }
+  EXPECT_EQ(EffectTesting::ReadIndex(second + L"/norvaneFxoCache.dat").at(Name(5)).permanent, 1u);
+  EXPECT_EQ(cache.GetRemoteCounts().hits + cache.GetRemoteCounts().errors, 0u);
+}
+
+TEST_F(EffectRemoteStoreServerTest, AReadOnlyStoreIsReadAndNeverWritten) {
+  auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
+  if (!server) GTEST_SKIP() << "no nginx here";
+  const std::wstring folder = (dir_.Path() / "ws").wstring();
+  fs::create_directories(folder);
+  const EffectRemoteStore::Settings settings = SettingsFor(server->Url() + "ro", true);
+  EffectCacheImpl cache(WStr(folder.c_str()), 2);
+  cache.SetRemoteStore(&settings);
+  const auto bytes = Bytes(1);
+  ASSERT_TRUE(cache.CacheCompiledEffect(WStr(L"mine.fxo"), bytes.data(), bytes.size(), false));
+  cache.ForceSaveToFile();
+  EXPECT_EQ(cache.GetRemoteCounts().stored, 0u);
+  EXPECT_EQ(cache.GetRemoteCounts().errors, 0u);
+  if (!server->Store().empty()) {
+    EXPECT_EQ(FilesUnder(server->Store()), 0u);
+  }
+}
+
+// Every way a server can go wrong is a miss: no wrong byte, no crash, no
+// more memory than the limits allow; failures make the store rest.
+TEST_F(EffectRemoteStoreServerTest, EveryKindOfBadAnswerIsAMiss) {
+  const std::string name = "team/asked_for.fxo";
+  const std::vector<unsigned char> otherBytes = Bytes(2);
+  auto server = RemoteServer::StartFaults(dir_.Path() / "faults", ObjectOf("team/another.fxo", otherBytes));
+  if (!server) GTEST_SKIP() << "no fault server here";
+  struct Case {
+    const char* path;
+    bool rests;  // a failure of the server: the store rests after it
+  };
+  for (const Case& c : {Case{"hang", true}, Case{"slow", true}, Case{"status500", true}, Case{"truncated", true},
+                        Case{"redirect", false}, Case{"garbage", false}, Case{"huge", false},
+                        Case{"object", false}, Case{"nothing", false}}) {
+    EffectRemoteStore::Settings settings = SettingsFor(server->Url() + c.path);
+    settings.connectMilliseconds = 500;
+    settings.transferMilliseconds = 700;
+    EffectRemoteStore store(settings);
+    Tab<unsigned char> data;
+    bool permanent = false;
+    EXPECT_FALSE(store.Fetch(name, data, &permanent)) << c.path;
+    EXPECT_EQ(data.Count(), 0) << c.path;
+    const EffectRemoteStore::Counts counts = store.GetCounts();
+    EXPECT_EQ(counts.hits, 0u) << c.path;
+    EXPECT_EQ(counts.errors, std::string(c.path) == "nothing" ? 0u : 1u) << c.path;
+    // While it rests, the next request is not even made.
+    EXPECT_FALSE(store.Fetch(name, data, &permanent));
+    EXPECT_EQ(store.GetCounts().skipped, c.rests ? 1u : 0u) << c.path;
+  }
+  // The object is valid for its own name: the same server serves it.
+  EffectRemoteStore store(SettingsFor(server->Url() + "object"));
+  Tab<unsigned char> data;
+  ASSERT_TRUE(store.Fetch("team/another.fxo", data, nullptr));
+  EXPECT_EQ(EffectTesting::ToVector(data), otherBytes);
+}
+
+TEST_F(EffectRemoteStoreServerTest, ADeadServerCostsOneFailureThenRests) {
+  EffectRemoteStore::Settings settings = SettingsFor(RemoteServer::DeadUrl());
+  EffectRemoteStore store(settings);
+  Tab<unsigned char> data;
+  EXPECT_FALSE(store.Fetch("a.fxo", data, nullptr));
+  const std::vector<std::uint8_t> compressed(10, 1);
+  EXPECT_FALSE(store.Store("b.fxo", false, 100, compressed.data(), compressed.size()));
+  EXPECT_FALSE(store.Fetch("c.fxo", data, nullptr));
+  const EffectRemoteStore::Counts counts = store.GetCounts();
+  EXPECT_EQ(counts.errors, 1u);
+  EXPECT_EQ(counts.skipped, 2u);
+  // A cache with a dead store works as one without.
+  const std::wstring folder = (dir_.Path() / "alone").wstring();
+  fs::create_directories(folder);
+  EffectCacheImpl cache(WStr(folder.c_str()), 2);
+  cache.SetRemoteStore(&settings);
+  const auto bytes = Bytes(3);
+  ASSERT_TRUE(cache.CacheCompiledEffect(WStr(L"x.fxo"), bytes.data(), bytes.size(), false));
+  cache.ForceSaveToFile();
+  EXPECT_TRUE(cache.IsEnabled());
+  ASSERT_TRUE(cache.SearchCachedEffects(WStr(L"x.fxo"), data));
+  EXPECT_EQ(EffectTesting::ToVector(data), bytes);
+  EXPECT_FALSE(cache.SearchCachedEffects(WStr(L"y.fxo"), data));
+}
+
+}  // namespace
+}  // namespace Tovrel

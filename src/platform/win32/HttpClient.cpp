@@ -1,0 +1,149 @@
+#include "platform/HttpClient.h"
+
+#include <windows.h>
+#include <winhttp.h>
+
+#include <algorithm>
+
+#include "platform/WideText.h"
+
+namespace Tovrel {
+
+namespace {
+
+// Closes a WinHTTP handle when it goes.
+class Handle {
+ public:
+  explicit Handle(HINTERNET handle) : handle_(handle) {}
+  ~Handle() {
+    if (handle_ != nullptr) WinHttpCloseHandle(handle_);
+  }
+  Handle(const Handle&) = delete;
+  Handle& operator=(const Handle&) = delete;
+  HINTERNET Get() const { return handle_; }
+
+ private:
+  HINTERNET handle_;
+};
+
+std::string Failure(const char* step) {
+  const DWORD error = GetLastError();
+  return std::string(step) + " failed (WinHTTP error " + std::to_string(error) + ")";
+}
+
+struct Target {
+  std::wstring host;
+  std::wstring path;
+  INTERNET_PORT port = 0;
+  bool secure = false;
+};
+
+bool Crack(const std::string& url, Target* target) {
+  if (url.rfind("http://", 0) != 0 && url.rfind("https://", 0) != 0) return false;
+  const std::wstring wide = WideText::FromUtf8(url);
+  URL_COMPONENTS parts{};
+  parts.dwStructSize = sizeof parts;
+  parts.dwHostNameLength = static_cast<DWORD>(-1);
+  parts.dwUrlPathLength = static_cast<DWORD>(-1);
+  parts.dwExtraInfoLength = static_cast<DWORD>(-1);
+  if (!WinHttpCrackUrl(wide.c_str(), static_cast<DWORD>(wide.size()), 0, &parts)) return false;
+  target->host.assign(parts.lpszHostName, parts.dwHostNameLength);
+  target->path.assign(parts.lpszUrlPath, parts.dwUrlPathLength);
+  if (parts.lpszExtraInfo != nullptr) target->path.append(parts.lpszExtraInfo, parts.dwExtraInfoLength);
+  target->port = parts.nPort;
+  target->secure = parts.nScheme == INTERNET_SCHEME_HTTPS;
+  return true;
+}
+
+bool ReadBody(HINTERNET request, ULONGLONG deadline, std::uint64_t limit, HttpClient::Response* response) {
+  std::vector<std::uint8_t> chunk(64 * 1024);
+  for (;;) {
+    if (GetTickCount64() > deadline) {
+      response->timedOut = true;
+      response->error = "the answer took longer than allowed";
+      return false;
+    }
+    DWORD got = 0;
+    if (!WinHttpReadData(request, chunk.data(), static_cast<DWORD>(chunk.size()), &got)) {
+      response->timedOut = GetLastError() == ERROR_WINHTTP_TIMEOUT;
+      response->error = Failure("reading the answer");
+      return false;
+    }
+    if (got == 0) return true;
+    if (response->body.size() + got > limit) {
+      response->tooLong = true;
+      response->error = "the answer is longer than allowed";
+      return false;
+    }
+    response->body.insert(response->body.end(), chunk.begin(), chunk.begin() + got);
+  }
+}
+
+HttpClient::Response Exchange(const std::string& url, const std::uint8_t* bytes, std::size_t size, bool put,
+                              const HttpClient::Limits& limits) {
+  HttpClient::Response response;
+  Target target;
+  if (!Crack(url, &target)) {
+    response.error = "not an http:// or https:// URL";
+    return response;
+  }
+  const ULONGLONG deadline = GetTickCount64() + limits.transferMilliseconds;
+  Handle session(WinHttpOpen(L"tovrel", WINHTTP_ACCESS_TYPE_DEFAULT_PROXY, WINHTTP_NO_PROXY_NAME,
+                             WINHTTP_NO_PROXY_BYPASS, 0));
+  if (session.Get() == nullptr) {
+    response.error = Failure("starting WinHTTP");
+    return response;
+  }
+  const int connect = static_cast<int>(limits.connectMilliseconds);
+  const int transfer = static_cast<int>(limits.transferMilliseconds);
+  WinHttpSetTimeouts(session.Get(), connect, connect, transfer, transfer);
+  Handle connection(WinHttpConnect(session.Get(), target.host.c_str(), target.port, 0));
+  Handle request(connection.Get() == nullptr
+                     ? nullptr
+                     : WinHttpOpenRequest(connection.Get(), put ? L"PUT" : L"GET", target.path.c_str(), nullptr,
+                                          WINHTTP_NO_REFERER, WINHTTP_DEFAULT_ACCEPT_TYPES,
+                                          target.secure ? WINHTTP_FLAG_SECURE : 0));
+  if (request.Get() == nullptr) {
+    response.error = Failure("opening the request");
+    return response;
+  }
+  DWORD noRedirects = WINHTTP_DISABLE_REDIRECTS;
+  WinHttpSetOption(request.Get(), WINHTTP_OPTION_DISABLE_FEATURE, &noRedirects, sizeof noRedirects);
+  void* body = put && size != 0 ? const_cast<std::uint8_t*>(bytes) : WINHTTP_NO_REQUEST_DATA;
+  const auto length = static_cast<DWORD>(put ? size : 0);
+  if (!WinHttpSendRequest(request.Get(), WINHTTP_NO_ADDITIONAL_HEADERS, 0, body, length, length, 0) ||
+      !WinHttpReceiveResponse(request.Get(), nullptr)) {
+    response.timedOut = GetLastError() == ERROR_WINHTTP_TIMEOUT;
+    response.error = Failure("sending the request");
+    return response;
+  }
+  DWORD status = 0;
+  DWORD statusSize = sizeof status;
+  if (!WinHttpQueryHeaders(request.Get(), WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER,
+                           WINHTTP_HEADER_NAME_BY_INDEX, &status, &statusSize, WINHTTP_NO_HEADER_INDEX)) {
+    response.error = Failure("reading the status");
+    return response;
+  }
+  if (!ReadBody(request.Get(), deadline, put ? 64 * 1024 : limits.maxBodyBytes, &response)) {
+    response.body.clear();
+    return response;
+  }
+  response.answered = true;
+  response.status = static_cast<int>(status);
+  return response;
+}
+
+}  // namespace
+
+HttpClient::Response HttpClient::Get(const std::string& url, const Limits& limits) {
+  return Exchange(url, nullptr, 0, false, limits);
+}
+
+HttpClient::Response HttpClient::Put(const std::string& url, const std::uint8_t* bytes, std::size_t size,
+                                     const Limits& limits) {
+  return Exchange(url, bytes, size, true, limits);
+}
+
+bool HttpClient::IsAvailable() { return true; }
+
+}  // namespace Tovrel

@@ -1,0 +1,110 @@
+#!/usr/bin/env python3
+"""A deliberately bad HTTP server for the remote store's tests.
+
+Usage: fault_server.py PORT OBJECT_FILE
+
+The first path segment chooses what goes wrong:
+  /hang/...       reads the request and never answers
+  /slow/...       sends the headers, then one byte a second
+  /status500/...  answers 500
+  /redirect/...   answers 302 to another server
+  /truncated/...  says the whole object is coming, sends half and closes
+  /garbage/...    answers 200 with bytes that are no object
+  /huge/...       answers 200 with 64 MiB of zeros
+  /object/...     answers 200 with OBJECT_FILE's bytes (another name's object)
+  /ok/...         answers 200 with OBJECT_FILE's bytes and takes PUTs (201)
+Anything else is 404. "ready" is printed once the port listens.
+"""
+import socket
+import sys
+import threading
+import time
+
+
+def read_request(conn):
+    data = b""
+    while b"\r\n\r\n" not in data:
+        chunk = conn.recv(65536)
+        if not chunk:
+            return None, b""
+        data += chunk
+    head, _, rest = data.partition(b"\r\n\r\n")
+    lines = head.decode("latin-1").split("\r\n")
+    method, path = lines[0].split(" ")[:2]
+    length = 0
+    for line in lines[1:]:
+        if line.lower().startswith("content-length:"):
+            length = int(line.split(":", 1)[1])
+    while len(rest) < length:
+        chunk = conn.recv(65536)
+        if not chunk:
+            break
+        rest += chunk
+    return (method, path), rest
+
+
+def answer(conn, status, body, length=None):
+    reason = {200: "OK", 201: "Created", 302: "Found", 404: "Not Found", 500: "Internal Server Error"}[status]
+    extra = "Location: http://127.0.0.1:9/elsewhere\r\n" if status == 302 else ""
+    size = len(body) if length is None else length
+    conn.sendall(("HTTP/1.1 %d %s\r\nContent-Length: %d\r\n%sConnection: close\r\n\r\n"
+                  % (status, reason, size, extra)).encode("latin-1") + body)
+
+
+def serve(conn, object_bytes):
+    try:
+        request, _ = read_request(conn)
+        if request is None:
+            return
+        method, path = request
+        mode = path.strip("/").split("/")[0]
+        if mode == "hang":
+            time.sleep(3600)
+        elif mode == "slow":
+            conn.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 1000000\r\nConnection: close\r\n\r\n")
+            for _ in range(3600):
+                conn.sendall(b"x")
+                time.sleep(1)
+        elif mode == "status500":
+            answer(conn, 500, b"broken")
+        elif mode == "redirect":
+            answer(conn, 302, b"")
+        elif mode == "truncated":
+            conn.sendall(("HTTP/1.1 200 OK\r\nContent-Length: %d\r\nConnection: close\r\n\r\n"
+                          % len(object_bytes)).encode("latin-1") + object_bytes[: len(object_bytes) // 2])
+        elif mode == "garbage":
+            answer(conn, 200, b"<html>not an effect</html>" * 10)
+        elif mode == "huge":
+            conn.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 67108864\r\nConnection: close\r\n\r\n")
+            zeros = bytes(1 << 20)
+            for _ in range(64):
+                conn.sendall(zeros)
+        elif mode in ("object", "ok"):
+            if method == "PUT" and mode == "ok":
+                answer(conn, 201, b"")
+            else:
+                answer(conn, 200, object_bytes)
+        else:
+            answer(conn, 404, b"")
+    except OSError:
+        pass
+    finally:
+        conn.close()
+
+
+def main():
+    port = int(sys.argv[1])
+    with open(sys.argv[2], "rb") as f:
+        object_bytes = f.read()
+    listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+    listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    listener.bind(("127.0.0.1", port))
+    listener.listen(64)
+    print("ready", flush=True)
+    while True:
+        conn, _ = listener.accept()
+        threading.Thread(target=serve, args=(conn, object_bytes), daemon=True).start()
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,134 @@
+#include "support/RemoteServer.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <thread>
+
+#include "platform/HttpClient.h"
+
+namespace Tovrel {
+namespace Testing {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kNginx = "/usr/sbin/nginx";
+constexpr const char* kPython = "/usr/bin/python3";
+
+std::string UrlFromEnvironment(const char* variable) {
+  const char* url = std::getenv(variable);
+  return url != nullptr ? std::string(url) : std::string();
+}
+
+std::string NginxConfig(const fs::path& folder, std::uint16_t port) {
+  const std::string f = folder.string();
+  return "daemon off;\nmaster_process off;\nworker_processes 1;\n"
+         "error_log " + f + "/error.log;\npid " + f + "/nginx.pid;\n"
+         "events { worker_connections 64; }\n"
+         "http {\n  access_log off;\n"
+         "  client_body_temp_path " + f + "/body;\n  proxy_temp_path " + f + "/proxy;\n"
+         "  fastcgi_temp_path " + f + "/fastcgi;\n  uwsgi_temp_path " + f + "/uwsgi;\n"
+         "  scgi_temp_path " + f + "/scgi;\n"
+         "  server {\n    listen 127.0.0.1:" + std::to_string(port) + ";\n"
+         "    root " + f + "/store;\n    client_max_body_size 8m;\n"
+         "    location / {\n      dav_methods PUT DELETE;\n      create_full_put_path on;\n"
+         "      dav_access user:rw group:r all:r;\n    }\n  }\n}\n";
+}
+
+}  // namespace
+
+std::uint16_t RemoteServer::PickPort(int attempt) {
+  const auto now = static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+  return static_cast<std::uint16_t>(20000 + (now / 1000 + static_cast<std::uint64_t>(attempt) * 7919) % 40000);
+}
+
+std::string RemoteServer::DeadUrl() {
+  // Port 9 (discard) is not served on the test machines.
+  return "http://127.0.0.1:9/dead/";
+}
+
+std::unique_ptr<RemoteServer> RemoteServer::StartNginx(const fs::path& folder) {
+  const std::string given = UrlFromEnvironment("TOVREL_TEST_NGINX_URL");
+  if (!given.empty()) {
+    std::unique_ptr<RemoteServer> server(new RemoteServer);
+    server->url_ = given;
+    return server;
+  }
+  if (!fs::exists(kNginx)) return nullptr;
+  fs::create_directories(folder / "store");
+  for (int attempt = 0; attempt < 8; ++attempt) {
+    const std::uint16_t port = PickPort(attempt);
+    std::ofstream(folder / "nginx.conf") << NginxConfig(folder, port);
+    auto server = Start({kNginx, "-p", folder.string(), "-c", (folder / "nginx.conf").string()},
+                        (folder / "nginx.out").string(), port);
+    if (server) {
+      server->store_ = folder / "store";
+      return server;
+    }
+  }
+  return nullptr;
+}
+
+std::unique_ptr<RemoteServer> RemoteServer::StartFaults(const fs::path& folder,
+                                                        const std::vector<std::uint8_t>& object) {
+  const std::string given = UrlFromEnvironment("TOVREL_TEST_FAULT_URL");
+  if (!given.empty()) {
+    std::unique_ptr<RemoteServer> server(new RemoteServer);
+    server->url_ = given;
+    return server;
+  }
+  if (!fs::exists(kPython)) return nullptr;
+  fs::create_directories(folder);
+  const fs::path objectFile = folder / "object.bin";
+  std::ofstream(objectFile, std::ios::binary)
+      .write(reinterpret_cast<const char*>(object.data()), static_cast<std::streamsize>(object.size()));
+  const std::string script = std::string(TOVREL_TESTS_DIR) + "/remote/fault_server.py";
+  for (int attempt = 0; attempt < 8; ++attempt) {
+    const std::uint16_t port = PickPort(attempt);
+    auto server = Start({kPython, script, std::to_string(port), objectFile.string()},
+                        (folder / "faults.out").string(), port);
+    if (server) return server;
+  }
+  return nullptr;
+}
+
+std::unique_ptr<RemoteServer> RemoteServer::Start(const std::vector<std::string>& command, const std::string& output,
+                                                  std::uint16_t port) {
+  std::unique_ptr<RemoteServer> server(new RemoteServer);
+  server->process_.reset(new PlatformProcess);
+  server->process_->RedirectOutput(output, output + ".err");
+  const std::vector<std::string> arguments(command.begin() + 1, command.end());
+  if (!server->process_->Start(command[0], arguments)) return nullptr;
+  server->url_ = "http://127.0.0.1:" + std::to_string(port) + "/";
+  if (!server->WaitUntilAnswering()) return nullptr;
+  return server;
+}
+
+bool RemoteServer::WaitUntilAnswering() {
+  HttpClient::Limits limits;
+  limits.connectMilliseconds = 200;
+  limits.transferMilliseconds = 500;
+  limits.maxBodyBytes = 1 << 20;
+  for (int i = 0; i < 100; ++i) {
+    int exitCode = 0;
+    if (process_->Wait(0, &exitCode)) return false;  // it ended: the port was taken, say
+    if (HttpClient::Get(url_ + "probe-of-a-name-never-stored", limits).answered) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return false;
+}
+
+void RemoteServer::Stop() {
+  if (!process_) return;
+  process_->Kill();
+  int exitCode = 0;
+  process_->Wait(5000, &exitCode);
+  process_.reset();
+}
+
+RemoteServer::~RemoteServer() { Stop(); }
+
+}  // namespace Testing
+}  // namespace Tovrel

@@ -1,0 +1,61 @@
+// RemoteServer: an HTTP server for the remote store's tests, on 127.0.0.1
+// at a free port, stopped when the object goes: nginx with its WebDAV PUT
+// serving a folder (as a studio would deploy it), or the fault server
+// (tests/remote/fault_server.py) whose paths each go wrong in one way.
+//
+// A test process that cannot start Linux programs (the Windows tests under
+// wine) uses servers that its runner started instead, named by the
+// environment variables TOVREL_TEST_NGINX_URL and TOVREL_TEST_FAULT_URL.
+// Null when no server can be had: the test is then skipped.
+//
+// Owned by the test that starts it. Thread-safety: one thread.
+#ifndef TOVREL_TESTS_REMOTESERVER_H
+#define TOVREL_TESTS_REMOTESERVER_H
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/PlatformProcess.h"
+
+namespace Tovrel {
+namespace Testing {
+
+class RemoteServer {
+ public:
+  // nginx storing what is PUT under `folder`/store.
+  static std::unique_ptr<RemoteServer> StartNginx(const std::filesystem::path& folder);
+  // The fault server; /object/ and /ok/ answer with `object`.
+  static std::unique_ptr<RemoteServer> StartFaults(const std::filesystem::path& folder,
+                                                   const std::vector<std::uint8_t>& object);
+  ~RemoteServer();
+  RemoteServer(const RemoteServer&) = delete;
+  RemoteServer& operator=(const RemoteServer&) = delete;
+
+  // "http://127.0.0.1:PORT/"
+  const std::string& Url() const { return url_; }
+  // Where nginx keeps what is PUT (empty for a server this process did not start).
+  const std::filesystem::path& Store() const { return store_; }
+  // Ends the server (the port then refuses connections).
+  void Stop();
+  // A URL on which nothing listens.
+  static std::string DeadUrl();
+
+ private:
+  RemoteServer() = default;
+  static std::unique_ptr<RemoteServer> Start(const std::vector<std::string>& command, const std::string& output,
+                                             std::uint16_t port);
+  static std::uint16_t PickPort(int attempt);
+  bool WaitUntilAnswering();
+
+  std::unique_ptr<PlatformProcess> process_;
+  std::string url_;
+  std::filesystem::path store_;
+};
+
+}  // namespace Testing
+}  // namespace Tovrel
+
+#endif
