@@ -28,7 +28,20 @@ mkdir -p build
 run linux Release
 run sanitize Debug -DTOVREL_SANITIZE=ON
 wine wineboot --init > /dev/null 2>&1 || true
+# The Windows tests cannot start Linux programs: the Linux test program
+# serves nginx and the fault server for them while they run.
+servers=$(mktemp -d)
+build/linux/effectcache_tests --tovrel-child=remote_servers "$servers" > "$servers/log" 2>&1 &
+for _ in $(seq 1 100); do [ -f "$servers/urls" ] && break; sleep 0.1; done
+if [ -f "$servers/urls" ]; then
+  read -r TOVREL_TEST_NGINX_URL TOVREL_TEST_FAULT_URL < "$servers/urls"
+  export TOVREL_TEST_NGINX_URL TOVREL_TEST_FAULT_URL
+else
+  echo "no test servers for the Windows run:"; cat "$servers/log"; exit 1
+fi
 run windows Debug -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake
+touch "$servers/stop"
+unset TOVREL_TEST_NGINX_URL TOVREL_TEST_FAULT_URL
 echo "=== fuzzing (full output in build/fuzz.log)"
 if ! bash tools/fuzz.sh > build/fuzz.log 2>&1; then
   tail -80 build/fuzz.log

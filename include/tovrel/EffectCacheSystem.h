@@ -55,6 +55,14 @@ class TOVREL_API EffectCacheSystem : public NorvaneGraphics::ARefObject {
   void ListCachedEffects(const wchar_t* file);
   // Fills data with the effect's bytes; true if found.
   bool SearchCachedEffects(const WStr& name, Tab<unsigned char>& data);
+  // Gives the cache a remote store shared by many machines: "URL", then
+  // optionally "|read-only", "|connect-ms=N", "|timeout-ms=N" (250 and
+  // 2000 by default), e.g. L"http://cache.studio:8080/fx/|read-only". A
+  // search that misses the file asks the store; a save PUTs what it
+  // compressed. Null or empty removes the store. False, nothing changed,
+  // for text that does not name a store. The environment variable
+  // "TOVREL_EFFECT_CACHE_REMOTE" sets one when the cache is made.
+  bool SetRemoteStore(const wchar_t* store);
 
  private:
   EffectCacheImpl* impl_;  // owned; never null

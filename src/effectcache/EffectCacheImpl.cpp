@@ -94,11 +94,7 @@ EffectCacheImpl::EffectCacheImpl(const WStr& cacheFolder, int compressionLevel, 
   } catch (const std::exception&) {
     return;  // without its shared stamp the cache cannot share the file: unusable
   }
-  const std::wstring remote = Environment::Get(kRemoteVariable);
-  EffectRemoteStore::Settings settings;
-  if (!remote.empty() && EffectRemoteStore::Parse(WideText::ToUtf8(remote), &settings)) {
-    remote_.reset(new EffectRemoteStore(settings));
-  }
+  SetRemoteStore(Environment::Get(kRemoteVariable).c_str());
   AutoMutex hold(*fileMutex_);
   if (!hold.IsOwner()) return;
   if (!OpenCacheFile() && !CreateCacheFile()) DropPackage();
@@ -107,6 +103,17 @@ EffectCacheImpl::EffectCacheImpl(const WStr& cacheFolder, int compressionLevel, 
 void EffectCacheImpl::SetRemoteStore(const EffectRemoteStore::Settings* settings) {
   std::lock_guard<std::recursive_mutex> guard(lock_);
   remote_.reset(settings != nullptr ? new EffectRemoteStore(*settings) : nullptr);
+}
+
+bool EffectCacheImpl::SetRemoteStore(const wchar_t* text) {
+  if (text == nullptr || *text == L'\0') {
+    SetRemoteStore(static_cast<const EffectRemoteStore::Settings*>(nullptr));
+    return true;
+  }
+  EffectRemoteStore::Settings settings;
+  if (!EffectRemoteStore::Parse(WideText::ToUtf8(text), &settings)) return false;
+  SetRemoteStore(&settings);
+  return true;
 }
 
 EffectRemoteStore::Counts EffectCacheImpl::GetRemoteCounts() const {

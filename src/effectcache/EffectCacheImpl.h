@@ -135,6 +135,9 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // "TOVREL_EFFECT_CACHE_REMOTE" ("URL" or "URL|read-only") is set by the
   // constructor.
   void SetRemoteStore(const EffectRemoteStore::Settings* settings);
+  // The same from its text (EffectRemoteStore::Parse); null or empty
+  // removes it; false, nothing changed, for text that names no store.
+  bool SetRemoteStore(const wchar_t* text);
   // What the remote store did; zeros without one.
   EffectRemoteStore::Counts GetRemoteCounts() const;
   // The cache file's full path (empty for an empty folder).

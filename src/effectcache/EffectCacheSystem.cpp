@@ -32,4 +32,6 @@ bool EffectCacheSystem::SearchCachedEffects(const WStr& name, Tab<unsigned char>
   return impl_->SearchCachedEffects(name, data);
 }
 
+bool EffectCacheSystem::SetRemoteStore(const wchar_t* store) { return impl_->SetRemoteStore(store); }
+
 }  // namespace Tovrel

@@ -8,20 +8,44 @@ namespace Tovrel {
 
 namespace {
 
-constexpr const char* kReadOnlySuffix = "|read-only";
-
 bool IsFailure(const HttpClient::Response& response) { return !response.answered || response.status >= 500; }
 
 }  // namespace
 
+bool EffectRemoteStore::ParseOption(const std::string& option, Settings* settings) {
+  if (option == "read-only") {
+    settings->readOnly = true;
+    return true;
+  }
+  const std::size_t equals = option.find('=');
+  if (equals == std::string::npos || equals + 1 >= option.size() || option.size() - equals > 7) return false;
+  std::uint32_t value = 0;
+  for (std::size_t i = equals + 1; i < option.size(); ++i) {
+    if (option[i] < '0' || option[i] > '9') return false;
+    value = value * 10 + static_cast<std::uint32_t>(option[i] - '0');
+  }
+  const std::string key = option.substr(0, equals);
+  if (value == 0) return false;
+  if (key == "connect-ms") {
+    settings->connectMilliseconds = value;
+  } else if (key == "timeout-ms") {
+    settings->transferMilliseconds = value;
+  } else {
+    return false;
+  }
+  return true;
+}
+
 bool EffectRemoteStore::Parse(const std::string& text, Settings* settings) {
-  std::string url = text;
-  bool readOnly = false;
-  const std::size_t bar = url.find('|');
-  if (bar != std::string::npos) {
-    if (url.compare(bar, std::string::npos, kReadOnlySuffix) != 0) return false;
-    url.resize(bar);
-    readOnly = true;
+  Settings parsed;
+  std::size_t bar = text.find('|');
+  std::string url = text.substr(0, bar);
+  while (bar != std::string::npos) {
+    const std::size_t next = text.find('|', bar + 1);
+    if (!ParseOption(text.substr(bar + 1, next == std::string::npos ? std::string::npos : next - bar - 1), &parsed)) {
+      return false;
+    }
+    bar = next;
   }
   const bool http = url.rfind("http://", 0) == 0 || url.rfind("https://", 0) == 0;
   const std::size_t scheme = url.find("://") + 3;
@@ -30,8 +54,8 @@ bool EffectRemoteStore::Parse(const std::string& text, Settings* settings) {
     if (static_cast<unsigned char>(c) <= ' ' || c == '"' || c == '\\') return false;
   }
   if (url.back() != '/') url.push_back('/');
-  settings->baseUrl = url;
-  settings->readOnly = readOnly;
+  parsed.baseUrl = url;
+  *settings = parsed;
   return true;
 }
 

@@ -52,8 +52,9 @@ class EffectRemoteStore {
     std::uint64_t bytesOut = 0;  // bytes of the objects PUT
   };
 
-  // Reads "URL" or "URL|read-only" (a '/' is added to a URL without
-  // one); false for anything else, an URL that is not http:// or https://
+  // Reads "URL" followed by any of "|read-only", "|connect-ms=N",
+  // "|timeout-ms=N" (a '/' is added to a URL without one); false, settings
+  // unchanged, for anything else, a URL that is not http:// or https://
   // included.
   static bool Parse(const std::string& text, Settings* settings);
 
@@ -74,6 +75,7 @@ class EffectRemoteStore {
  private:
   using Clock = std::chrono::steady_clock;
 
+  static bool ParseOption(const std::string& option, Settings* settings);
   bool Resting();
   void Failed();
   HttpClient::Limits LimitsFor(std::uint64_t maxBody) const;

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
+#include <fstream>
+#include <thread>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,6 +13,8 @@
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectCompression.h"
 #include "effectcache/RemoteEffectObject.h"
+#include "platform/HttpClient.h"
+#include "support/ChildProcess.h"
 #include "support/EffectTesting.h"
 #include "support/RemoteServer.h"
 #include "support/TempDir.h"
@@ -60,8 +65,18 @@ TEST(EffectRemoteStoreTest, SettingsAreReadFromOneLine) {
   ASSERT_TRUE(EffectRemoteStore::Parse("https://cache.studio/fx/|read-only", &settings));
   EXPECT_EQ(settings.baseUrl, "https://cache.studio/fx/");
   EXPECT_TRUE(settings.readOnly);
+  ASSERT_TRUE(EffectRemoteStore::Parse("http://c/fx|connect-ms=40|timeout-ms=900|read-only", &settings));
+  EXPECT_EQ(settings.connectMilliseconds, 40u);
+  EXPECT_EQ(settings.transferMilliseconds, 900u);
+  EXPECT_TRUE(settings.readOnly);
+  ASSERT_TRUE(EffectRemoteStore::Parse("http://c/fx", &settings));
+  EXPECT_EQ(settings.connectMilliseconds, 250u);
+  EXPECT_EQ(settings.transferMilliseconds, 2000u);
+  EXPECT_EQ(settings.restMilliseconds, 60000u);
   for (const char* bad : {"", "cache.studio/fx", "ftp://cache/fx", "http://", "http:///fx", "http://a b/",
-                          "http://cache/fx|readonly", "http://cache/fx|read-only|x"}) {
+                          "http://cache/fx|readonly", "http://cache/fx|read-only|x", "http://c/|connect-ms=0",
+                          "http://c/|connect-ms=", "http://c/|timeout-ms=12x", "http://c/|timeout-ms=99999999",
+                          "http://c/|"}) {
     EXPECT_FALSE(EffectRemoteStore::Parse(bad, &settings)) << bad;
   }
 }
@@ -154,8 +169,14 @@ TEST_F(EffectRemoteStoreServerTest, AReadOnlyStoreIsReadAndNeverWritten) {
 TEST_F(EffectRemoteStoreServerTest, EveryKindOfBadAnswerIsAMiss) {
   const std::string name = "team/asked_for.fxo";
   const std::vector<unsigned char> otherBytes = Bytes(2);
-  auto server = RemoteServer::StartFaults(dir_.Path() / "faults", ObjectOf("team/another.fxo", otherBytes));
+  auto server = RemoteServer::StartFaults(dir_.Path() / "faults");
   if (!server) GTEST_SKIP() << "no fault server here";
+  // Another name's valid object, for /object/ to answer with.
+  const std::vector<std::uint8_t> other = ObjectOf("team/another.fxo", otherBytes);
+  HttpClient::Limits limits;
+  limits.connectMilliseconds = 1000;
+  limits.transferMilliseconds = 3000;
+  ASSERT_EQ(HttpClient::Put(server->Url() + "ok/x", other.data(), other.size(), limits).status, 201);
   struct Case {
     const char* path;
     bool rests;  // a failure of the server: the store rests after it
@@ -208,6 +229,21 @@ TEST_F(EffectRemoteStoreServerTest, ADeadServerCostsOneFailureThenRests) {
   ASSERT_TRUE(cache.SearchCachedEffects(WStr(L"x.fxo"), data));
   EXPECT_EQ(EffectTesting::ToVector(data), bytes);
   EXPECT_FALSE(cache.SearchCachedEffects(WStr(L"y.fxo"), data));
+}
+
+// For a test process that cannot start Linux programs (the Windows tests
+// under wine): serves nginx and the fault server until FOLDER/stop
+// appears, after writing their URLs to FOLDER/urls ("NGINX FAULTS").
+TOVREL_CHILD_ROLE(remote_servers) {
+  if (argc != 1) return 2;
+  const fs::path folder = fs::u8path(argv[0]);
+  auto nginx = RemoteServer::StartNginx(folder / "nginx");
+  auto faults = RemoteServer::StartFaults(folder / "faults");
+  if (!nginx || !faults) return 3;
+  std::ofstream(folder / "urls.part") << nginx->Url() << " " << faults->Url() << "\n";
+  fs::rename(folder / "urls.part", folder / "urls");
+  while (!fs::exists(folder / "stop")) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  return 0;
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """A deliberately bad HTTP server for the remote store's tests.
 
-Usage: fault_server.py PORT OBJECT_FILE
+Usage: fault_server.py PORT
 
 The first path segment chooses what goes wrong:
   /hang/...       reads the request and never answers
@@ -11,8 +11,8 @@ The first path segment chooses what goes wrong:
   /truncated/...  says the whole object is coming, sends half and closes
   /garbage/...    answers 200 with bytes that are no object
   /huge/...       answers 200 with 64 MiB of zeros
-  /object/...     answers 200 with OBJECT_FILE's bytes (another name's object)
-  /ok/...         answers 200 with OBJECT_FILE's bytes and takes PUTs (201)
+  /object/...     answers 200 with the bytes last PUT to /ok/ (another name's object)
+  /ok/...         takes PUTs (201), keeping the body; answers GETs with it
 Anything else is 404. "ready" is printed once the port listens.
 """
 import socket
@@ -51,9 +51,13 @@ def answer(conn, status, body, length=None):
                   % (status, reason, size, extra)).encode("latin-1") + body)
 
 
-def serve(conn, object_bytes):
+stored = [b""]
+
+
+def serve(conn):
     try:
-        request, _ = read_request(conn)
+        request, body = read_request(conn)
+        object_bytes = stored[0]
         if request is None:
             return
         method, path = request
@@ -81,6 +85,7 @@ def serve(conn, object_bytes):
                 conn.sendall(zeros)
         elif mode in ("object", "ok"):
             if method == "PUT" and mode == "ok":
+                stored[0] = body
                 answer(conn, 201, b"")
             else:
                 answer(conn, 200, object_bytes)
@@ -94,8 +99,6 @@ def serve(conn, object_bytes):
 
 def main():
     port = int(sys.argv[1])
-    with open(sys.argv[2], "rb") as f:
-        object_bytes = f.read()
     listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
     listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
     listener.bind(("127.0.0.1", port))
@@ -103,7 +106,7 @@ def main():
     print("ready", flush=True)
     while True:
         conn, _ = listener.accept()
-        threading.Thread(target=serve, args=(conn, object_bytes), daemon=True).start()
+        threading.Thread(target=serve, args=(conn,), daemon=True).start()
 
 
 if __name__ == "__main__":

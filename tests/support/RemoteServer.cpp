@@ -71,8 +71,7 @@ std::unique_ptr<RemoteServer> RemoteServer::StartNginx(const fs::path& folder) {
   return nullptr;
 }
 
-std::unique_ptr<RemoteServer> RemoteServer::StartFaults(const fs::path& folder,
-                                                        const std::vector<std::uint8_t>& object) {
+std::unique_ptr<RemoteServer> RemoteServer::StartFaults(const fs::path& folder) {
   const std::string given = UrlFromEnvironment("TOVREL_TEST_FAULT_URL");
   if (!given.empty()) {
     std::unique_ptr<RemoteServer> server(new RemoteServer);
@@ -81,13 +80,10 @@ std::unique_ptr<RemoteServer> RemoteServer::StartFaults(const fs::path& folder,
   }
   if (!fs::exists(kPython)) return nullptr;
   fs::create_directories(folder);
-  const fs::path objectFile = folder / "object.bin";
-  std::ofstream(objectFile, std::ios::binary)
-      .write(reinterpret_cast<const char*>(object.data()), static_cast<std::streamsize>(object.size()));
   const std::string script = std::string(TOVREL_TESTS_DIR) + "/remote/fault_server.py";
   for (int attempt = 0; attempt < 8; ++attempt) {
     const std::uint16_t port = PickPort(attempt);
-    auto server = Start({kPython, script, std::to_string(port), objectFile.string()},
+    auto server = Start({kPython, script, std::to_string(port)},
                         (folder / "faults.out").string(), port);
     if (server) return server;
   }

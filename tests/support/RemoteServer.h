@@ -27,9 +27,8 @@ class RemoteServer {
  public:
   // nginx storing what is PUT under `folder`/store.
   static std::unique_ptr<RemoteServer> StartNginx(const std::filesystem::path& folder);
-  // The fault server; /object/ and /ok/ answer with `object`.
-  static std::unique_ptr<RemoteServer> StartFaults(const std::filesystem::path& folder,
-                                                   const std::vector<std::uint8_t>& object);
+  // The fault server (/object/ answers with what was last PUT to /ok/).
+  static std::unique_ptr<RemoteServer> StartFaults(const std::filesystem::path& folder);
   ~RemoteServer();
   RemoteServer(const RemoteServer&) = delete;
   RemoteServer& operator=(const RemoteServer&) = delete;

@@ -107,6 +107,11 @@ HttpClient::Response Exchange(const std::string& url, const std::uint8_t* bytes,
     response.error = Failure("opening the request");
     return response;
   }
+  // The bounds go on the request too: some WinHTTP versions take only
+  // those of the handle that waits.
+  WinHttpSetTimeouts(request.Get(), connect, connect, transfer, transfer);
+  DWORD receive = static_cast<DWORD>(transfer);
+  WinHttpSetOption(request.Get(), WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, &receive, sizeof receive);
   DWORD noRedirects = WINHTTP_DISABLE_REDIRECTS;
   WinHttpSetOption(request.Get(), WINHTTP_OPTION_DISABLE_FEATURE, &noRedirects, sizeof noRedirects);
   void* body = put && size != 0 ? const_cast<std::uint8_t*>(bytes) : WINHTTP_NO_REQUEST_DATA;
@@ -126,6 +131,16 @@ HttpClient::Response Exchange(const std::string& url, const std::uint8_t* bytes,
   }
   if (!ReadBody(request.Get(), deadline, put ? 64 * 1024 : limits.maxBodyBytes, &response)) {
     response.body.clear();
+    return response;
+  }
+  // A connection closed before the length the answer announced: cut off.
+  DWORD announced = 0;
+  DWORD announcedSize = sizeof announced;
+  if (WinHttpQueryHeaders(request.Get(), WINHTTP_QUERY_CONTENT_LENGTH | WINHTTP_QUERY_FLAG_NUMBER,
+                          WINHTTP_HEADER_NAME_BY_INDEX, &announced, &announcedSize, WINHTTP_NO_HEADER_INDEX) &&
+      announced != response.body.size()) {
+    response.body.clear();
+    response.error = "the answer was cut off";
     return response;
   }
   response.answered = true;
