@@ -1,0 +1,51 @@
+// EffectRemoteSync: moves effects between a cache folder and a remote
+// store in bulk, for the people who look after caches: push every effect
+// of a folder to the store (a team tier filled from one workstation's
+// cache), or pull named effects from it into a folder.
+//
+// A push reads the folder's cache read-only under its named mutex, in
+// batches of at most 16 MiB of compressed bytes (the mutex is let go
+// before any request), and PUTs each effect's compressed bytes as stored,
+// without recompressing them. A pull fetches each name, checks it as a
+// search does, and stores what came in one save under the folder's mutex
+// (a folder without a cache gets one). Both stop asking a store that
+// failed (it rests, see EffectRemoteStore) and say how many effects were
+// left over.
+//
+// Stateless; every call makes its own objects, so calls may come from any
+// thread.
+#ifndef TOVREL_EFFECTCACHE_EFFECTREMOTESYNC_H
+#define TOVREL_EFFECTCACHE_EFFECTREMOTESYNC_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "effectcache/EffectRemoteStore.h"
+#include "host/WStr.h"
+
+namespace Tovrel {
+
+class EffectRemoteSync {
+ public:
+  struct Result {
+    bool ok = false;             // false: the folder's cache could not be read (push) or saved (pull)
+    std::uint64_t moved = 0;     // effects PUT (push) or fetched and stored (pull)
+    std::uint64_t bytes = 0;     // bytes of the objects moved
+    std::uint64_t absent = 0;    // names the store does not hold (pull)
+    std::uint64_t failed = 0;    // effects left over: requests that failed or were not made
+    EffectRemoteStore::Counts counts;  // what the store saw
+  };
+  // Told how many of the effects are done, of how many.
+  using Progress = std::function<void(std::uint64_t done, std::uint64_t total)>;
+
+  static Result Push(const WStr& folder, const EffectRemoteStore::Settings& store, const Progress& progress);
+  // `names` in UTF-8.
+  static Result Pull(const WStr& folder, const EffectRemoteStore::Settings& store,
+                     const std::vector<std::string>& names, const Progress& progress);
+};
+
+}  // namespace Tovrel
+
+#endif

@@ -1,0 +1,112 @@
+#include "effectcache/EffectRemoteSync.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "effectcache/EffectCacheImpl.h"
+#include "support/EffectTesting.h"
+#include "support/RemoteServer.h"
+#include "support/TempDir.h"
+
+namespace Tovrel {
+namespace {
+
+namespace fs = std::filesystem;
+using Testing::EffectTesting;
+using Testing::RemoteServer;
+
+constexpr int kEffects = 25;
+
+std::string Name(int i) { return "sync/" + std::to_string(i) + ".fxo"; }
+std::vector<unsigned char> Bytes(int i) {
+  return EffectTesting::Bytes(static_cast<std::uint32_t>(300 + i), 1000 + 2500 * static_cast<std::size_t>(i), true);
+}
+
+EffectRemoteStore::Settings StoreAt(const std::string& url) {
+  EffectRemoteStore::Settings settings;
+  EXPECT_TRUE(EffectRemoteStore::Parse(url, &settings));
+  settings.connectMilliseconds = 1000;
+  settings.transferMilliseconds = 3000;
+  return settings;
+}
+
+class EffectRemoteSyncTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directories(source_);
+    fs::create_directories(destination_);
+    EffectCacheImpl cache(WStr(source_.wstring().c_str()), 2);
+    for (int i = 0; i < kEffects; ++i) {
+      const auto bytes = Bytes(i);
+      ASSERT_TRUE(cache.CacheCompiledEffect(WStr(WideText(i).c_str()), bytes.data(), bytes.size(), i % 10 == 0));
+    }
+    cache.ForceSaveToFile();
+  }
+  static std::wstring WideText(int i) { return L"sync/" + std::to_wstring(i) + L".fxo"; }
+  std::vector<std::string> AllNames() const {
+    std::vector<std::string> names;
+    for (int i = 0; i < kEffects; ++i) names.push_back(Name(i));
+    return names;
+  }
+
+  Testing::TempDir dir_;
+  fs::path source_ = dir_.Path() / "source";
+  fs::path destination_ = dir_.Path() / "destination";
+};
+
+TEST_F(EffectRemoteSyncTest, APushedFolderIsPulledIntoAnotherByteForByte) {
+  auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
+  if (!server) GTEST_SKIP() << "no nginx here";
+  const EffectRemoteStore::Settings store = StoreAt(server->Url() + "team");
+  std::uint64_t reported = 0;
+  const auto pushed = EffectRemoteSync::Push(WStr(source_.wstring().c_str()), store,
+                                             [&](std::uint64_t done, std::uint64_t total) {
+                                               EXPECT_EQ(total, static_cast<std::uint64_t>(kEffects));
+                                               reported = done;
+                                             });
+  ASSERT_TRUE(pushed.ok);
+  EXPECT_EQ(pushed.moved, static_cast<std::uint64_t>(kEffects));
+  EXPECT_EQ(pushed.failed, 0u);
+  EXPECT_EQ(reported, static_cast<std::uint64_t>(kEffects));
+  EXPECT_EQ(pushed.bytes, pushed.counts.bytesOut);
+  std::vector<std::string> names = AllNames();
+  names.push_back("sync/never.fxo");
+  const auto pulled = EffectRemoteSync::Pull(WStr(destination_.wstring().c_str()), store, names, nullptr);
+  ASSERT_TRUE(pulled.ok);
+  EXPECT_EQ(pulled.moved, static_cast<std::uint64_t>(kEffects));
+  EXPECT_EQ(pulled.absent, 1u);
+  EXPECT_EQ(pulled.failed, 0u);
+  EXPECT_EQ(pulled.bytes, pushed.bytes);
+  const auto index = EffectTesting::ReadIndex((destination_ / "norvaneFxoCache.dat").wstring());
+  ASSERT_EQ(index.size(), static_cast<std::size_t>(kEffects));
+  EXPECT_EQ(index.at(Name(10)).permanent, 1u);
+  EXPECT_EQ(index.at(Name(11)).permanent, 0u);
+  EffectCacheImpl cache(WStr(destination_.wstring().c_str()), 2);
+  for (int i = 0; i < kEffects; ++i) {
+    Tab<unsigned char> data;
+    ASSERT_TRUE(cache.SearchCachedEffects(WStr(WideText(i).c_str()), data)) << i;
+    EXPECT_EQ(EffectTesting::ToVector(data), Bytes(i)) << i;
+  }
+}
+
+TEST_F(EffectRemoteSyncTest, ADeadStoreLeavesEveryEffectOverAndTheFoldersAsTheyWere) {
+  const EffectRemoteStore::Settings store = StoreAt(RemoteServer::DeadUrl());
+  const auto pushed = EffectRemoteSync::Push(WStr(source_.wstring().c_str()), store, nullptr);
+  ASSERT_TRUE(pushed.ok);
+  EXPECT_EQ(pushed.moved, 0u);
+  EXPECT_EQ(pushed.failed, static_cast<std::uint64_t>(kEffects));
+  EXPECT_EQ(pushed.counts.errors, 1u);  // then it rests: no more requests
+  const auto pulled = EffectRemoteSync::Pull(WStr(destination_.wstring().c_str()), store, AllNames(), nullptr);
+  ASSERT_TRUE(pulled.ok);
+  EXPECT_EQ(pulled.moved, 0u);
+  EXPECT_EQ(pulled.failed, static_cast<std::uint64_t>(kEffects));
+  EXPECT_TRUE(EffectTesting::ReadIndex((destination_ / "norvaneFxoCache.dat").wstring()).empty());
+  // A folder without a cache cannot be pushed.
+  EXPECT_FALSE(EffectRemoteSync::Push(WStr((dir_.Path() / "none").wstring().c_str()), store, nullptr).ok);
+}
+
+}  // namespace
+}  // namespace Tovrel
