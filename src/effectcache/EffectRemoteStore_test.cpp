@@ -96,7 +96,7 @@ class EffectRemoteStoreServerTest : public ::testing::Test {
 TEST_F(EffectRemoteStoreServerTest, ASecondWorkstationIsServedByTheTeamTierThenByItsOwnFile) {
   auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
   if (!server) GTEST_SKIP() << "no nginx here";
-  const EffectRemoteStore::Settings settings = SettingsFor(server->Url() + "team");
+  const EffectRemoteStore::Settings settings = SettingsFor(server->Url() + dir_.Path().filename().string() + "/team");
   const std::wstring first = (dir_.Path() / "first").wstring();
   const std::wstring second = (dir_.Path() / "second").wstring();
   fs::create_directories(first);
@@ -113,7 +113,7 @@ TEST_F(EffectRemoteStoreServerTest, ASecondWorkstationIsServedByTheTeamTierThenB
     EXPECT_EQ(cache.GetRemoteCounts().errors, 0u);
   }
   if (!server->Store().empty()) {
-    EXPECT_EQ(FilesUnder(server->Store() / "team"), static_cast<std::size_t>(kEffects));
+    EXPECT_EQ(FilesUnder(server->Store() / dir_.Path().filename() / "team"), static_cast<std::size_t>(kEffects));
   }
   {
     EffectCacheImpl cache(WStr(second.c_str()), 2);
@@ -151,7 +151,7 @@ TEST_F(EffectRemoteStoreServerTest, AReadOnlyStoreIsReadAndNeverWritten) {
   if (!server) GTEST_SKIP() << "no nginx here";
   const std::wstring folder = (dir_.Path() / "ws").wstring();
   fs::create_directories(folder);
-  const EffectRemoteStore::Settings settings = SettingsFor(server->Url() + "ro", true);
+  const EffectRemoteStore::Settings settings = SettingsFor(server->Url() + dir_.Path().filename().string() + "/ro", true);
   EffectCacheImpl cache(WStr(folder.c_str()), 2);
   cache.SetRemoteStore(&settings);
   const auto bytes = Bytes(1);

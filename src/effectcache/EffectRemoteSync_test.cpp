@@ -60,7 +60,7 @@ class EffectRemoteSyncTest : public ::testing::Test {
 TEST_F(EffectRemoteSyncTest, APushedFolderIsPulledIntoAnotherByteForByte) {
   auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
   if (!server) GTEST_SKIP() << "no nginx here";
-  const EffectRemoteStore::Settings store = StoreAt(server->Url() + "team");
+  const EffectRemoteStore::Settings store = StoreAt(server->Url() + dir_.Path().filename().string() + "/team");
   std::uint64_t reported = 0;
   const auto pushed = EffectRemoteSync::Push(WStr(source_.wstring().c_str()), store,
                                              [&](std::uint64_t done, std::uint64_t total) {

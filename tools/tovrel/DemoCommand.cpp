@@ -3,6 +3,8 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <set>
+#include <string>
 #include <system_error>
 
 #include "CacheFile.h"
@@ -29,7 +31,21 @@ struct Outcome {
   std::uint64_t wrong;  // found, but not of the size the shader has
   std::uint64_t bytes;  // of the effects found or compiled
   std::uint64_t wallMilliseconds;  // the one measure of its time, printed and recorded alike
+  std::uint64_t fromTeam;  // hits on names the local file did not hold: served by the remote store
 };
+
+// The names the folder's cache file holds before a run (none without one).
+std::set<std::string> LocalNames(const UserPath& folder) {
+  std::set<std::string> names;
+  if (!CacheFile::FileOf(folder).Exists()) return names;
+  try {
+    const CacheFile file(folder);
+    for (const CacheFile::Entry& entry : file.Entries()) names.insert(entry.name);
+  } catch (const ToolError&) {
+    // A file the library would replace: it holds nothing for the run.
+  }
+  return names;
+}
 
 UserPath PrepareFolder(const CommandLine& line) {
   const UserPath folder(line.Positionals().empty() ? DemoCommand::kDefaultFolder : line.Positionals()[0]);
@@ -42,17 +58,22 @@ UserPath PrepareFolder(const CommandLine& line) {
 // One run of the host: every effect asked for, compiled and cached on a
 // miss; the cache let go (and so saved) before the clock stops.
 Outcome PlayHost(const UserPath& folder, const SyntheticShaders& shaders, std::uint32_t effects,
-                 const Console& console) {
+                 const std::string& remote, const Console& console) {
   Outcome outcome{};
+  const std::set<std::string> local = LocalNames(folder);
   const Clock::time_point start = Clock::now();
   RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(WStr(folder.Absolute())));
   if (!cache->IsEnabled()) throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache cannot be opened");
+  if (!remote.empty() && !cache->SetRemoteStore(WideText::FromUtf8(remote).c_str())) {
+    throw ToolError(ExitStatus::kUsage, "not a remote store: " + remote);
+  }
   ProgressReporter progress(console, "effects", effects);
   for (std::uint32_t i = 0; i < effects; ++i) {
     const WStr name(WideText::FromUtf8(shaders.Name(i)));
     Tab<unsigned char> found;
     if (cache->SearchCachedEffects(name, found)) {
       ++outcome.hits;
+      if (local.count(shaders.Name(i)) == 0) ++outcome.fromTeam;
       outcome.bytes += static_cast<std::uint64_t>(found.Count());
       if (static_cast<std::size_t>(found.Count()) != shaders.Size(i)) ++outcome.wrong;
     } else {
@@ -74,7 +95,8 @@ std::string KindOf(const DemoHistory::Run& run) {
   return run.IsCold() ? "cold" : (run.IsWarm() ? "warm" : "partly warm");
 }
 
-void Report(const DemoHistory::Run& run, const Outcome& outcome, const CacheFile& cache, std::ostream& out) {
+void Report(const DemoHistory::Run& run, const Outcome& outcome, const CacheFile& cache, const std::string& remote,
+            std::ostream& out) {
   std::uint64_t stored = 0;
   std::uint64_t uncompressed = 0;
   for (const CacheFile::Entry& entry : cache.Entries()) {
@@ -86,6 +108,9 @@ void Report(const DemoHistory::Run& run, const Outcome& outcome, const CacheFile
       << "  cache file: " << TextFormat::Count(cache.Entries().size()) << " effects, "
       << TextFormat::Bytes(stored) << " stored, compression ratio " << TextFormat::Ratio(uncompressed, stored) << "\n"
       << "  wall time:  " << TextFormat::Seconds(run.WallSeconds()) << "\n";
+  if (!remote.empty()) {
+    out << "  team tier:  " << TextFormat::Count(outcome.fromTeam) << " of the hits came from " << remote << "\n";
+  }
   if (outcome.wrong != 0) out << "  " << outcome.wrong << " effects came back with the wrong size\n";
 }
 
@@ -108,7 +133,7 @@ void ReportSpeedUp(const DemoHistory& history, const DemoHistory::Run& run, std:
 CommandGroup::Command DemoCommand::Describe() {
   return CommandGroup::Command{
       "demo",
-      "[FOLDER] [--effects N] [--work ROUNDS]",
+      "[FOLDER] [--effects N] [--work ROUNDS] [--remote STORE]",
       "play a host whose shader effects are cached in FOLDER (./fxcache)",
       "Plays a host application that needs N shader effects (2,000; 2 KiB to 64 KiB of\n"
       "bytecode-like content each). It asks the effect cache in FOLDER for each one; on a\n"
@@ -117,9 +142,11 @@ CommandGroup::Command DemoCommand::Describe() {
       "empty folder finds nothing (cold); run it again and it finds everything (warm).\n"
       "Each run prints its hits, misses, bytes, the cache file's compression ratio and\n"
       "its wall time; a warm run also prints its speed-up over the cold run, which the\n"
-      "folder remembers (tovrel-demo-runs.txt).\n",
+      "folder remembers (tovrel-demo-runs.txt). With --remote, the host's cache also\n"
+      "uses the remote store STORE (see docs/REMOTE.md): a second workstation's first\n"
+      "run is then served by what the first one cached there.\n",
       {},
-      {"--effects", "--work"},
+      {"--effects", "--work", "--remote"},
       0,
       1,
       &DemoCommand::Run,
@@ -135,9 +162,11 @@ int DemoCommand::Run(const CommandLine& line, Console& console) {
   DemoHistory history(folder);
   console.Out() << "tovrel demo: a host that needs " << TextFormat::Count(effects) << " shader effects, cached in "
                 << folder.AbsoluteText() << "\n";
-  const Outcome outcome = PlayHost(folder, SyntheticShaders(SyntheticShaders::kDefaultSeed, rounds), effects, console);
+  const std::string remote = line.Value("--remote", "");
+  const Outcome outcome =
+      PlayHost(folder, SyntheticShaders(SyntheticShaders::kDefaultSeed, rounds), effects, remote, console);
   const DemoHistory::Run run{history.NextNumber(), effects, outcome.hits, outcome.misses, outcome.wallMilliseconds};
-  Report(run, outcome, CacheFile(folder), console.Out());
+  Report(run, outcome, CacheFile(folder), remote, console.Out());
   ReportSpeedUp(history, run, console.Out());
   history.Record(run);
   return outcome.wrong == 0 ? ExitStatus::kOk : ExitStatus::kFailed;

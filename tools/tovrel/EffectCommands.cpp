@@ -10,6 +10,7 @@
 #include "JsonWriter.h"
 #include "LocalFile.h"
 #include "MaintenanceCommands.h"
+#include "RemoteCommands.h"
 #include "NamePattern.h"
 #include "ProgressReporter.h"
 #include "TextFormat.h"
@@ -229,6 +230,7 @@ std::shared_ptr<CommandGroup> EffectCommands::Group() {
                              "file that cannot be read is left alone (the library would replace it).\n",
                              {"--permanent"}, {}, 3, 3, &EffectCommands::Put, nullptr});
   MaintenanceCommands::AddTo(commands);
+  RemoteCommands::AddTo(commands);
   commands.push_back(Command{"stats", "FOLDER [--json] [--zero]", "count, bytes, compression, use, hit rate",
                              "The number of effects, the bytes stored and the bytes of the effects, the\n"
                              "compression ratio, the oldest and newest last use, and the searches that hit\n"

@@ -25,8 +25,6 @@ UserPath CheckedFolder(const CommandLine& line) {
   return folder;
 }
 
-std::string Effects(std::uint64_t count) { return TextFormat::Count(count) + (count == 1 ? " effect" : " effects"); }
-
 // "removed 3 effects: 12,345 bytes (12.1 KiB) stored"
 // "left 7 effects: 1,234 bytes (1.2 KiB) stored"
 void PrintResult(const EffectCacheMaintenance::Result& result, const UserPath& folder, bool dryRun,
@@ -34,9 +32,9 @@ void PrintResult(const EffectCacheMaintenance::Result& result, const UserPath& f
   if (!result.ok) {
     throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved");
   }
-  console.Out() << (dryRun ? "would remove " : "removed ") << Effects(result.removedEffects) << ": "
-                << TextFormat::Bytes(result.removedBytes) << " stored\n"
-                << (dryRun ? "would leave " : "left ") << Effects(result.keptEffects) << ": "
+  console.Out() << (dryRun ? "would remove " : "removed ") << TextFormat::Counted(result.removedEffects, "effect")
+                << ": " << TextFormat::Bytes(result.removedBytes) << " stored\n"
+                << (dryRun ? "would leave " : "left ") << TextFormat::Counted(result.keptEffects, "effect") << ": "
                 << TextFormat::Bytes(result.keptBytes) << " stored\n";
 }
 
@@ -117,14 +115,14 @@ int MaintenanceCommands::Merge(const CommandLine& line, Console& console) {
   if (!result.ok) {
     throw ToolError(ExitStatus::kFailed, destination.Typed() + ": the effect cache could not be opened or saved");
   }
-  console.Out() << "copied " << Effects(result.copiedEffects) << ": " << TextFormat::Bytes(result.copiedBytes)
-                << " stored\n";
+  console.Out() << "copied " << TextFormat::Counted(result.copiedEffects, "effect") << ": "
+                << TextFormat::Bytes(result.copiedBytes) << " stored\n";
   if (result.keptEffects > 0) {
-    console.Out() << "kept " << Effects(result.keptEffects) << " that " << destination.Typed()
+    console.Out() << "kept " << TextFormat::Counted(result.keptEffects, "effect") << " that " << destination.Typed()
                   << " held as recently used or more\n";
   }
   if (result.damagedEffects > 0) {
-    console.Out() << "passed over " << Effects(result.damagedEffects)
+    console.Out() << "passed over " << TextFormat::Counted(result.damagedEffects, "effect")
                   << " whose bytes in their source could not be read back\n";
   }
   for (std::size_t i : result.unreadableSources) {

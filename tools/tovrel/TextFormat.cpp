@@ -27,6 +27,10 @@ std::string TextFormat::Size(std::uint64_t bytes) {
   return text;
 }
 
+std::string TextFormat::Counted(std::uint64_t value, const std::string& noun) {
+  return Count(value) + " " + noun + (value == 1 ? "" : "s");
+}
+
 std::string TextFormat::Bytes(std::uint64_t bytes) {
   const std::string exact = Count(bytes) + (bytes == 1 ? " byte" : " bytes");
   return bytes < 1024 ? exact : exact + " (" + Size(bytes) + ")";

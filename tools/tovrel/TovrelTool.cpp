@@ -18,7 +18,7 @@ std::shared_ptr<CommandGroup> TovrelTool::Commands() {
   commands.push_back(Command{"package", "COMMAND ...", "a package file: info, ls, cat, verify, compact", "", {}, {},
                              0, 0, nullptr, PackageCommands::Group()});
   commands.push_back(Command{"effects", "COMMAND ...",
-                             "an effect cache folder: list, get, put, remove, clear, trim, merge, compact, stats, verify", "",
+                             "an effect cache folder: list, get, put, remove, clear, trim, merge, compact, push, pull, stats, verify", "",
                              {}, {}, 0, 0, nullptr, EffectCommands::Group()});
   return std::make_shared<CommandGroup>(
       "tovrel",

@@ -1,0 +1,109 @@
+#include "RemoteCommands.h"
+
+#include <filesystem>
+#include <string>
+
+#include "CacheFile.h"
+#include "ExitStatus.h"
+#include "ProgressReporter.h"
+#include "TextFormat.h"
+#include "ToolError.h"
+#include "UserPath.h"
+#include "effectcache/EffectRemoteSync.h"
+
+namespace Tovrel {
+namespace Tool {
+
+namespace {
+
+EffectRemoteStore::Settings StoreOf(const std::string& text) {
+  EffectRemoteStore::Settings settings;
+  if (!EffectRemoteStore::Parse(text, &settings)) {
+    throw ToolError(ExitStatus::kUsage, "not a remote store: " + text +
+                                            " (an http:// or https:// URL, optionally followed by |read-only, "
+                                            "|connect-ms=N, |timeout-ms=N)");
+  }
+  return settings;
+}
+
+// "3 effects left over: the store failed (2 errors); it is left alone for a minute after a failure"
+int LeftOver(const EffectRemoteSync::Result& result, Console& console) {
+  if (result.failed == 0) return ExitStatus::kOk;
+  console.Err() << "tovrel: " << TextFormat::Counted(result.failed, "effect") << " left over: the store failed ("
+                << TextFormat::Counted(result.counts.errors, "error")
+                << "), and is not asked again for a minute after a failure\n";
+  return ExitStatus::kFailed;
+}
+
+}  // namespace
+
+void RemoteCommands::AddTo(std::vector<CommandGroup::Command>& commands) {
+  using Command = CommandGroup::Command;
+  commands.push_back(Command{"push",
+                             "FOLDER STORE",
+                             "send every effect of a cache to a remote store",
+                             "PUTs every effect of the folder's cache to the remote store STORE (an http://\n"
+                             "or https:// URL, optionally followed by |connect-ms=N, |timeout-ms=N), its\n"
+                             "compressed bytes as stored. The cache is read under its mutex, in batches;\n"
+                             "no request is made while the mutex is held. See docs/REMOTE.md.\n",
+                             {},
+                             {},
+                             2,
+                             2,
+                             &RemoteCommands::Push,
+                             nullptr});
+  commands.push_back(Command{"pull",
+                             "FOLDER STORE NAME...",
+                             "fetch named effects from a remote store",
+                             "GETs the named effects from the remote store STORE, checks each as a search\n"
+                             "does, and stores them in the folder's cache in one save under its mutex (a\n"
+                             "folder without a cache gets one). Names the store does not hold are counted.\n",
+                             {},
+                             {},
+                             3,
+                             ~std::size_t{0},
+                             &RemoteCommands::Pull,
+                             nullptr});
+}
+
+int RemoteCommands::Push(const CommandLine& line, Console& console) {
+  const EffectRemoteStore::Settings store = StoreOf(line.Positionals()[1]);
+  const UserPath folder(line.Positionals()[0]);
+  std::uint64_t total = 0;
+  {
+    const CacheFile check(folder);
+    total = check.Entries().size();
+  }
+  ProgressReporter progress(console, "effects", total);
+  const auto result = EffectRemoteSync::Push(WStr(folder.Absolute().c_str()), store,
+                                             [&](std::uint64_t done, std::uint64_t) { progress.Update(done); });
+  progress.Finish();
+  if (!result.ok) throw ToolError(ExitStatus::kUnreadable, folder.Typed() + ": the effect cache cannot be read");
+  console.Out() << "pushed " << TextFormat::Counted(result.moved, "effect") << ": " << TextFormat::Bytes(result.bytes)
+                << " to " << store.baseUrl << "\n";
+  return LeftOver(result, console);
+}
+
+int RemoteCommands::Pull(const CommandLine& line, Console& console) {
+  const EffectRemoteStore::Settings store = StoreOf(line.Positionals()[1]);
+  const UserPath folder(line.Positionals()[0]);
+  if (!folder.IsFolder()) throw ToolError(ExitStatus::kUnreadable, folder.Typed() + ": no such folder");
+  if (CacheFile::FileOf(folder).Exists()) {
+    const CacheFile check(folder);
+  }
+  const std::vector<std::string> names(line.Positionals().begin() + 2, line.Positionals().end());
+  ProgressReporter progress(console, "effects", names.size());
+  const auto result = EffectRemoteSync::Pull(WStr(folder.Absolute().c_str()), store, names,
+                                             [&](std::uint64_t done, std::uint64_t) { progress.Update(done); });
+  progress.Finish();
+  if (!result.ok) {
+    throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved");
+  }
+  console.Out() << "pulled " << TextFormat::Counted(result.moved, "effect") << ": " << TextFormat::Bytes(result.bytes)
+                << " from " << store.baseUrl << "\n";
+  if (result.absent != 0) console.Out() << TextFormat::Counted(result.absent, "effect") << " not in the store\n";
+  return LeftOver(result, console);
+}
+
+}  // namespace Tool
+}  // namespace Tovrel

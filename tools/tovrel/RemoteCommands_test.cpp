@@ -1,0 +1,99 @@
+#include "RemoteCommands.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "ExitStatus.h"
+#include "support/EffectTesting.h"
+#include "support/RemoteServer.h"
+#include "support/TempDir.h"
+#include "tool/ToolTesting.h"
+
+namespace Tovrel {
+namespace Tool {
+namespace {
+
+namespace fs = std::filesystem;
+using Testing::EffectTesting;
+using Testing::RemoteServer;
+using Testing::TempDir;
+using Testing::ToolTesting;
+
+class RemoteCommandsTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    server_ = RemoteServer::StartNginx(dir_.Path() / "nginx");
+    if (!server_) GTEST_SKIP() << "no nginx here";
+    // A prefix of this test's own: a server the runner started outlives it.
+    store_ = server_->Url() + ToolTesting::Utf8(dir_.Path().filename()) + "|timeout-ms=5000|connect-ms=1000";
+  }
+  std::vector<std::string> Names(const fs::path& folder) const {
+    return EffectTesting::IndexNames((folder / "norvaneFxoCache.dat").wstring());
+  }
+
+  TempDir dir_;
+  std::unique_ptr<RemoteServer> server_;
+  std::string store_;
+  fs::path first_ = dir_.Path() / "first";
+  fs::path second_ = dir_.Path() / "second";
+};
+
+TEST_F(RemoteCommandsTest, PushThenPullCarriesEffectsFromOneFolderToAnother) {
+  ToolTesting::MakeCache(first_, 6, 3000);
+  const auto pushed = ToolTesting::Run({"effects", "push", ToolTesting::Utf8(first_), store_});
+  ASSERT_EQ(pushed.status, ExitStatus::kOk) << pushed.err;
+  EXPECT_TRUE(ToolTesting::Contains(pushed.out, "pushed 6 effects: ")) << pushed.out;
+  fs::create_directories(second_);
+  const auto pulled = ToolTesting::Run(
+      {"effects", "pull", ToolTesting::Utf8(second_), store_, "fx/1", "fx/4", "fx/nowhere"});
+  ASSERT_EQ(pulled.status, ExitStatus::kOk) << pulled.err;
+  EXPECT_TRUE(ToolTesting::Contains(pulled.out, "pulled 2 effects: ")) << pulled.out;
+  EXPECT_TRUE(ToolTesting::Contains(pulled.out, "1 effect not in the store")) << pulled.out;
+  EXPECT_EQ(Names(second_), (std::vector<std::string>{"fx/1", "fx/4"}));
+  const auto got = ToolTesting::Run({"effects", "get", ToolTesting::Utf8(second_), "fx/4"});
+  const auto original = ToolTesting::Run({"effects", "get", ToolTesting::Utf8(first_), "fx/4"});
+  EXPECT_EQ(got.out, original.out);
+  EXPECT_EQ(got.out.size(), 3004u);
+}
+
+TEST_F(RemoteCommandsTest, AFailingStoreLeavesEffectsOverAndBadStoresAreRefused) {
+  ToolTesting::MakeCache(first_, 3, 2000);
+  const auto dead = ToolTesting::Run({"effects", "push", ToolTesting::Utf8(first_), RemoteServer::DeadUrl()});
+  EXPECT_EQ(dead.status, ExitStatus::kFailed);
+  EXPECT_TRUE(ToolTesting::Contains(dead.out, "pushed 0 effects: ")) << dead.out;
+  EXPECT_TRUE(ToolTesting::Contains(dead.err, "3 effects left over: the store failed (1 error)")) << dead.err;
+  EXPECT_EQ(ToolTesting::Run({"effects", "push", ToolTesting::Utf8(first_), "ftp://x/"}).status, ExitStatus::kUsage);
+  EXPECT_EQ(ToolTesting::Run({"effects", "pull", ToolTesting::Utf8(first_), store_}).status, ExitStatus::kUsage);
+  EXPECT_EQ(ToolTesting::Run({"effects", "push", ToolTesting::Utf8(dir_.Path() / "none"), store_}).status,
+            ExitStatus::kUnreadable);
+}
+
+// The demo as two workstations: the second's first run is served by what
+// the first cached in the team tier.
+TEST_F(RemoteCommandsTest, TheDemosSecondWorkstationIsWarmOnItsFirstRun) {
+  const auto one = ToolTesting::Run({"demo", ToolTesting::Utf8(first_), "--effects", "25", "--work", "100",
+                                     "--remote", store_});
+  ASSERT_EQ(one.status, ExitStatus::kOk) << one.err;
+  EXPECT_TRUE(ToolTesting::Contains(one.out, "run 1 (cold): 0 hits, 25 misses")) << one.out;
+  const auto two = ToolTesting::Run({"demo", ToolTesting::Utf8(second_), "--effects", "25", "--work", "100",
+                                     "--remote", store_});
+  ASSERT_EQ(two.status, ExitStatus::kOk) << two.err;
+  EXPECT_TRUE(ToolTesting::Contains(two.out, "run 1 (warm): 25 hits, 0 misses")) << two.out;
+  EXPECT_TRUE(ToolTesting::Contains(two.out, "team tier:  25 of the hits came from ")) << two.out;
+  EXPECT_EQ(Names(second_).size(), 25u);
+  server_->Stop();
+  const auto three = ToolTesting::Run({"demo", ToolTesting::Utf8(second_), "--effects", "25", "--work", "100",
+                                       "--remote", store_});
+  ASSERT_EQ(three.status, ExitStatus::kOk) << three.err;
+  EXPECT_TRUE(ToolTesting::Contains(three.out, "run 2 (warm): 25 hits, 0 misses")) << three.out;
+  EXPECT_TRUE(ToolTesting::Contains(three.out, "team tier:  0 of the hits came from ")) << three.out;
+  EXPECT_EQ(ToolTesting::Run({"demo", ToolTesting::Utf8(second_), "--remote", "nonsense"}).status,
+            ExitStatus::kUsage);
+}
+
+}  // namespace
+}  // namespace Tool
+}  // namespace Tovrel
