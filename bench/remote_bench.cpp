@@ -1,0 +1,160 @@
+// The remote store, on the demo's workload (2,000 effects of 2-64 KiB,
+// about 3 ms of CPU work per compile), against nginx with WebDAV on
+// 127.0.0.1, in the same run:
+//   - cold: a workstation's first run without a team tier: every effect
+//     compiled and cached;
+//   - team: a second workstation's first run with a warm team tier: every
+//     effect fetched from the store (then saved into its own file);
+//   - local: that workstation's next run, from its own file.
+// Counters: each run's seconds, cold over team (the team tier's speed-up),
+// team over local, and the bytes the team run fetched. BM_FailureCost
+// measures what each kind of failing server costs one search with the
+// default bounds (250 ms to connect, 2 s per request), and what the next
+// search costs while the store rests.
+#include <benchmark/benchmark.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "StdioBaseline.h"
+#include "SyntheticShaders.h"
+#include "effectcache/EffectCacheImpl.h"
+#include "effectcache/EffectRemoteStore.h"
+#include "platform/HttpClient.h"
+#include "platform/WideText.h"
+#include "support/RemoteServer.h"
+#include "support/TempDir.h"
+
+namespace Tovrel {
+namespace {
+
+using Bench::Clock;
+using Bench::Seconds;
+
+constexpr std::uint32_t kEffects = 2000;
+
+struct Run {
+  double seconds = 0;
+  std::uint64_t hits = 0;
+  std::uint64_t bytesIn = 0;
+};
+
+// One run of the demo's host on `folder`: search every effect, compile and
+// cache it on a miss; the cache let go (and so saved, and PUT) in the time.
+Run PlayHost(const std::filesystem::path& folder, const Tool::SyntheticShaders& shaders,
+             const EffectRemoteStore::Settings* remote) {
+  std::filesystem::create_directories(folder);
+  Run run;
+  const auto start = Clock::now();
+  {
+    EffectCacheImpl cache(WStr(folder.wstring().c_str()), EffectCacheImpl::kHostCompressionLevel);
+    cache.SetRemoteStore(remote);
+    for (std::uint32_t i = 0; i < kEffects; ++i) {
+      const WStr name(WideText::FromUtf8(shaders.Name(i)));
+      Tab<unsigned char> found;
+      if (cache.SearchCachedEffects(name, found)) {
+        ++run.hits;
+      } else {
+        const std::vector<unsigned char> compiled = shaders.Compile(i);
+        cache.CacheCompiledEffect(name, compiled.data(), compiled.size(), false);
+      }
+    }
+    cache.ForceSaveToFile();
+    run.bytesIn = cache.GetRemoteCounts().bytesIn;
+  }
+  run.seconds = Seconds(start);
+  return run;
+}
+
+void BM_TeamTier(benchmark::State& state) {
+  Testing::TempDir dir;
+  auto server = Testing::RemoteServer::StartNginx(dir.Path() / "nginx");
+  if (!server) {
+    state.SkipWithError("no nginx here");
+    return;
+  }
+  const Tool::SyntheticShaders shaders(Tool::SyntheticShaders::kDefaultSeed,
+                                       Tool::SyntheticShaders::kDefaultWorkRounds);
+  double cold = 0, team = 0, local = 0;
+  std::uint64_t bytes = 0;
+  int round = 0;
+  for (auto _ : state) {
+    EffectRemoteStore::Settings remote;
+    EffectRemoteStore::Parse(server->Url() + "round" + std::to_string(round), &remote);
+    const std::filesystem::path base = dir.Path() / ("round" + std::to_string(round++));
+    // The first workstation fills the team tier as it compiles.
+    const Run first = PlayHost(base / "first", shaders, &remote);
+    const Run second = PlayHost(base / "second", shaders, &remote);
+    const Run again = PlayHost(base / "second", shaders, &remote);
+    if (first.hits != 0 || second.hits != kEffects || again.hits != kEffects) {
+      state.SkipWithError("the runs did not find what they should");
+      return;
+    }
+    cold += first.seconds;
+    team += second.seconds;
+    local += again.seconds;
+    bytes += second.bytesIn;
+    state.SetIterationTime(second.seconds);
+  }
+  const double runs = static_cast<double>(state.iterations());
+  state.counters["cold_s"] = cold / runs;
+  state.counters["team_s"] = team / runs;
+  state.counters["local_s"] = local / runs;
+  state.counters["cold_vs_team"] = cold / team;
+  state.counters["team_vs_local"] = team / local;
+  state.counters["fetched_MB"] = static_cast<double>(bytes) / runs / 1e6;
+}
+BENCHMARK(BM_TeamTier)->UseManualTime()->Iterations(3)->Unit(benchmark::kSecond);
+
+// Cost of one search against a failing store, with the default bounds,
+// then of the next one while the store rests.
+void BM_FailureCost(benchmark::State& state, const char* path) {
+  Testing::TempDir dir;
+  auto server = Testing::RemoteServer::StartFaults(dir.Path() / "faults");
+  if (!server) {
+    state.SkipWithError("no fault server here");
+    return;
+  }
+  // The object /truncated/ cuts in half: one of 100 KB.
+  const std::vector<std::uint8_t> object(100000, 7);
+  HttpClient::Limits limits;
+  HttpClient::Put(server->Url() + "ok/x", object.data(), object.size(), limits);
+  const std::string url = std::string(path) == "dead" ? Testing::RemoteServer::DeadUrl() : server->Url() + path;
+  double first = 0, resting = 0;
+  for (auto _ : state) {
+    EffectRemoteStore::Settings settings;
+    EffectRemoteStore::Parse(url, &settings);
+    EffectRemoteStore store(settings);
+    Tab<unsigned char> data;
+    auto start = Clock::now();
+    store.Fetch("a.fxo", data, nullptr);
+    const double t = Seconds(start);
+    start = Clock::now();
+    store.Fetch("b.fxo", data, nullptr);
+    resting += Seconds(start);
+    first += t;
+    state.SetIterationTime(t);
+  }
+  const double runs = static_cast<double>(state.iterations());
+  state.counters["first_ms"] = first / runs * 1e3;
+  state.counters["resting_ms"] = resting / runs * 1e3;
+}
+BENCHMARK_CAPTURE(BM_FailureCost, dead, "dead")->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_FailureCost, hang, "hang/")->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_FailureCost, slow, "slow/")->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_FailureCost, status500, "status500/")
+    ->UseManualTime()
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_FailureCost, truncated, "truncated/")
+    ->UseManualTime()
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_FailureCost, huge, "huge/")->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace Tovrel
+
+BENCHMARK_MAIN();
