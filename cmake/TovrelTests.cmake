@@ -52,6 +52,16 @@ target_sources(tool_tests PRIVATE ${tool_test_support})
 target_link_libraries(tool_tests PRIVATE tovrel_tool_objects)
 target_compile_definitions(tool_tests PRIVATE TOVREL_TOOL_FILE_NAME="$<TARGET_FILE_NAME:tovrel_tool>")
 add_dependencies(tool_tests tovrel_tool)
+# The tool's JSON is parsed by its tests with nlohmann-json (header-only):
+# its folder alone is put on the include path, so that the Windows
+# cross-build sees none of the system's other headers.
+set(TOVREL_NLOHMANN_JSON /usr/include/nlohmann CACHE PATH "nlohmann-json's header folder")
+if(NOT EXISTS ${TOVREL_NLOHMANN_JSON}/json.hpp)
+  message(FATAL_ERROR "nlohmann-json is missing (Debian: nlohmann-json3-dev)")
+endif()
+file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/nlohmann-include)
+file(CREATE_LINK ${TOVREL_NLOHMANN_JSON} ${CMAKE_BINARY_DIR}/nlohmann-include/nlohmann SYMBOLIC)
+target_include_directories(tool_tests PRIVATE ${CMAKE_BINARY_DIR}/nlohmann-include)
 
 # A program outside the library that uses only its exported surface.
 add_subdirectory(${CMAKE_CURRENT_SOURCE_DIR}/tests/consumer ${CMAKE_BINARY_DIR}/tests/consumer)

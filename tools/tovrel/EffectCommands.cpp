@@ -97,9 +97,9 @@ void PrintListJson(const std::vector<const CacheFile::Entry*>& entries, std::ost
   json.BeginArray();
   for (const CacheFile::Entry* item : entries) {
     const CacheFile::Entry& entry = *item;
-    json.BeginObject().Field("name", entry.name).Field("size", entry.record.uncompressedSize);
-    json.Field("storedSize", entry.record.compressedSize).Field("permanent", entry.record.permanent != 0);
-    json.Field("lastUsed", TextFormat::Time(entry.record.lastUsed)).Field("stream", entry.record.streamId);
+    json.BeginObject().Field("name", entry.name).Field("sizeBytes", entry.record.uncompressedSize);
+    json.Field("storedBytes", entry.record.compressedSize).Field("permanent", entry.record.permanent != 0);
+    json.Field("lastUsed", TextFormat::IsoTime(entry.record.lastUsed)).Field("stream", entry.record.streamId);
     json.EndObject();
   }
   json.EndArray().Finish();
@@ -129,17 +129,28 @@ void PrintStatsText(const CacheFile& cache, const Totals& t, std::ostream& out) 
       << "counted since " << TextFormat::Time(stats.zeroed) << "\n";
 }
 
+// {"time": ..., "name": ...} of an effect's last use, or null for none.
+void LastUse(JsonWriter& json, const std::string& key, const CacheFile::Entry* entry) {
+  json.Key(key);
+  if (entry == nullptr) {
+    json.Null();
+    return;
+  }
+  json.BeginObject().Field("time", TextFormat::IsoTime(entry->record.lastUsed)).Field("name", entry->name).EndObject();
+}
+
 void PrintStatsJson(const CacheFile& cache, const Totals& t, std::ostream& out) {
   JsonWriter json(out);
   json.BeginObject().Field("file", cache.File().AbsoluteText()).Field("fileBytes", cache.FileSize());
   json.Field("effects", t.effects).Field("permanent", t.permanent).Field("storedBytes", t.compressed);
-  json.Field("effectBytes", t.uncompressed).Field("compressionRatio", RatioOf(t.uncompressed, t.compressed));
-  if (t.oldest != nullptr) {
-    json.Key("oldestUsed").BeginObject().Field("time", TextFormat::Time(t.oldest->record.lastUsed));
-    json.Field("name", t.oldest->name).EndObject();
-    json.Key("newestUsed").BeginObject().Field("time", TextFormat::Time(t.newest->record.lastUsed));
-    json.Field("name", t.newest->name).EndObject();
+  json.Field("sizeBytes", t.uncompressed).Key("compressionRatio");
+  if (t.compressed == 0) {
+    json.Null();
+  } else {
+    json.Number(RatioOf(t.uncompressed, t.compressed));
   }
+  LastUse(json, "oldestUsed", t.oldest);
+  LastUse(json, "newestUsed", t.newest);
   EffectCacheStats stats;
   if (EffectCacheStats::Read(cache.Package(), stats)) {
     const std::uint64_t searches = stats.hits + stats.misses;
@@ -150,7 +161,7 @@ void PrintStatsJson(const CacheFile& cache, const Totals& t, std::ostream& out) 
       json.Number(static_cast<double>(stats.hits) / static_cast<double>(searches));
     }
     json.Field("effectsCached", stats.cached).Field("effectsTrimmed", stats.trimmed);
-    json.Field("countedSince", TextFormat::Time(stats.zeroed)).EndObject();
+    json.Field("countedSince", TextFormat::IsoTime(stats.zeroed)).EndObject();
   } else {
     json.Key("searches").Null();
   }

@@ -2,10 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <regex>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -74,9 +77,25 @@ TEST_F(EffectCommandsTest, ListShowsEveryStoredEffect) {
 TEST_F(EffectCommandsTest, ListAsJsonGivesNameSizesAndPermanence) {
   const ToolTesting::Result result = Run("list", {"--json"});
   EXPECT_EQ(result.status, ExitStatus::kOk);
-  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"name\": \"fx/3\",\n    \"size\": 3003,")) << result.out;
-  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"permanent\": true")) << result.out;
-  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"permanent\": false")) << result.out;
+  const nlohmann::json list = nlohmann::json::parse(result.out);
+  ASSERT_TRUE(list.is_array());
+  ASSERT_EQ(list.size(), 6u);
+  const auto index = EffectTesting::ReadIndex(WideText::FromUtf8(ToolTesting::Utf8(CacheFile())));
+  for (const nlohmann::json& effect : list) {
+    const std::string name = effect.at("name").get<std::string>();
+    const EffectRecord& record = index.at(name);
+    EXPECT_EQ(effect.at("sizeBytes").get<std::uint64_t>(), record.uncompressedSize) << name;
+    EXPECT_EQ(effect.at("storedBytes").get<std::uint64_t>(), record.compressedSize) << name;
+    EXPECT_EQ(effect.at("permanent").get<bool>(), record.permanent != 0) << name;
+    EXPECT_EQ(effect.at("stream").get<std::uint64_t>(), record.streamId) << name;
+    // ISO 8601 with the offset from UTC: 2026-11-24T17:34:18.875+01:00
+    const std::string used = effect.at("lastUsed").get<std::string>();
+    EXPECT_TRUE(std::regex_match(used, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d)"))) << used;
+  }
+  EXPECT_EQ(list[3].at("name"), "fx/3");
+  EXPECT_EQ(list[3].at("sizeBytes"), 3003);
+  EXPECT_EQ(list[0].at("permanent"), true);
+  EXPECT_EQ(list[1].at("permanent"), false);
 }
 
 TEST_F(EffectCommandsTest, GetWritesTheEffectsBytesToOutputOrAFile) {
@@ -126,18 +145,24 @@ TEST_F(EffectCommandsTest, StatsShowTheHitCountsAndZeroThem) {
   EXPECT_EQ(zeroed.status, ExitStatus::kOk);
   EXPECT_EQ(zeroed.out.rfind("hit statistics zeroed\n", 0), 0u) << zeroed.out;
   EXPECT_TRUE(ToolTesting::Contains(zeroed.out, "searches     0 hits, 0 misses (hit rate -)\n")) << zeroed.out;
-  const auto json = Run("stats", {"--json"});
-  EXPECT_TRUE(ToolTesting::Contains(json.out, "\"hitRate\": null")) << json.out;
-  EXPECT_TRUE(ToolTesting::Contains(json.out, "\"effectsCached\": 0")) << json.out;
+  const nlohmann::json json = nlohmann::json::parse(Run("stats", {"--json"}).out);
+  EXPECT_TRUE(json.at("searches").at("hitRate").is_null());
+  EXPECT_EQ(json.at("searches").at("hits"), 0);
+  EXPECT_EQ(json.at("searches").at("effectsCached"), 0);
+  EXPECT_TRUE(json.at("searches").at("countedSince").is_string());
 }
 
 TEST_F(EffectCommandsTest, VerifyWritesJsonWithEveryProblem) {
   EffectTesting::DamageEffectBytes(WideText::FromUtf8(ToolTesting::Utf8(CacheFile())), "fx/2");
   const auto result = Run("verify", {"--json"});
   EXPECT_EQ(result.status, ExitStatus::kFailed);
-  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"ok\": false")) << result.out;
-  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"problems\": [\n    \"effect fx/2")) << result.out;
-  EXPECT_TRUE(ToolTesting::Contains(result.out, "\"checked\": \"6 effects\"")) << result.out;
+  const nlohmann::json json = nlohmann::json::parse(result.out);
+  EXPECT_EQ(json.at("ok"), false);
+  ASSERT_EQ(json.at("problems").size(), 1u);
+  EXPECT_EQ(json.at("problems")[0].get<std::string>().rfind("effect fx/2", 0), 0u) << result.out;
+  EXPECT_EQ(json.at("checked"), "6 effects");
+  EXPECT_TRUE(json.at("journal").is_null());
+  EXPECT_TRUE(json.at("file").is_string());
 }
 
 TEST_F(EffectCommandsTest, AnOutputFileThatCannotBeWrittenSaysWhy) {
@@ -167,9 +192,9 @@ TEST_F(EffectCommandsTest, ListFiltersByAPatternAndSorts) {
   const auto bad = Run("list", {"--sort", "colour"});
   EXPECT_EQ(bad.status, ExitStatus::kUsage);
   EXPECT_TRUE(ToolTesting::Contains(bad.err, "--sort must be name, size, stored or used")) << bad.err;
-  const auto json = Run("list", {"fx/1", "--json"});
-  EXPECT_TRUE(ToolTesting::Contains(json.out, "\"name\": \"fx/1\"")) << json.out;
-  EXPECT_FALSE(ToolTesting::Contains(json.out, "\"name\": \"fx/2\"")) << json.out;
+  const nlohmann::json json = nlohmann::json::parse(Run("list", {"fx/1", "--json"}).out);
+  ASSERT_EQ(json.size(), 1u);
+  EXPECT_EQ(json[0].at("name"), "fx/1");
 }
 
 TEST_F(EffectCommandsTest, GetOfAnEffectThatIsNotThereFails) {
@@ -236,9 +261,15 @@ TEST_F(EffectCommandsTest, StatsCountsBytesRatioAndUse) {
   EXPECT_TRUE(ToolTesting::Contains(result.out, "compression  ")) << result.out;
   EXPECT_TRUE(ToolTesting::Contains(result.out, "oldest used  ")) << result.out;
   EXPECT_TRUE(ToolTesting::Contains(result.out, "newest used  ")) << result.out;
-  const ToolTesting::Result json = Run("stats", {"--json"});
-  EXPECT_TRUE(ToolTesting::Contains(json.out, "\"effects\": 6,\n  \"permanent\": 2,")) << json.out;
-  EXPECT_TRUE(ToolTesting::Contains(json.out, "\"effectBytes\": 18015,")) << json.out;
+  const nlohmann::json json = nlohmann::json::parse(Run("stats", {"--json"}).out);
+  EXPECT_EQ(json.at("effects"), 6);
+  EXPECT_EQ(json.at("permanent"), 2);
+  EXPECT_EQ(json.at("sizeBytes"), 18015);
+  EXPECT_GT(json.at("storedBytes").get<std::uint64_t>(), 0u);
+  EXPECT_EQ(json.at("fileBytes").get<std::uint64_t>(), fs::file_size(CacheFile()));
+  EXPECT_NEAR(json.at("compressionRatio").get<double>(), 18015.0 / json.at("storedBytes").get<double>(), 1e-5);
+  EXPECT_TRUE(json.at("oldestUsed").at("time").is_string());
+  EXPECT_TRUE(json.at("newestUsed").at("name").is_string());
 }
 
 TEST_F(EffectCommandsTest, VerifyOfASoundCacheFindsNoProblem) {

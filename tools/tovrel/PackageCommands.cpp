@@ -78,7 +78,7 @@ std::array<std::uint64_t, 4> FillQuarters(const Summary& s) {
   return quarters;
 }
 
-void PrintInfoText(const LockedPackage& file, const Summary& s, std::ostream& out) {
+void PrintInfoText(const LockedPackage& file, const Summary& s, bool childFiles, std::ostream& out) {
   const std::array<std::uint64_t, 4> quarters = FillQuarters(s);
   const std::uint64_t childBytes = s.children.size() * kChildFileSize;
   out << "file         " << file.File().AbsoluteText() << "\n"
@@ -91,27 +91,45 @@ void PrintInfoText(const LockedPackage& file, const Summary& s, std::ostream& ou
       << TextFormat::Count(s.childBytesUsed) << " bytes used (" << TextFormat::Percent(s.childBytesUsed, childBytes)
       << ")\n"
       << "  filled     " << quarters[0] << " below 25 %, " << quarters[1] << " 25-50 %, " << quarters[2]
-      << " 50-75 %, " << quarters[3] << " 75-100 %\n"
-      << "head stream  " << TextFormat::Bytes(s.headBytes) << " on " << s.headPages
+      << " 50-75 %, " << quarters[3] << " 75-100 %\n";
+  if (childFiles) {
+    for (const Summary::Child& child : s.children) {
+      out << "  child " << TextFormat::Left(std::to_string(child.identifier), 6) << TextFormat::Count(child.usedBytes)
+          << " bytes used, " << TextFormat::Counted(child.tails, "tail") << "\n";
+    }
+  }
+  out << "head stream  " << TextFormat::Bytes(s.headBytes) << " on " << s.headPages
       << (s.headPages == 1 ? " page\n" : " pages\n")
       << "user data    " << TextFormat::Bytes(s.userDataBytes) << "\n"
       << "journal      " << (file.Journal().present ? file.JournalNote() : std::string("none")) << "\n";
 }
 
-void PrintInfoJson(const LockedPackage& file, const Summary& s, std::ostream& out) {
+void PrintChildFilesJson(const Summary& s, bool list, JsonWriter& json) {
+  const std::array<std::uint64_t, 4> quarters = FillQuarters(s);
+  json.Key("childFiles").BeginObject().Field("count", static_cast<std::uint64_t>(s.children.size()));
+  json.Field("usedBytes", s.childBytesUsed).Field("freeBytes", s.children.size() * kChildFileSize - s.childBytesUsed);
+  json.Key("filledByQuarter").BeginArray();
+  for (std::uint64_t quarter : quarters) json.Number(quarter);
+  json.EndArray();
+  if (list) {
+    json.Key("list").BeginArray();
+    for (const Summary::Child& child : s.children) {
+      json.BeginObject().Field("id", child.identifier).Field("usedBytes", child.usedBytes);
+      json.Field("freeBytes", kChildFileSize - child.usedBytes).Field("tails", child.tails).EndObject();
+    }
+    json.EndArray();
+  }
+  json.EndObject();
+}
+
+void PrintInfoJson(const LockedPackage& file, const Summary& s, bool childFiles, std::ostream& out) {
   JsonWriter json(out);
   json.BeginObject().Field("file", file.File().AbsoluteText()).Field("fileBytes", s.fileBytes);
   json.Key("pages").BeginObject().Field("inFile", s.filePages).Field("inAllocationTable", s.tablePages);
   json.Field("free", s.freePages).EndObject();
-  json.Key("streams").BeginObject().Field("count", s.streams).Field("bytes", s.streamBytes).EndObject();
-  json.Key("childFiles").BeginObject().Field("count", static_cast<std::uint64_t>(s.children.size()));
-  json.Field("usedBytes", s.childBytesUsed).Key("list").BeginArray();
-  for (const Summary::Child& child : s.children) {
-    json.BeginObject().Field("id", child.identifier).Field("usedBytes", child.usedBytes);
-    json.Field("freeBytes", kChildFileSize - child.usedBytes).Field("tails", child.tails).EndObject();
-  }
-  json.EndArray().EndObject();
-  json.Key("headStream").BeginObject().Field("bytes", s.headBytes).Field("pages", s.headPages).EndObject();
+  json.Key("streams").BeginObject().Field("count", s.streams).Field("sizeBytes", s.streamBytes).EndObject();
+  PrintChildFilesJson(s, childFiles, json);
+  json.Key("headStream").BeginObject().Field("sizeBytes", s.headBytes).Field("pages", s.headPages).EndObject();
   json.Field("userDataBytes", s.userDataBytes);
   const RollbackJournal::Found& journal = file.Journal();
   json.Key("journal");
@@ -170,14 +188,20 @@ void PrintListJson(const PagedFilePackage& package, std::ostream& out) {
   json.BeginArray();
   for (std::uint64_t i = 0; i < streams.GetCount(); ++i) {
     const StreamEntry& entry = *streams.Find(streams.GetIdentifier(i));
-    json.BeginObject().Field("id", entry.identifier).Field("size", entry.size);
-    json.Field("wholePages", entry.fullPageCount).Field("firstPage", entry.firstPage).Key("tail");
+    json.BeginObject().Field("id", entry.identifier).Field("sizeBytes", entry.size);
+    json.Field("wholePages", entry.fullPageCount).Key("firstPage");
+    if (entry.firstPage == 0) {
+      json.Null();
+    } else {
+      json.Number(entry.firstPage);
+    }
+    json.Key("tail");
     const TailPlace place = PlaceOf(package, entry.identifier);
     if (place.record == nullptr) {
-      json.BeginObject().EndObject();
+      json.Null();
     } else {
       json.BeginObject().Field("childFile", place.record->childFileIdentifier).Field("offset", place.record->offset);
-      json.Field("size", place.record->size).Field("page", place.page).Field("offsetInPage", place.offsetInPage);
+      json.Field("sizeBytes", place.record->size).Field("page", place.page).Field("offsetInPage", place.offsetInPage);
       json.EndObject();
     }
     json.EndObject();
@@ -190,11 +214,12 @@ void PrintListJson(const PagedFilePackage& package, std::ostream& out) {
 std::shared_ptr<CommandGroup> PackageCommands::Group() {
   using Command = CommandGroup::Command;
   std::vector<Command> commands;
-  commands.push_back(Command{"info", "FILE [--json]", "sizes and counts of a package file",
+  commands.push_back(Command{"info", "FILE [--json] [--child-files]", "sizes and counts of a package file",
                              "Shows the file's size and pages (how many are free), its streams and the bytes\n"
                              "they hold, its child files and how full they are, the head stream and the\n"
-                             "user data. --json writes the same as one JSON object.\n",
-                             {"--json"}, {}, 1, 1, &PackageCommands::Info, nullptr});
+                             "user data; --child-files adds one line per child file. --json writes the same\n"
+                             "as one JSON object (see docs/JSON.md).\n",
+                             {"--json", "--child-files"}, {}, 1, 1, &PackageCommands::Info, nullptr});
   commands.push_back(Command{"ls", "FILE [--json]", "one line per stream",
                              "For each stream: its identifier, size, whole pages, first whole page and\n"
                              "where its tail lies (child file, offset, size, and the page it starts on).\n"
@@ -229,9 +254,9 @@ int PackageCommands::Info(const CommandLine& line, Console& console) {
   const LockedPackage file(UserPath(line.Positionals()[0]), LockedPackage::kAnyStreamLimit);
   const Summary summary = Summarise(file);
   if (line.Has("--json")) {
-    PrintInfoJson(file, summary, console.Out());
+    PrintInfoJson(file, summary, line.Has("--child-files"), console.Out());
   } else {
-    PrintInfoText(file, summary, console.Out());
+    PrintInfoText(file, summary, line.Has("--child-files"), console.Out());
   }
   return ExitStatus::kOk;
 }

@@ -1,6 +1,7 @@
 #include "TextFormat.h"
 
 #include <cstdio>
+#include <ctime>
 
 #include "platform/WideText.h"
 
@@ -66,6 +67,45 @@ std::string TextFormat::Time(const CacheTimeStamp& stamp) {
                 static_cast<unsigned>(stamp.month), static_cast<unsigned>(stamp.day),
                 static_cast<unsigned>(stamp.hour), static_cast<unsigned>(stamp.minute),
                 static_cast<unsigned>(stamp.second), static_cast<unsigned>(stamp.milliseconds));
+  return text;
+}
+
+namespace {
+
+// The offset from UTC, in minutes, of the local time the stamp names (as
+// the system's time zone rules give it then); 0 when the system cannot
+// place it.
+long UtcOffsetMinutes(const CacheTimeStamp& stamp) {
+  std::tm local{};
+  local.tm_year = stamp.year - 1900;
+  local.tm_mon = stamp.month - 1;
+  local.tm_mday = stamp.day;
+  local.tm_hour = stamp.hour;
+  local.tm_min = stamp.minute;
+  local.tm_sec = stamp.second;
+  local.tm_isdst = -1;
+  const std::time_t when = std::mktime(&local);
+  if (when == static_cast<std::time_t>(-1)) return 0;
+  const std::tm* utc = std::gmtime(&when);
+  if (utc == nullptr) return 0;
+  const CacheTimeStamp asUtc{static_cast<std::uint16_t>(utc->tm_year + 1900), static_cast<std::uint16_t>(utc->tm_mon + 1),
+                             static_cast<std::uint16_t>(utc->tm_mday), static_cast<std::uint16_t>(utc->tm_hour),
+                             static_cast<std::uint16_t>(utc->tm_min), static_cast<std::uint16_t>(utc->tm_sec), 0};
+  const CacheTimeStamp asLocal{stamp.year, stamp.month, stamp.day, stamp.hour, stamp.minute, stamp.second, 0};
+  return static_cast<long>((asLocal.Seconds() - asUtc.Seconds()) / 60);
+}
+
+}  // namespace
+
+std::string TextFormat::IsoTime(const CacheTimeStamp& stamp) {
+  const long offset = UtcOffsetMinutes(stamp);
+  const long minutes = offset < 0 ? -offset : offset;
+  char text[64];
+  std::snprintf(text, sizeof text, "%04u-%02u-%02uT%02u:%02u:%02u.%03u%c%02ld:%02ld", static_cast<unsigned>(stamp.year),
+                static_cast<unsigned>(stamp.month), static_cast<unsigned>(stamp.day),
+                static_cast<unsigned>(stamp.hour), static_cast<unsigned>(stamp.minute),
+                static_cast<unsigned>(stamp.second), static_cast<unsigned>(stamp.milliseconds), offset < 0 ? '-' : '+',
+                minutes / 60, minutes % 60);
   return text;
 }
 

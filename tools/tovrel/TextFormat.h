@@ -30,6 +30,9 @@ class TextFormat {
   // "7.41 s" (milliseconds below a second: "310 ms").
   static std::string Seconds(double seconds);
   static std::string Time(const CacheTimeStamp& stamp);
+  // The same local time in ISO 8601 with its offset from UTC, as JSON gives
+  // times: "2026-11-24T17:34:18.875+01:00".
+  static std::string IsoTime(const CacheTimeStamp& stamp);
   static std::string Path(const std::wstring& path);
   // `text` padded with spaces on the left (numbers) or right to `width`.
   static std::string Right(const std::string& text, std::size_t width);

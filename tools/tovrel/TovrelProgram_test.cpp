@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include <filesystem>
 #include <fstream>
 
@@ -47,7 +49,7 @@ TEST(TovrelProgramTest, AUsageErrorPointsOnceAtTheHelpOfTheCommandGiven) {
       {{"frob"}, "tovrel: unknown command \"tovrel frob\" (see \"tovrel --help\")\n"},
       {{"effects", "frob"}, "tovrel: unknown command \"tovrel effects frob\" (see \"tovrel effects --help\")\n"},
       {{"package", "info"},
-       "tovrel: usage: tovrel package info FILE [--json] (see \"tovrel package info --help\")\n"},
+       "tovrel: usage: tovrel package info FILE [--json] [--child-files] (see \"tovrel package info --help\")\n"},
       {{"effects", "list", "--bogus", "x"},
        "tovrel: unknown option --bogus (see \"tovrel effects list --help\")\n"},
   };
@@ -153,7 +155,7 @@ TEST(TovrelProgramTest, EverySubcommandOnASoundACorruptedAndAMissingFile) {
       {{"package", "info", "@"}, false, "streams      2, holding 30,100 bytes"},
       {{"package", "info", "--json", "@"}, false, "\"count\": 2"},
       {{"package", "ls", "@"}, false, "       1        30000       3"},
-      {{"package", "ls", "--json", "@"}, false, "\"size\": 30000"},
+      {{"package", "ls", "--json", "@"}, false, "\"sizeBytes\": 30000"},
       {{"package", "cat", "@", "1"}, false, std::string(stream.begin(), stream.end())},
       {{"package", "verify", "@"}, false, "p.pkg: no problem found"},
       {{"effects", "list", "@"}, true, " fx/5\n"},
@@ -173,6 +175,9 @@ TEST(TovrelProgramTest, EverySubcommandOnASoundACorruptedAndAMissingFile) {
     EXPECT_EQ(sound.status, ExitStatus::kOk) << what << ": " << sound.err;
     EXPECT_EQ(sound.err, "") << what;
     EXPECT_TRUE(ToolTesting::Contains(sound.out, c.goodOut)) << what << ": " << sound.out;
+    if (c.words[2] == "--json") {
+      EXPECT_FALSE(nlohmann::json::parse(sound.out, nullptr, false).is_discarded()) << what;
+    }
 
     const fs::path damagedFile = c.onCache ? bad / "fx" / "norvaneFxoCache.dat" : bad / "p.pkg";
     const std::vector<std::uint8_t> before = ToolTesting::ReadFile(damagedFile);
