@@ -176,6 +176,7 @@ bool EffectCacheImpl::CacheCompiledEffect(const WStr& name, const unsigned char*
   effect.bytes.Append(static_cast<INT_PTR>(size), data);
   effect.permanent = permanent ? 1 : 0;
   effect.fromRemote = false;
+  effect.pushed = false;
   pendingBytes_ += adds;
   ++counts_.cached;
   if (pendingBytes_ >= kAutoSaveThreshold) SaveToFile();
@@ -271,6 +272,7 @@ bool EffectCacheImpl::FetchFromRemote(const std::string& key, Tab<unsigned char>
   effect.bytes.Append(data.Count(), data.Addr(0));
   effect.permanent = permanent ? 1 : 0;
   effect.fromRemote = true;
+  effect.pushed = false;
   pendingBytes_ += EffectRecord::kSize + (8 + key.size()) + (8 + static_cast<std::uint64_t>(data.Count()));
   return true;
 }
@@ -540,6 +542,10 @@ std::uint64_t EffectCacheImpl::GetSizeLimit() const {
 }
 
 bool EffectCacheImpl::SaveToFile() {
+  if (readOnly_) {
+    PushPendingToRemote();
+    return true;
+  }
   const bool saved = SaveToFileUnderMutex();
   std::vector<RemotePush> pushes;
   pushes.swap(remotePushes_);
@@ -548,7 +554,7 @@ bool EffectCacheImpl::SaveToFile() {
 }
 
 bool EffectCacheImpl::SaveToFileUnderMutex() {
-  if (!package_ || readOnly_) return true;  // a read-only file keeps its effects pending
+  if (!package_) return true;
   AutoMutex hold(*fileMutex_);
   if (!hold.IsOwner()) return false;
   if (pendingEffects_.empty() && damaged_.empty()) return true;
@@ -560,6 +566,30 @@ bool EffectCacheImpl::SaveToFileUnderMutex() {
   } catch (const std::exception&) {
     DropPackage();
     return false;
+  }
+}
+
+void EffectCacheImpl::PushPendingToRemote() {
+  // A read-only file keeps its effects pending; a store that takes them
+  // gets each one once.
+  if (!package_ || !remote_ || remote_->GetSettings().readOnly) return;
+  std::vector<EffectBatchCompressor::Job> jobs;
+  std::vector<PendingEffect*> effects;
+  std::vector<const std::string*> names;
+  for (auto& entry : pendingEffects_) {
+    PendingEffect& effect = entry.second;
+    if (effect.fromRemote || effect.pushed || effect.bytes.Count() == 0) continue;
+    jobs.push_back({effect.bytes.Addr(0), static_cast<std::uint64_t>(effect.bytes.Count())});
+    effects.push_back(&effect);
+    names.push_back(&entry.first);
+  }
+  if (jobs.empty()) return;
+  const std::vector<EffectBatchCompressor::Result> compressed =
+      EffectBatchCompressor::CompressAll(jobs, compressionLevel_);
+  for (std::size_t i = 0; i < jobs.size(); ++i) {
+    if (!compressed[i].ok) continue;
+    effects[i]->pushed = remote_->Store(*names[i], effects[i]->permanent != 0, jobs[i].size,
+                                        compressed[i].compressed.data(), compressed[i].compressed.size());
   }
 }
 

@@ -21,7 +21,8 @@
 // on a read-only share) is opened read only: searches are served from it,
 // nothing is ever written to it (no load-time trim, no save, no dropping
 // of damaged entries), and new effects stay in the pending map, up to the
-// size limit, for the object's life.
+// size limit, for the object's life; a save PUTs each of them, once, to a
+// remote store that takes them.
 //
 // Owned by EffectCacheSystem. Thread-safety: the public operations take
 // lock_ (then fileMutex_, always in that order).
@@ -158,6 +159,7 @@ class EffectCacheImpl : public NorvaneHeapOperators {
     Tab<unsigned char> bytes;
     std::uint32_t permanent;
     bool fromRemote;  // fetched from the remote store: never PUT back
+    bool pushed;      // PUT already (a read-only file keeps it pending)
   };
   using PendingMap = std::map<std::string, PendingEffect, EffectNameOrder>;
   // An effect a save compressed, to be PUT once the save completed.
@@ -171,6 +173,7 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   bool SaveToFileUnderMutex();
   void CollectRemotePushes(const std::vector<EffectBatchCompressor::Result>& compressed);
   void PushToRemote(std::vector<RemotePush>& pushes);
+  void PushPendingToRemote();
   bool FetchFromRemote(const std::string& key, Tab<unsigned char>& data);
 
   bool OpenCacheFile();

@@ -52,6 +52,20 @@ TEST_F(EffectCacheImplTest, AFolderEndingInASeparatorIsUsedAsItIs) {
   EXPECT_EQ(std::wstring(cache.GetCacheFilePath().data()), withSeparator);
 }
 
+TEST_F(EffectCacheImplTest, AnEmptyCacheOpensAsItIsAndIsNotMadeAgain) {
+  { Open(); }
+  const auto made = TempDir::ReadAll(CacheFile());
+  ASSERT_FALSE(made.empty());
+  FileFaults::StartCounting();
+  {
+    auto cache = Open();
+    EXPECT_TRUE(cache->IsEnabled());
+    EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 0u);
+  }
+  EXPECT_EQ(FileFaults::Calls(FileCall::kWrite), 0u);  // read, not replaced by a new empty cache
+  EXPECT_EQ(TempDir::ReadAll(CacheFile()), made);
+}
+
 TEST_F(EffectCacheImplTest, AnEmptyFolderMakesAnUnusableCache) {
   EffectCacheImpl cache(WStr(L""), 2);
   EXPECT_TRUE(cache.GetCacheFileFullPath().isNull());

@@ -120,6 +120,23 @@ TEST_F(EffectCacheReadOnlyTest, AStaleJournalIsReadThroughAndNotReloadedAtEveryS
   EXPECT_TRUE(files_.Memory().Exists((CacheFile() + L"-journal").c_str()));
 }
 
+TEST(EffectCacheReadOnlyEmptyTest, AnEmptyCacheFileOpensReadOnlyToo) {
+  Testing::InstalledFileSystem files;
+  {
+    EffectCacheImpl made(WStr(L"empty"), 2);
+    ASSERT_TRUE(made.IsEnabled());
+  }
+  const std::vector<std::uint8_t> before = files.Memory().ReadAll(L"empty/norvaneFxoCache.dat");
+  files.Memory().SetReadOnly(L"empty");
+  EffectCacheImpl cache(WStr(L"empty"), 2);
+  ASSERT_TRUE(cache.IsEnabled());
+  EXPECT_TRUE(cache.IsReadOnly());
+  EXPECT_EQ(cache.GetNumberOfEffectsInFile(), 0u);
+  Tab<unsigned char> data;
+  EXPECT_FALSE(cache.SearchCachedEffects(WStr(L"x"), data));
+  EXPECT_EQ(files.Memory().ReadAll(L"empty/norvaneFxoCache.dat"), before);
+}
+
 TEST_F(EffectCacheReadOnlyTest, MaintenanceIsRefusedAndChangesNothing) {
   EXPECT_FALSE(EffectCacheMaintenance::Clear(WStr(kFolder), false, false).ok);
   EXPECT_FALSE(EffectCacheMaintenance::Compact(WStr(kFolder)).ok);

@@ -53,7 +53,8 @@ bool EffectIndex::ReadAll(RefPtr<IDataStream>& stream, std::uint64_t count, Effe
   const std::uint64_t most = count * (EffectRecord::kSize + 8 + kNameSizeLimit);
   const auto size = static_cast<std::size_t>(std::min(stream->GetSize(), most));
   std::unique_ptr<std::uint8_t[]> bytes(new std::uint8_t[size]);  // no zeroing: every byte is read
-  if (!StreamTransfer::ReadExact(stream, bytes.get(), size)) return false;
+  // An index of no entries reads nothing (its one byte is never looked at).
+  if (size != 0 && !StreamTransfer::ReadExact(stream, bytes.get(), size)) return false;
   table.Reserve(static_cast<std::size_t>(count));
   std::uint64_t at = 0;
   for (std::uint64_t i = 0; i < count; ++i) {

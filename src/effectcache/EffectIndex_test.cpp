@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "effectcache/EffectTable.h"
 #include "support/MemoryDataStream.h"
 
 namespace Tovrel {
@@ -55,6 +56,17 @@ TEST(EffectIndexTest, RecordsOutOfRangeAndShortStreamsAreRefused) {
   std::string name;
   EffectRecord record{};
   EXPECT_FALSE(EffectIndex::ReadEntry(in, name, record));
+}
+
+TEST(EffectIndexTest, AnIndexOfNoEntriesReadsAsEmptyAndACountPastItsBytesFails) {
+  // An empty cache keeps its index as one byte.
+  RefPtr<IDataStream> one(new MemoryDataStream(std::vector<std::uint8_t>(1, 0)));
+  EffectTable table;
+  table.AddLoaded("stale", RecordFor("stale", 10));
+  EXPECT_TRUE(EffectIndex::ReadAll(one, 0, table));
+  EXPECT_EQ(table.Size(), 0u);
+  RefPtr<IDataStream> again(new MemoryDataStream(std::vector<std::uint8_t>(1, 0)));
+  EXPECT_FALSE(EffectIndex::ReadAll(again, 1, table));
 }
 
 }  // namespace

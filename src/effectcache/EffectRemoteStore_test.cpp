@@ -16,6 +16,7 @@
 #include "platform/HttpClient.h"
 #include "support/ChildProcess.h"
 #include "support/EffectTesting.h"
+#include "support/InstalledFileSystem.h"
 #include "support/RemoteServer.h"
 #include "support/TempDir.h"
 
@@ -162,6 +163,46 @@ TEST_F(EffectRemoteStoreServerTest, AReadOnlyStoreIsReadAndNeverWritten) {
   if (!server->Store().empty()) {
     EXPECT_EQ(FilesUnder(server->Store()), 0u);
   }
+}
+
+// A cache file that may not be written keeps new effects in memory; a
+// store that takes them gets each one once, and other workstations find
+// them there.
+TEST_F(EffectRemoteStoreServerTest, AReadOnlyCacheFileSendsItsNewEffectsToTheStoreOnce) {
+  auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
+  if (!server) GTEST_SKIP() << "no nginx here";
+  const EffectRemoteStore::Settings settings = SettingsFor(server->Url() + dir_.Path().filename().string() + "/ro");
+  const auto bytes = Bytes(7);
+  {
+    Testing::InstalledFileSystem files;
+    {
+      EffectCacheImpl made(WStr(L"deployed"), 2);
+      ASSERT_TRUE(made.IsEnabled());
+      const auto shipped = Bytes(8);
+      ASSERT_TRUE(made.CacheCompiledEffect(WStr(L"shipped.fxo"), shipped.data(), shipped.size(), false));
+    }
+    const std::vector<std::uint8_t> before = files.Memory().ReadAll(L"deployed/norvaneFxoCache.dat");
+    files.Memory().SetReadOnly(L"deployed");
+    EffectCacheImpl cache(WStr(L"deployed"), 2);
+    ASSERT_TRUE(cache.IsEnabled());
+    ASSERT_TRUE(cache.IsReadOnly());
+    cache.SetRemoteStore(&settings);
+    ASSERT_TRUE(cache.CacheCompiledEffect(WStr(L"new/shader.fxo"), bytes.data(), bytes.size(), true));
+    cache.ForceSaveToFile();
+    cache.ForceSaveToFile();
+    EXPECT_EQ(cache.GetRemoteCounts().stored, 1u);
+    Tab<unsigned char> data;
+    ASSERT_TRUE(cache.SearchCachedEffects(WStr(L"new/shader.fxo"), data));
+    EXPECT_EQ(EffectTesting::ToVector(data), bytes);
+    EXPECT_EQ(files.Memory().ReadAll(L"deployed/norvaneFxoCache.dat"), before);
+  }
+  const std::wstring other = (dir_.Path() / "other").wstring();
+  fs::create_directories(other);
+  EffectCacheImpl cache(WStr(other.c_str()), 2);
+  cache.SetRemoteStore(&settings);
+  Tab<unsigned char> data;
+  ASSERT_TRUE(cache.SearchCachedEffects(WStr(L"new/shader.fxo"), data));
+  EXPECT_EQ(EffectTesting::ToVector(data), bytes);
 }
 
 // Every way a server can go wrong is a miss: no wrong byte, no crash, no
