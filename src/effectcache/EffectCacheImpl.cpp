@@ -102,7 +102,22 @@ EffectCacheImpl::EffectCacheImpl(const WStr& cacheFolder, int compressionLevel, 
 
 void EffectCacheImpl::SetRemoteStore(const EffectRemoteStore::Settings* settings) {
   std::lock_guard<std::recursive_mutex> guard(lock_);
+  CountRemoteWork();
   remote_.reset(settings != nullptr ? new EffectRemoteStore(*settings) : nullptr);
+  remoteCounted_ = EffectRemoteStore::Counts{};
+}
+
+void EffectCacheImpl::CountRemoteWork() {
+  // What the store did since it was last counted joins the counts that the
+  // next save adds to the file.
+  if (!remote_) return;
+  const EffectRemoteStore::Counts now = remote_->GetCounts();
+  counts_.remoteHits += now.hits - remoteCounted_.hits;
+  counts_.remoteMisses += now.misses - remoteCounted_.misses;
+  counts_.remoteErrors += now.errors - remoteCounted_.errors;
+  counts_.remoteBytesIn += now.bytesIn - remoteCounted_.bytesIn;
+  counts_.remoteBytesOut += now.bytesOut - remoteCounted_.bytesOut;
+  remoteCounted_ = now;
 }
 
 bool EffectCacheImpl::SetRemoteStore(const wchar_t* text) {
@@ -609,6 +624,7 @@ bool EffectCacheImpl::SaveDirectory() {
 bool EffectCacheImpl::SaveCounts(bool zero) {
   // A block of the statistics' tag that is not theirs is left alone, and
   // the counts with it: they never stop a save.
+  CountRemoteWork();
   if (counts_.AnyCounts() || zero) EffectCacheStats::AddTo(*package_, counts_, Now(), zero);
   if (!package_->Save()) return false;
   counts_ = EffectCacheStats{};

@@ -174,6 +174,7 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   void CollectRemotePushes(const std::vector<EffectBatchCompressor::Result>& compressed);
   void PushToRemote(std::vector<RemotePush>& pushes);
   void PushPendingToRemote();
+  void CountRemoteWork();
   bool FetchFromRemote(const std::string& key, Tab<unsigned char>& data);
 
   bool OpenCacheFile();
@@ -245,6 +246,8 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // What the save under way compressed, for the remote store once it
   // completed; empty otherwise.
   std::vector<RemotePush> remotePushes_;
+  // The store's counts when they were last added to counts_.
+  EffectRemoteStore::Counts remoteCounted_;
 };
 
 }  // namespace Tovrel

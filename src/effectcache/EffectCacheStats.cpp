@@ -10,7 +10,29 @@ void EffectCacheStats::AddCounts(const EffectCacheStats& more) {
   misses += more.misses;
   cached += more.cached;
   trimmed += more.trimmed;
+  remoteHits += more.remoteHits;
+  remoteMisses += more.remoteMisses;
+  remoteErrors += more.remoteErrors;
+  remoteBytesIn += more.remoteBytesIn;
+  remoteBytesOut += more.remoteBytesOut;
 }
+
+namespace {
+
+// The payload of the remote block, or null when there is none of this shape.
+const std::uint8_t* RemotePayload(const IDataStreamSet& package) {
+  const std::uint8_t* data = package.GetUserData();
+  const std::uint64_t at = UserDataBlock::Find(data, package.GetUserDataSize(), EffectCacheStats::kRemoteTag);
+  if (at == UserDataBlock::kNotFound || UserDataBlock::PayloadSize(data, at) < EffectCacheStats::kRemotePayloadSize) {
+    return nullptr;
+  }
+  const std::uint8_t* payload = data + at + UserDataBlock::kHeadSize;
+  return LittleEndian::Load32(payload) == EffectCacheStats::kVersion ? payload : nullptr;
+}
+
+}  // namespace
+
+bool EffectCacheStats::HasRemoteBlock(const IDataStreamSet& package) { return RemotePayload(package) != nullptr; }
 
 void EffectCacheStats::Encode(std::uint8_t* payload) const {
   LittleEndian::Store32(payload, kVersion);
@@ -39,6 +61,13 @@ bool EffectCacheStats::Read(const IDataStreamSet& package, EffectCacheStats& out
   const std::uint8_t* payload = data + at + UserDataBlock::kHeadSize;
   if (LittleEndian::Load32(payload) != kVersion) return false;
   out = Decode(payload);
+  if (const std::uint8_t* remote = RemotePayload(package)) {
+    out.remoteHits = LittleEndian::Load64(remote + 8);
+    out.remoteMisses = LittleEndian::Load64(remote + 16);
+    out.remoteErrors = LittleEndian::Load64(remote + 24);
+    out.remoteBytesIn = LittleEndian::Load64(remote + 32);
+    out.remoteBytesOut = LittleEndian::Load64(remote + 40);
+  }
   return true;
 }
 
@@ -60,6 +89,25 @@ bool EffectCacheStats::AddTo(IDataStreamSet& package, const EffectCacheStats& co
   std::uint8_t* payload = UserDataBlock::Ensure(package, kTag, kPayloadSize);
   if (payload == nullptr) return false;
   stats.Encode(payload);
+  return WriteRemote(package, stats);
+}
+
+bool EffectCacheStats::WriteRemote(IDataStreamSet& package, const EffectCacheStats& stats) {
+  const IDataStreamSet& view = package;
+  const bool present = RemotePayload(view) != nullptr;
+  if (!present && !stats.AnyRemoteCounts()) return true;  // nothing to keep: no block
+  if (!present && UserDataBlock::Find(view.GetUserData(), view.GetUserDataSize(), kRemoteTag) != UserDataBlock::kNotFound) {
+    return true;  // a block of this tag that is not ours is left alone
+  }
+  std::uint8_t* remote = UserDataBlock::Ensure(package, kRemoteTag, kRemotePayloadSize);
+  if (remote == nullptr) return false;
+  LittleEndian::Store32(remote, kVersion);
+  LittleEndian::Store32(remote + 4, 0);
+  LittleEndian::Store64(remote + 8, stats.remoteHits);
+  LittleEndian::Store64(remote + 16, stats.remoteMisses);
+  LittleEndian::Store64(remote + 24, stats.remoteErrors);
+  LittleEndian::Store64(remote + 32, stats.remoteBytesIn);
+  LittleEndian::Store64(remote + 40, stats.remoteBytesOut);
   return true;
 }
 

@@ -86,6 +86,41 @@ TEST_F(EffectCacheStatsTest, ABlockOfTheTagThatIsNotOursIsNeitherReadNorWritten)
   EXPECT_EQ(UserData(), before);
 }
 
+TEST_F(EffectCacheStatsTest, RemoteCountsGetABlockOfTheirOwnOnlyOnceThereAreAny) {
+  const CacheTimeStamp now{2026, 11, 24, 12, 0, 0, 0};
+  EffectCacheStats local;
+  local.hits = 3;
+  ASSERT_TRUE(EffectCacheStats::AddTo(*package_, local, now, false));
+  EXPECT_FALSE(EffectCacheStats::HasRemoteBlock(*package_));
+  const std::uint64_t withoutRemote = static_cast<const IDataStreamSet&>(*package_).GetUserDataSize();
+  EffectCacheStats remote;
+  remote.remoteHits = 5;
+  remote.remoteMisses = 2;
+  remote.remoteErrors = 1;
+  remote.remoteBytesIn = 7000;
+  remote.remoteBytesOut = 900;
+  ASSERT_TRUE(EffectCacheStats::AddTo(*package_, remote, now, false));
+  ASSERT_TRUE(EffectCacheStats::AddTo(*package_, remote, now, false));
+  EXPECT_TRUE(EffectCacheStats::HasRemoteBlock(*package_));
+  EXPECT_EQ(static_cast<const IDataStreamSet&>(*package_).GetUserDataSize(),
+            withoutRemote + UserDataBlock::kHeadSize + EffectCacheStats::kRemotePayloadSize);
+  EffectCacheStats read;
+  ASSERT_TRUE(EffectCacheStats::Read(*package_, read));
+  EXPECT_EQ(read.hits, 3u);
+  EXPECT_EQ(read.remoteHits, 10u);
+  EXPECT_EQ(read.remoteMisses, 4u);
+  EXPECT_EQ(read.remoteErrors, 2u);
+  EXPECT_EQ(read.remoteBytesIn, 14000u);
+  EXPECT_EQ(read.remoteBytesOut, 1800u);
+  // Zeroing zeroes both blocks.
+  ASSERT_TRUE(EffectCacheStats::AddTo(*package_, EffectCacheStats{}, now, true));
+  ASSERT_TRUE(EffectCacheStats::Read(*package_, read));
+  EXPECT_EQ(read.hits, 0u);
+  EXPECT_EQ(read.remoteHits, 0u);
+  EXPECT_EQ(read.remoteBytesOut, 0u);
+  EXPECT_TRUE(EffectCacheStats::HasRemoteBlock(*package_));
+}
+
 TEST_F(EffectCacheStatsTest, BlocksAreFoundByTagAndEnsuredOnce) {
   AddBlock(1, 3, 0x44);
   AddBlock(2, 0, 0);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "effectcache/EffectCacheImpl.h"
+#include "effectcache/EffectCacheStats.h"
 #include "effectcache/EffectCompression.h"
 #include "effectcache/RemoteEffectObject.h"
 #include "platform/HttpClient.h"
@@ -19,6 +20,7 @@
 #include "support/InstalledFileSystem.h"
 #include "support/RemoteServer.h"
 #include "support/TempDir.h"
+#include "tovrel/FilePackage.h"
 
 namespace Tovrel {
 namespace {
@@ -134,6 +136,19 @@ TEST_F(EffectRemoteStoreServerTest, ASecondWorkstationIsServedByTheTeamTierThenB
     EXPECT_EQ(cache.GetNumberOfEffectsInFile(), static_cast<std::size_t>(kEffects));
     // What came from the store is not sent back to it.
     EXPECT_EQ(cache.GetRemoteCounts().stored, 0u);
+  }
+  // The save counted the store's work in the file's statistics.
+  {
+    RefPtr<IDataStreamSet> file = OpenFilePackage(PagedFilePackageConfig{
+        (second + L"/norvaneFxoCache.dat").c_str(), 16, EffectCacheImpl::kStreamLimit});
+    ASSERT_TRUE(file);
+    EffectCacheStats stats;
+    ASSERT_TRUE(EffectCacheStats::Read(*file, stats));
+    EXPECT_EQ(stats.remoteHits, static_cast<std::uint64_t>(kEffects));
+    EXPECT_EQ(stats.remoteMisses, 1u);
+    EXPECT_EQ(stats.remoteErrors, 0u);
+    EXPECT_GT(stats.remoteBytesIn, 0u);
+    EXPECT_EQ(stats.hits, static_cast<std::uint64_t>(kEffects));
   }
   server->Stop();
   EffectCacheImpl cache(WStr(second.c_str()), 2);

@@ -127,6 +127,12 @@ void PrintStatsText(const CacheFile& cache, const Totals& t, std::ostream& out) 
       << "cached       " << TextFormat::Count(stats.cached) << " effects, " << TextFormat::Count(stats.trimmed)
       << " trimmed\n"
       << "counted since " << TextFormat::Time(stats.zeroed) << "\n";
+  if (EffectCacheStats::HasRemoteBlock(cache.Package())) {
+    out << "remote       " << TextFormat::Count(stats.remoteHits) << " fetched, " << TextFormat::Count(stats.remoteMisses)
+        << " not there, " << TextFormat::Counted(stats.remoteErrors, "error") << "; "
+        << TextFormat::Bytes(stats.remoteBytesIn) << " fetched, " << TextFormat::Bytes(stats.remoteBytesOut)
+        << " sent\n";
+  }
 }
 
 // {"time": ..., "name": ...} of an effect's last use, or null for none.
@@ -164,6 +170,14 @@ void PrintStatsJson(const CacheFile& cache, const Totals& t, std::ostream& out) 
     json.Field("countedSince", TextFormat::IsoTime(stats.zeroed)).EndObject();
   } else {
     json.Key("searches").Null();
+  }
+  json.Key("remote");
+  if (EffectCacheStats::HasRemoteBlock(cache.Package())) {
+    json.BeginObject().Field("hits", stats.remoteHits).Field("misses", stats.remoteMisses);
+    json.Field("errors", stats.remoteErrors).Field("fetchedBytes", stats.remoteBytesIn);
+    json.Field("sentBytes", stats.remoteBytesOut).EndObject();
+  } else {
+    json.Null();
   }
   json.EndObject().Finish();
 }

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -84,6 +86,21 @@ TEST_F(RemoteCommandsTest, TheDemosSecondWorkstationIsWarmOnItsFirstRun) {
   EXPECT_TRUE(ToolTesting::Contains(two.out, "run 1 (warm): 25 hits, 0 misses")) << two.out;
   EXPECT_TRUE(ToolTesting::Contains(two.out, "team tier:  25 of the hits came from ")) << two.out;
   EXPECT_EQ(Names(second_).size(), 25u);
+  // The second workstation's file counts what the store did for it.
+  const auto stats = ToolTesting::Run({"effects", "stats", ToolTesting::Utf8(second_)});
+  EXPECT_TRUE(ToolTesting::Contains(stats.out, "remote       25 fetched, 0 not there, 0 errors; ")) << stats.out;
+  const nlohmann::json json =
+      nlohmann::json::parse(ToolTesting::Run({"effects", "stats", ToolTesting::Utf8(second_), "--json"}).out);
+  EXPECT_EQ(json.at("remote").at("hits"), 25);
+  EXPECT_EQ(json.at("remote").at("errors"), 0);
+  EXPECT_GT(json.at("remote").at("fetchedBytes").get<std::uint64_t>(), 0u);
+  const nlohmann::json first =
+      nlohmann::json::parse(ToolTesting::Run({"effects", "stats", ToolTesting::Utf8(first_), "--json"}).out);
+  // The first asked the empty store for every effect; what it sent after
+  // its last save is not in its file.
+  EXPECT_EQ(first.at("remote").at("misses"), 25);
+  EXPECT_EQ(first.at("remote").at("hits"), 0);
+  EXPECT_EQ(first.at("remote").at("sentBytes"), 0);
   server_->Stop();
   const auto three = ToolTesting::Run({"demo", ToolTesting::Utf8(second_), "--effects", "25", "--work", "100",
                                        "--remote", store_});
