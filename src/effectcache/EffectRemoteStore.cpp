@@ -1,5 +1,6 @@
 #include "effectcache/EffectRemoteStore.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "effectcache/RemoteEffectObject.h"
@@ -91,23 +92,31 @@ HttpClient::Limits EffectRemoteStore::LimitsFor(std::uint64_t maxBody) const {
   return limits;
 }
 
-bool EffectRemoteStore::Fetch(const std::string& name, Tab<unsigned char>& data, bool* permanent) {
+bool EffectRemoteStore::Get(const std::string& url, std::uint64_t maxBytes, HttpClient::Response* response) {
   if (Resting()) return false;
-  const HttpClient::Response response =
-      HttpClient::Get(UrlOf(name), LimitsFor(RemoteEffectObject::SizeLimit()));
-  if (IsFailure(response) && !response.tooLong) {
+  *response = HttpClient::Get(url, LimitsFor(maxBytes));
+  if (IsFailure(*response) && !response->tooLong) {
     Failed();
     return false;
   }
   std::lock_guard<std::mutex> guard(lock_);
-  if (response.answered && (response.status == 404 || response.status == 410)) {
+  if (response->answered && (response->status == 404 || response->status == 410)) {
     ++counts_.misses;
     return false;
   }
+  if (!response->answered || response->status != 200) {
+    ++counts_.errors;
+    return false;
+  }
+  return true;
+}
+
+bool EffectRemoteStore::Accept(const HttpClient::Response& response, const std::string& name,
+                               Tab<unsigned char>& data, bool* permanent) {
   bool found = false;
-  const bool valid = response.answered && response.status == 200 &&
-                     RemoteEffectObject::Decode(response.body.data(), response.body.size(), name, &found, data) ==
-                         RemoteEffectObject::Result::kOk;
+  const bool valid = RemoteEffectObject::Decode(response.body.data(), response.body.size(), name, &found, data) ==
+                     RemoteEffectObject::Result::kOk;
+  std::lock_guard<std::mutex> guard(lock_);
   if (!valid) {
     data.ZeroCount();
     ++counts_.errors;
@@ -117,6 +126,68 @@ bool EffectRemoteStore::Fetch(const std::string& name, Tab<unsigned char>& data,
   counts_.bytesIn += response.body.size();
   if (permanent != nullptr) *permanent = found;
   return true;
+}
+
+bool EffectRemoteStore::Fetch(const std::string& name, Tab<unsigned char>& data, bool* permanent) {
+  HttpClient::Response response;
+  if (!Get(UrlOf(name), RemoteEffectObject::SizeLimit(), &response)) return false;
+  return Accept(response, name, data, permanent);
+}
+
+bool EffectRemoteStore::FetchKey(const std::string& key, std::string* name, Tab<unsigned char>& data,
+                                 bool* permanent) {
+  HttpClient::Response response;
+  if (!Get(settings_.baseUrl + key, RemoteEffectObject::SizeLimit(), &response)) return false;
+  // An object is taken only under its own name's key.
+  *name = RemoteEffectObject::NameIn(response.body.data(), response.body.size());
+  if (name->empty() || RemoteEffectObject::KeyFor(*name) != key) {
+    std::lock_guard<std::mutex> guard(lock_);
+    ++counts_.errors;
+    return false;
+  }
+  return Accept(response, *name, data, permanent);
+}
+
+bool EffectRemoteStore::ListKeys(std::vector<std::string>* keys) {
+  keys->clear();
+  std::vector<std::string> folders{""};
+  // Two levels of folders named by two hex digits, then the objects.
+  for (int level = 0; level < 3; ++level) {
+    std::vector<std::string> found;
+    for (const std::string& folder : folders) {
+      HttpClient::Response response;
+      if (!Get(settings_.baseUrl + folder, kListingLimit, &response)) {
+        if (level == 0) return false;  // no listing offered
+        continue;
+      }
+      for (const std::string& link : ListingLinks(response.body, level == 2 ? 32 : 2, level < 2)) {
+        found.push_back(folder + link);
+      }
+    }
+    folders.swap(found);
+  }
+  *keys = folders;
+  return true;
+}
+
+std::vector<std::string> EffectRemoteStore::ListingLinks(const std::vector<std::uint8_t>& page, std::size_t digits,
+                                                         bool folders) {
+  // Any HTML or JSON listing names its entries in quotes: "3f/", "3fa9…".
+  std::vector<std::string> links;
+  const std::string text(page.begin(), page.end());
+  for (std::size_t at = text.find('"'); at != std::string::npos; at = text.find('"', at + 1)) {
+    const std::size_t end = text.find('"', at + 1);
+    if (end == std::string::npos) break;
+    std::string link = text.substr(at + 1, end - at - 1);
+    if (folders && !link.empty() && link.back() == '/') link.pop_back();
+    const bool hex = link.size() == digits &&
+                     link.find_first_not_of("0123456789abcdef") == std::string::npos;
+    if (hex && std::find(links.begin(), links.end(), link + (folders ? "/" : "")) == links.end()) {
+      links.push_back(link + (folders ? "/" : ""));
+    }
+    at = end;
+  }
+  return links;
 }
 
 bool EffectRemoteStore::Store(const std::string& name, bool permanent, std::uint64_t uncompressedSize,

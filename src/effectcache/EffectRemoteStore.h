@@ -26,6 +26,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "host/Tab.h"
 #include "platform/HttpClient.h"
@@ -63,6 +64,14 @@ class EffectRemoteStore {
   // True, with the effect's bytes and permanence, when the store holds a
   // valid object of this name.
   bool Fetch(const std::string& name, Tab<unsigned char>& data, bool* permanent);
+  // GETs the object at `key` (a key as RemoteEffectObject::KeyFor makes
+  // it): true, with its name, bytes and permanence, for a valid object
+  // whose name has that key.
+  bool FetchKey(const std::string& key, std::string* name, Tab<unsigned char>& data, bool* permanent);
+  // Every object's key, from the listings the server offers of the base
+  // URL and its folders (an HTML or JSON autoindex: the entries named in
+  // quotes); false when the base URL gives no listing.
+  bool ListKeys(std::vector<std::string>* keys);
   // PUTs the effect's object; false when the store is read only, resting,
   // or did not take it.
   bool Store(const std::string& name, bool permanent, std::uint64_t uncompressedSize, const std::uint8_t* compressed,
@@ -75,7 +84,16 @@ class EffectRemoteStore {
  private:
   using Clock = std::chrono::steady_clock;
 
+  // The longest listing read.
+  static constexpr std::uint64_t kListingLimit = 16u << 20;
+
   static bool ParseOption(const std::string& option, Settings* settings);
+  static std::vector<std::string> ListingLinks(const std::vector<std::uint8_t>& page, std::size_t digits,
+                                               bool folders);
+  // A GET that gave a 200: false (counted) otherwise.
+  bool Get(const std::string& url, std::uint64_t maxBytes, HttpClient::Response* response);
+  bool Accept(const HttpClient::Response& response, const std::string& name, Tab<unsigned char>& data,
+              bool* permanent);
   bool Resting();
   void Failed();
   HttpClient::Limits LimitsFor(std::uint64_t maxBody) const;

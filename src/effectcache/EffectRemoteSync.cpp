@@ -79,19 +79,44 @@ EffectRemoteSync::Result EffectRemoteSync::Push(const WStr& folder, const Effect
 
 EffectRemoteSync::Result EffectRemoteSync::Pull(const WStr& folder, const EffectRemoteStore::Settings& store,
                                                 const std::vector<std::string>& names, const Progress& progress) {
-  Result result;
   EffectRemoteStore remote(store);
+  return PullEach(folder, remote, names.size(), progress,
+                  [&](std::size_t i, std::string* name, Tab<unsigned char>& data, bool* permanent) {
+                    *name = names[i];
+                    return remote.Fetch(*name, data, permanent);
+                  });
+}
+
+EffectRemoteSync::Result EffectRemoteSync::PullAll(const WStr& folder, const EffectRemoteStore::Settings& store,
+                                                   const Progress& progress) {
+  EffectRemoteStore remote(store);
+  std::vector<std::string> keys;
+  if (!remote.ListKeys(&keys)) {
+    Result result;
+    result.noListing = true;
+    result.counts = remote.GetCounts();
+    return result;
+  }
+  return PullEach(folder, remote, keys.size(), progress,
+                  [&](std::size_t i, std::string* name, Tab<unsigned char>& data, bool* permanent) {
+                    return remote.FetchKey(keys[i], name, data, permanent);
+                  });
+}
+
+EffectRemoteSync::Result EffectRemoteSync::PullEach(const WStr& folder, EffectRemoteStore& remote, std::size_t count,
+                                                    const Progress& progress, const Fetcher& fetch) {
+  Result result;
   EffectCacheImpl cache(folder, EffectCacheImpl::kHostCompressionLevel, EffectCacheImpl::kCacheBytesLimit);
   // The folder's cache only stores: its own store, if the environment names
   // one, would send the pulled effects back.
   cache.SetRemoteStore(static_cast<const EffectRemoteStore::Settings*>(nullptr));
   if (!cache.IsEnabled() || cache.IsReadOnly()) return result;
-  std::uint64_t done = 0;
-  for (const std::string& name : names) {
+  for (std::size_t i = 0; i < count; ++i) {
     const EffectRemoteStore::Counts before = remote.GetCounts();
+    std::string name;
     Tab<unsigned char> data;
     bool permanent = false;
-    if (remote.Fetch(name, data, &permanent) &&
+    if (fetch(i, &name, data, &permanent) &&
         cache.CacheCompiledEffect(WStr(WideText::FromUtf8(name).c_str()), data.Addr(0),
                                   static_cast<std::size_t>(data.Count()), permanent)) {
       ++result.moved;
@@ -101,7 +126,7 @@ EffectRemoteSync::Result EffectRemoteSync::Pull(const WStr& folder, const Effect
     } else {
       ++result.failed;
     }
-    if (progress) progress(++done, names.size());
+    if (progress) progress(i + 1, count);
   }
   cache.ForceSaveToFile();
   result.ok = cache.IsEnabled();

@@ -6,9 +6,10 @@
 // A push reads the folder's cache read-only under its named mutex, in
 // batches of at most 16 MiB of compressed bytes (the mutex is let go
 // before any request), and PUTs each effect's compressed bytes as stored,
-// without recompressing them. A pull fetches each name, checks it as a
-// search does, and stores what came in one save under the folder's mutex
-// (a folder without a cache gets one). Both stop asking a store that
+// without recompressing them. A pull fetches each name (or every object
+// the server's listings name), checks it as a search does, and stores what
+// came in one save under the folder's mutex (a folder without a cache gets
+// one). Both stop asking a store that
 // failed (it rests, see EffectRemoteStore) and say how many effects were
 // left over.
 //
@@ -35,6 +36,7 @@ class EffectRemoteSync {
     std::uint64_t bytes = 0;     // bytes of the objects moved
     std::uint64_t absent = 0;    // names the store does not hold (pull)
     std::uint64_t failed = 0;    // effects left over: requests that failed or were not made
+    bool noListing = false;      // PullAll: the store offers no listing of its objects
     EffectRemoteStore::Counts counts;  // what the store saw
   };
   // Told how many of the effects are done, of how many.
@@ -44,6 +46,14 @@ class EffectRemoteSync {
   // `names` in UTF-8.
   static Result Pull(const WStr& folder, const EffectRemoteStore::Settings& store,
                      const std::vector<std::string>& names, const Progress& progress);
+  // Every object the store's listings name (see EffectRemoteStore::ListKeys).
+  static Result PullAll(const WStr& folder, const EffectRemoteStore::Settings& store, const Progress& progress);
+
+ private:
+  // Fetches the i-th effect: its name, bytes and permanence.
+  using Fetcher = std::function<bool(std::size_t i, std::string* name, Tab<unsigned char>& data, bool* permanent)>;
+  static Result PullEach(const WStr& folder, EffectRemoteStore& remote, std::size_t count, const Progress& progress,
+                         const Fetcher& fetch);
 };
 
 }  // namespace Tovrel

@@ -7,6 +7,9 @@
 #include <vector>
 
 #include "effectcache/EffectCacheImpl.h"
+#include "effectcache/EffectCompression.h"
+#include "effectcache/RemoteEffectObject.h"
+#include "platform/HttpClient.h"
 #include "support/EffectTesting.h"
 #include "support/RemoteServer.h"
 #include "support/TempDir.h"
@@ -90,6 +93,52 @@ TEST_F(EffectRemoteSyncTest, APushedFolderIsPulledIntoAnotherByteForByte) {
     ASSERT_TRUE(cache.SearchCachedEffects(WStr(WideText(i).c_str()), data)) << i;
     EXPECT_EQ(EffectTesting::ToVector(data), Bytes(i)) << i;
   }
+}
+
+TEST_F(EffectRemoteSyncTest, PullingEverythingTakesEachObjectTheListingsName) {
+  auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
+  if (!server) GTEST_SKIP() << "no nginx here";
+  const EffectRemoteStore::Settings store = StoreAt(server->Url() + dir_.Path().filename().string() + "/all");
+  ASSERT_EQ(EffectRemoteSync::Push(WStr(source_.wstring().c_str()), store, nullptr).moved,
+            static_cast<std::uint64_t>(kEffects));
+  // An object under a key that is not its name's is refused, not stored
+  // under the name it claims.
+  const std::string stray = RemoteEffectObject::KeyFor("sync/stray.fxo");
+  const std::string wrongKey = stray.substr(0, 6) + std::string(32, 'a');
+  {
+    EffectRemoteStore remote(store);
+    Tab<unsigned char> data;
+    ASSERT_TRUE(remote.Fetch(Name(3), data, nullptr));
+    std::vector<std::uint8_t> compressed(EffectCompression::CompressBound(data.Count()));
+    std::uint64_t length = compressed.size();
+    EffectCompression::CompressEffect(compressed.data(), length, data.Addr(0), data.Count(), 6);
+    const auto object = RemoteEffectObject::Encode(Name(3), false, data.Count(), compressed.data(), length);
+    HttpClient::Limits limits;
+    limits.connectMilliseconds = 1000;
+    limits.transferMilliseconds = 3000;
+    ASSERT_EQ(HttpClient::Put(store.baseUrl + wrongKey, object.data(), object.size(), limits).status / 100, 2);
+  }
+  const auto pulled = EffectRemoteSync::PullAll(WStr(destination_.wstring().c_str()), store, nullptr);
+  ASSERT_TRUE(pulled.ok);
+  EXPECT_FALSE(pulled.noListing);
+  EXPECT_EQ(pulled.moved, static_cast<std::uint64_t>(kEffects));
+  EXPECT_EQ(pulled.failed, 1u);  // the object under another name's key
+  EffectCacheImpl cache(WStr(destination_.wstring().c_str()), 2);
+  EXPECT_EQ(cache.GetNumberOfEffectsInFile(), static_cast<std::size_t>(kEffects));
+  for (int i = 0; i < kEffects; ++i) {
+    Tab<unsigned char> data;
+    ASSERT_TRUE(cache.SearchCachedEffects(WStr(WideText(i).c_str()), data)) << i;
+    EXPECT_EQ(EffectTesting::ToVector(data), Bytes(i)) << i;
+  }
+}
+
+TEST_F(EffectRemoteSyncTest, AStoreWithoutListingsIsSaidToHaveNone) {
+  auto server = RemoteServer::StartFaults(dir_.Path() / "faults");
+  if (!server) GTEST_SKIP() << "no fault server here";
+  const auto pulled = EffectRemoteSync::PullAll(WStr(destination_.wstring().c_str()), StoreAt(server->Url() + "nothing"),
+                                                nullptr);
+  EXPECT_TRUE(pulled.noListing);
+  EXPECT_EQ(pulled.moved, 0u);
 }
 
 TEST_F(EffectRemoteSyncTest, ADeadStoreLeavesEveryEffectOverAndTheFoldersAsTheyWere) {

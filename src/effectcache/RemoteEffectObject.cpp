@@ -94,6 +94,13 @@ RemoteEffectObject::Result RemoteEffectObject::Decode(const std::uint8_t* bytes,
   return Result::kOk;
 }
 
+std::string RemoteEffectObject::NameIn(const std::uint8_t* bytes, std::size_t size) {
+  if (bytes == nullptr || size < kHeaderSize || std::memcmp(bytes, kTag, sizeof kTag) != 0) return std::string();
+  const std::uint64_t length = LittleEndian::Load32(bytes + 16);
+  if (length > EffectCacheImpl::kEffectNameSizeLimit || size - kHeaderSize < length) return std::string();
+  return std::string(reinterpret_cast<const char*>(bytes + kHeaderSize), length);
+}
+
 std::string RemoteEffectObject::KeyFor(const std::string& name) {
   std::string hex;
   AppendHex(hex, Mix(Fnv1a(name, 0xCBF29CE484222325ULL)));

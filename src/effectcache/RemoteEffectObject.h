@@ -59,6 +59,9 @@ class RemoteEffectObject {
   // `permanent` is set on success only.
   static Result Decode(const std::uint8_t* bytes, std::size_t size, const std::string& name, bool* permanent,
                        Tab<unsigned char>& data);
+  // The name an object says it holds (not yet checked otherwise); empty
+  // when its header is not whole or the name is longer than allowed.
+  static std::string NameIn(const std::uint8_t* bytes, std::size_t size);
   // The object's key: a relative path such as "3f/a9/3fa9…" (38 characters).
   static std::string KeyFor(const std::string& name);
   // A few words on a result, for messages.

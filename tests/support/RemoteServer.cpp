@@ -33,7 +33,7 @@ std::string NginxConfig(const fs::path& folder, std::uint16_t port) {
          "  scgi_temp_path " + f + "/scgi;\n"
          "  server {\n    listen 127.0.0.1:" + std::to_string(port) + ";\n"
          "    root " + f + "/store;\n    client_max_body_size 8m;\n"
-         "    location / {\n      dav_methods PUT DELETE;\n      create_full_put_path on;\n"
+         "    location / {\n      dav_methods PUT DELETE;\n      create_full_put_path on;\n      autoindex on;\n"
          "      dav_access user:rw group:r all:r;\n    }\n  }\n}\n";
 }
 

@@ -39,31 +39,18 @@ int LeftOver(const EffectRemoteSync::Result& result, Console& console) {
 
 void RemoteCommands::AddTo(std::vector<CommandGroup::Command>& commands) {
   using Command = CommandGroup::Command;
-  commands.push_back(Command{"push",
-                             "FOLDER STORE",
-                             "send every effect of a cache to a remote store",
+  commands.push_back(Command{"push", "FOLDER STORE", "send every effect of a cache to a remote store",
                              "PUTs every effect of the folder's cache to the remote store STORE (an http://\n"
                              "or https:// URL, optionally followed by |connect-ms=N, |timeout-ms=N), its\n"
                              "compressed bytes as stored. The cache is read under its mutex, in batches;\n"
                              "no request is made while the mutex is held. See docs/REMOTE.md.\n",
-                             {},
-                             {},
-                             2,
-                             2,
-                             &RemoteCommands::Push,
-                             nullptr});
-  commands.push_back(Command{"pull",
-                             "FOLDER STORE NAME...",
-                             "fetch named effects from a remote store",
-                             "GETs the named effects from the remote store STORE, checks each as a search\n"
-                             "does, and stores them in the folder's cache in one save under its mutex (a\n"
-                             "folder without a cache gets one). Names the store does not hold are counted.\n",
-                             {},
-                             {},
-                             3,
-                             ~std::size_t{0},
-                             &RemoteCommands::Pull,
-                             nullptr});
+                             {}, {}, 2, 2, &RemoteCommands::Push, nullptr});
+  commands.push_back(Command{"pull", "FOLDER STORE (NAME... | --all)", "fetch effects from a remote store",
+                             "GETs the named effects from the remote store STORE (or with --all every object\n"
+                             "that the server's folder listings name), checks each as a search does, and\n"
+                             "stores them in the folder's cache in one save under its mutex (a folder\n"
+                             "without a cache gets one). Names the store does not hold are counted.\n",
+                             {"--all"}, {}, 2, ~std::size_t{0}, &RemoteCommands::Pull, nullptr});
 }
 
 int RemoteCommands::Push(const CommandLine& line, Console& console) {
@@ -85,6 +72,10 @@ int RemoteCommands::Push(const CommandLine& line, Console& console) {
 }
 
 int RemoteCommands::Pull(const CommandLine& line, Console& console) {
+  const bool all = line.Has("--all");
+  if (all == (line.Positionals().size() > 2)) {
+    throw ToolError(ExitStatus::kUsage, "pull takes the names of the effects to fetch, or --all");
+  }
   const EffectRemoteStore::Settings store = StoreOf(line.Positionals()[1]);
   const UserPath folder(line.Positionals()[0]);
   if (!folder.IsFolder()) throw ToolError(ExitStatus::kUnreadable, folder.Typed() + ": no such folder");
@@ -93,9 +84,15 @@ int RemoteCommands::Pull(const CommandLine& line, Console& console) {
   }
   const std::vector<std::string> names(line.Positionals().begin() + 2, line.Positionals().end());
   ProgressReporter progress(console, "effects", names.size());
-  const auto result = EffectRemoteSync::Pull(WStr(folder.Absolute().c_str()), store, names,
-                                             [&](std::uint64_t done, std::uint64_t) { progress.Update(done); });
+  const auto report = [&](std::uint64_t done, std::uint64_t) { progress.Update(done); };
+  const WStr target(folder.Absolute().c_str());
+  const auto result = all ? EffectRemoteSync::PullAll(target, store, report)
+                          : EffectRemoteSync::Pull(target, store, names, report);
   progress.Finish();
+  if (result.noListing) {
+    throw ToolError(ExitStatus::kFailed, store.baseUrl + ": the server offers no listing of its objects; name the "
+                                                         "effects to pull");
+  }
   if (!result.ok) {
     throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved");
   }

@@ -1,8 +1,9 @@
 // RemoteCommands: the "tovrel effects" commands that move effects between
 // a cache folder and a remote store (see docs/REMOTE.md):
 //
-//   push FOLDER STORE           every effect of the folder, as stored
-//   pull FOLDER STORE NAME...   the named effects, into the folder
+//   push FOLDER STORE                    every effect of the folder, as stored
+//   pull FOLDER STORE (NAME... | --all)  the named effects, or every one the
+//                                        server's listings name, into the folder
 //
 // STORE is a store's text as the library reads it ("URL", then options
 // such as "|timeout-ms=5000"). Each is one call of EffectRemoteSync; the

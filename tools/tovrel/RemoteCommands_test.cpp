@@ -59,6 +59,14 @@ TEST_F(RemoteCommandsTest, PushThenPullCarriesEffectsFromOneFolderToAnother) {
   const auto original = ToolTesting::Run({"effects", "get", ToolTesting::Utf8(first_), "fx/4"});
   EXPECT_EQ(got.out, original.out);
   EXPECT_EQ(got.out.size(), 3004u);
+  const fs::path third = dir_.Path() / "third";
+  fs::create_directories(third);
+  const auto all = ToolTesting::Run({"effects", "pull", ToolTesting::Utf8(third), store_, "--all"});
+  ASSERT_EQ(all.status, ExitStatus::kOk) << all.err;
+  EXPECT_TRUE(ToolTesting::Contains(all.out, "pulled 6 effects: ")) << all.out;
+  EXPECT_EQ(Names(third), Names(first_));
+  EXPECT_EQ(ToolTesting::Run({"effects", "pull", ToolTesting::Utf8(third), store_, "fx/1", "--all"}).status,
+            ExitStatus::kUsage);
 }
 
 TEST_F(RemoteCommandsTest, AFailingStoreLeavesEffectsOverAndBadStoresAreRefused) {
