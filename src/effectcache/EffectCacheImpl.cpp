@@ -192,6 +192,7 @@ bool EffectCacheImpl::CacheCompiledEffect(const WStr& name, const unsigned char*
   effect.permanent = permanent ? 1 : 0;
   effect.fromRemote = false;
   effect.pushed = false;
+  effect.compressed.clear();
   pendingBytes_ += adds;
   ++counts_.cached;
   if (pendingBytes_ >= kAutoSaveThreshold) SaveToFile();
@@ -280,14 +281,17 @@ bool EffectCacheImpl::Search(const std::string& key, Tab<unsigned char>& data) {
 bool EffectCacheImpl::FetchFromRemote(const std::string& key, Tab<unsigned char>& data) {
   if (!remote_) return false;
   bool permanent = false;
-  if (!remote_->Fetch(key, data, &permanent)) return false;
-  // The next save keeps it in the file, as if the host had cached it.
+  std::vector<std::uint8_t> compressed;
+  if (!remote_->Fetch(key, data, &permanent, &compressed)) return false;
+  // The next save keeps it in the file, as if the host had cached it, with
+  // the compressed bytes it came in (checked to decompress to `data`).
   PendingEffect& effect = pendingEffects_[key];
   effect.bytes.ZeroCount();
   effect.bytes.Append(data.Count(), data.Addr(0));
   effect.permanent = permanent ? 1 : 0;
   effect.fromRemote = true;
   effect.pushed = false;
+  effect.compressed.swap(compressed);
   pendingBytes_ += EffectRecord::kSize + (8 + key.size()) + (8 + static_cast<std::uint64_t>(data.Count()));
   return true;
 }
@@ -440,17 +444,7 @@ bool EffectCacheImpl::WritePendingEffects() {
     DiscardPending();
     return true;
   }
-  // Every effect is compressed before the first is written: compression
-  // runs on several cores, and the writes find their bytes ready.
-  std::vector<EffectBatchCompressor::Job> jobs;
-  jobs.reserve(pendingEffects_.size());
-  for (const auto& entry : pendingEffects_) {
-    const PendingEffect& effect = entry.second;
-    jobs.push_back({effect.bytes.Count() ? effect.bytes.Addr(0) : nullptr,
-                    static_cast<std::uint64_t>(effect.bytes.Count())});
-  }
-  const std::vector<EffectBatchCompressor::Result> compressed =
-      EffectBatchCompressor::CompressAll(jobs, compressionLevel_);
+  const std::vector<EffectBatchCompressor::Result> compressed = CompressPending();
   // The index changes as one batch, in name order (the pending map's own),
   // whether every effect was written or not.
   std::vector<EffectTable::Change> changes;
@@ -472,6 +466,36 @@ bool EffectCacheImpl::WritePendingEffects() {
     DiscardPending();
   }
   return written;
+}
+
+std::vector<EffectBatchCompressor::Result> EffectCacheImpl::CompressPending() {
+  // Every effect is compressed before the first is written: compression
+  // runs on several cores, and the writes find their bytes ready. Effects
+  // fetched from the remote store keep the compressed bytes they came in.
+  std::vector<EffectBatchCompressor::Job> jobs;
+  jobs.reserve(pendingEffects_.size());
+  for (const auto& entry : pendingEffects_) {
+    const PendingEffect& effect = entry.second;
+    if (!effect.compressed.empty()) continue;
+    jobs.push_back({effect.bytes.Count() ? effect.bytes.Addr(0) : nullptr,
+                    static_cast<std::uint64_t>(effect.bytes.Count())});
+  }
+  std::vector<EffectBatchCompressor::Result> done = EffectBatchCompressor::CompressAll(jobs, compressionLevel_);
+  std::vector<EffectBatchCompressor::Result> results;
+  results.reserve(pendingEffects_.size());
+  std::size_t next = 0;
+  for (auto& entry : pendingEffects_) {
+    PendingEffect& effect = entry.second;
+    if (effect.compressed.empty()) {
+      results.push_back(std::move(done[next++]));
+    } else {
+      EffectBatchCompressor::Result kept;
+      kept.ok = true;
+      kept.compressed.swap(effect.compressed);
+      results.push_back(std::move(kept));
+    }
+  }
+  return results;
 }
 
 void EffectCacheImpl::CollectRemotePushes(const std::vector<EffectBatchCompressor::Result>& compressed) {

@@ -160,6 +160,9 @@ class EffectCacheImpl : public NorvaneHeapOperators {
     std::uint32_t permanent;
     bool fromRemote;  // fetched from the remote store: never PUT back
     bool pushed;      // PUT already (a read-only file keeps it pending)
+    // From the remote store: its compressed bytes as they came (stored as
+    // they are, not compressed again); empty otherwise.
+    std::vector<std::uint8_t> compressed;
   };
   using PendingMap = std::map<std::string, PendingEffect, EffectNameOrder>;
   // An effect a save compressed, to be PUT once the save completed.
@@ -171,6 +174,7 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   };
 
   bool SaveToFileUnderMutex();
+  std::vector<EffectBatchCompressor::Result> CompressPending();
   void CollectRemotePushes(const std::vector<EffectBatchCompressor::Result>& compressed);
   void PushToRemote(std::vector<RemotePush>& pushes);
   void PushPendingToRemote();

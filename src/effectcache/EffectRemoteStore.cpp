@@ -112,7 +112,7 @@ bool EffectRemoteStore::Get(const std::string& url, std::uint64_t maxBytes, Http
 }
 
 bool EffectRemoteStore::Accept(const HttpClient::Response& response, const std::string& name,
-                               Tab<unsigned char>& data, bool* permanent) {
+                               Tab<unsigned char>& data, bool* permanent, std::vector<std::uint8_t>* compressed) {
   bool found = false;
   const bool valid = RemoteEffectObject::Decode(response.body.data(), response.body.size(), name, &found, data) ==
                      RemoteEffectObject::Result::kOk;
@@ -125,13 +125,18 @@ bool EffectRemoteStore::Accept(const HttpClient::Response& response, const std::
   ++counts_.hits;
   counts_.bytesIn += response.body.size();
   if (permanent != nullptr) *permanent = found;
+  if (compressed != nullptr) {
+    compressed->assign(response.body.begin() + static_cast<std::ptrdiff_t>(RemoteEffectObject::kHeaderSize + name.size()),
+                       response.body.end());
+  }
   return true;
 }
 
-bool EffectRemoteStore::Fetch(const std::string& name, Tab<unsigned char>& data, bool* permanent) {
+bool EffectRemoteStore::Fetch(const std::string& name, Tab<unsigned char>& data, bool* permanent,
+                              std::vector<std::uint8_t>* compressed) {
   HttpClient::Response response;
   if (!Get(UrlOf(name), RemoteEffectObject::SizeLimit(), &response)) return false;
-  return Accept(response, name, data, permanent);
+  return Accept(response, name, data, permanent, compressed);
 }
 
 bool EffectRemoteStore::FetchKey(const std::string& key, std::string* name, Tab<unsigned char>& data,
@@ -145,7 +150,7 @@ bool EffectRemoteStore::FetchKey(const std::string& key, std::string* name, Tab<
     ++counts_.errors;
     return false;
   }
-  return Accept(response, *name, data, permanent);
+  return Accept(response, *name, data, permanent, nullptr);
 }
 
 bool EffectRemoteStore::ListKeys(std::vector<std::string>* keys) {

@@ -61,9 +61,11 @@ class EffectRemoteStore {
 
   explicit EffectRemoteStore(const Settings& settings);
 
-  // True, with the effect's bytes and permanence, when the store holds a
+  // True, with the effect's bytes and permanence (and, when asked, its
+  // compressed bytes as the object holds them), when the store holds a
   // valid object of this name.
-  bool Fetch(const std::string& name, Tab<unsigned char>& data, bool* permanent);
+  bool Fetch(const std::string& name, Tab<unsigned char>& data, bool* permanent,
+             std::vector<std::uint8_t>* compressed = nullptr);
   // GETs the object at `key` (a key as RemoteEffectObject::KeyFor makes
   // it): true, with its name, bytes and permanence, for a valid object
   // whose name has that key.
@@ -93,7 +95,7 @@ class EffectRemoteStore {
   // A GET that gave a 200: false (counted) otherwise.
   bool Get(const std::string& url, std::uint64_t maxBytes, HttpClient::Response* response);
   bool Accept(const HttpClient::Response& response, const std::string& name, Tab<unsigned char>& data,
-              bool* permanent);
+              bool* permanent, std::vector<std::uint8_t>* compressed);
   bool Resting();
   void Failed();
   HttpClient::Limits LimitsFor(std::uint64_t maxBody) const;

@@ -180,6 +180,43 @@ TEST_F(EffectRemoteStoreServerTest, AReadOnlyStoreIsReadAndNeverWritten) {
   }
 }
 
+// What a search fetched is stored with the compressed bytes it came in,
+// not compressed again (the object here is compressed at another level
+// than the cache's own).
+TEST_F(EffectRemoteStoreServerTest, AFetchedEffectIsStoredAsItCameWithoutBeingCompressedAgain) {
+  auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
+  if (!server) GTEST_SKIP() << "no nginx here";
+  const EffectRemoteStore::Settings settings = SettingsFor(server->Url() + dir_.Path().filename().string() + "/asis");
+  const std::vector<unsigned char> bytes = Bytes(13);
+  const std::vector<std::uint8_t> object = ObjectOf(Name(13), bytes);
+  HttpClient::Limits limits;
+  limits.connectMilliseconds = 1000;
+  limits.transferMilliseconds = 3000;
+  ASSERT_EQ(HttpClient::Put(EffectRemoteStore(settings).UrlOf(Name(13)), object.data(), object.size(), limits).status / 100,
+            2);
+  const std::uint64_t sent = object.size() - RemoteEffectObject::kHeaderSize - Name(13).size();
+  const std::wstring folder = (dir_.Path() / "ws").wstring();
+  fs::create_directories(folder);
+  {
+    EffectCacheImpl cache(WStr(folder.c_str()), 2);
+    cache.SetRemoteStore(&settings);
+    Tab<unsigned char> data;
+    ASSERT_TRUE(cache.SearchCachedEffects(WStr(WideName(13).c_str()), data));
+    EXPECT_EQ(EffectTesting::ToVector(data), bytes);
+  }
+  const auto index = EffectTesting::ReadIndex(folder + L"/norvaneFxoCache.dat");
+  ASSERT_EQ(index.count(Name(13)), 1u);
+  EXPECT_EQ(index.at(Name(13)).compressedSize, sent);
+  std::vector<std::uint8_t> ownLevel(EffectCompression::CompressBound(bytes.size()));
+  std::uint64_t length = ownLevel.size();
+  EffectCompression::CompressEffect(ownLevel.data(), length, bytes.data(), bytes.size(), 2);
+  EXPECT_NE(length, sent);  // the cache's own level would have given another size
+  EffectCacheImpl again(WStr(folder.c_str()), 2);
+  Tab<unsigned char> data;
+  ASSERT_TRUE(again.SearchCachedEffects(WStr(WideName(13).c_str()), data));
+  EXPECT_EQ(EffectTesting::ToVector(data), bytes);
+}
+
 // A cache file that may not be written keeps new effects in memory; a
 // store that takes them gets each one once, and other workstations find
 // them there.
