@@ -364,7 +364,7 @@ int EffectCommands::Verify(const CommandLine& line, Console& console) {
   CheckStreamOwners(cache, problems);
   CheckEffects(cache, console, problems);
   const auto report = line.Has("--json") ? &VerifyReport::PrintJson : &VerifyReport::Print;
-  return report(console, name, problems, TextFormat::Count(cache.Entries().size()) + " effects",
+  return report(console, name, problems, TextFormat::Counted(cache.Entries().size(), "effect"),
                 cache.Locked().JournalNote());
 }
 

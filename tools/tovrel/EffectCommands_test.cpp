@@ -272,6 +272,14 @@ TEST_F(EffectCommandsTest, StatsCountsBytesRatioAndUse) {
   EXPECT_TRUE(json.at("newestUsed").at("name").is_string());
 }
 
+TEST_F(EffectCommandsTest, VerifyCountsOneEffectInTheSingular) {
+  const fs::path one = dir_.Path() / "one";
+  ToolTesting::MakeCache(one, 1, 500);
+  const ToolTesting::Result result = ToolTesting::RunOn("effects", "verify", one);
+  EXPECT_EQ(result.status, ExitStatus::kOk);
+  EXPECT_TRUE(ToolTesting::Contains(result.out, ": no problem found (1 effect)\n")) << result.out;
+}
+
 TEST_F(EffectCommandsTest, VerifyOfASoundCacheFindsNoProblem) {
   const ToolTesting::Result result = Run("verify");
   EXPECT_EQ(result.status, ExitStatus::kOk) << result.out;

@@ -41,6 +41,12 @@ TEST(TextFormatTest, PadsToAWidth) {
   EXPECT_EQ(TextFormat::Right("123456", 3), "123456");
 }
 
+TEST(TextFormatTest, CountedNounsArePluralExceptForOne) {
+  EXPECT_EQ(TextFormat::Counted(0, "effect"), "0 effects");
+  EXPECT_EQ(TextFormat::Counted(1, "effect"), "1 effect");
+  EXPECT_EQ(TextFormat::Counted(12345, "tail"), "12,345 tails");
+}
+
 }  // namespace
 }  // namespace Tool
 }  // namespace Tovrel
