@@ -191,7 +191,9 @@ TEST_F(EffectCacheMaintenanceHostsTest, RemovingByNameTakesOnlyThoseAndTheHostsS
   for (int h = 1; h <= kHosts; ++h) {
     for (const std::string& name : LoggedNames(h, "")) present.push_back(ChildLauncher::Wide(name));
   }
-  EXPECT_GT(present.size(), static_cast<std::size_t>(kKept + 2 * 16));
+  // Each host saved at least twice, 8 names a save, before and after the
+  // removal (exactly that is possible: each wait ends at 8 more names).
+  EXPECT_GE(present.size(), static_cast<std::size_t>(kKept + 2 * 16));
   ExpectStored(present, Range(L"gone/", kGone));
 }
 
