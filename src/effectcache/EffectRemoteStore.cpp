@@ -200,7 +200,8 @@ bool EffectRemoteStore::Store(const std::string& name, bool permanent, std::uint
   if (settings_.readOnly || Resting()) return false;
   const std::vector<std::uint8_t> object =
       RemoteEffectObject::Encode(name, permanent, uncompressedSize, compressed, compressedSize);
-  const HttpClient::Response response = HttpClient::Put(UrlOf(name), object.data(), object.size(), LimitsFor(0));
+  const HttpClient::Response response =
+      HttpClient::Put(UrlOf(name), object.data(), object.size(), LimitsFor(kAnswerLimit));
   if (IsFailure(response)) {
     Failed();
     return false;

@@ -86,8 +86,9 @@ class EffectRemoteStore {
  private:
   using Clock = std::chrono::steady_clock;
 
-  // The longest listing read.
+  // The longest listing read, and the longest answer to a PUT.
   static constexpr std::uint64_t kListingLimit = 16u << 20;
+  static constexpr std::uint64_t kAnswerLimit = 64u << 10;
 
   static bool ParseOption(const std::string& option, Settings* settings);
   static std::vector<std::string> ListingLinks(const std::vector<std::uint8_t>& page, std::size_t digits,

@@ -108,26 +108,4 @@ std::string RemoteEffectObject::KeyFor(const std::string& name) {
   return hex.substr(0, 2) + "/" + hex.substr(2, 2) + "/" + hex;
 }
 
-const char* RemoteEffectObject::Describe(Result result) {
-  switch (result) {
-    case Result::kOk:
-      return "ok";
-    case Result::kShort:
-      return "shorter than its header says";
-    case Result::kTag:
-      return "not an effect object";
-    case Result::kVersion:
-      return "a version this library does not read";
-    case Result::kFlags:
-      return "flags this library does not know";
-    case Result::kName:
-      return "the object of another name";
-    case Result::kSize:
-      return "sizes beyond the cache's limits";
-    case Result::kCorrupt:
-      return "bytes that do not decompress to the recorded size";
-  }
-  return "unknown";
-}
-
 }  // namespace Tovrel

@@ -64,8 +64,6 @@ class RemoteEffectObject {
   static std::string NameIn(const std::uint8_t* bytes, std::size_t size);
   // The object's key: a relative path such as "3f/a9/3fa9…" (38 characters).
   static std::string KeyFor(const std::string& name);
-  // A few words on a result, for messages.
-  static const char* Describe(Result result);
 };
 
 }  // namespace Tovrel

@@ -3,8 +3,8 @@
 //
 // Every exchange is bounded: `connectMilliseconds` to connect,
 // `transferMilliseconds` for the whole exchange, and an answer longer than
-// `maxBodyBytes` is cut off there and reported as too long (so a server
-// can never make the caller hold more). Redirects are not followed: a 3xx
+// `maxBodyBytes` (to a PUT too) is cut off there and reported as too long
+// (so a server can never make the caller hold more). Redirects are not followed: a 3xx
 // comes back as its status. Only http:// and https:// URLs are taken. On
 // Linux the system's libcurl is loaded the first time a request is made
 // (the library does not link it: a host that never names a remote store
@@ -27,7 +27,7 @@ class HttpClient {
   struct Limits {
     std::uint32_t connectMilliseconds = 250;
     std::uint32_t transferMilliseconds = 2000;
-    std::uint64_t maxBodyBytes = 0;
+    std::uint64_t maxBodyBytes = 64 * 1024;
   };
   struct Response {
     bool answered = false;   // a whole HTTP answer came (of any status)
@@ -40,9 +40,12 @@ class HttpClient {
 
   static Response Get(const std::string& url, const Limits& limits);
   static Response Put(const std::string& url, const std::uint8_t* bytes, std::size_t size, const Limits& limits);
-  // False when this system has no HTTP client the library can use (Linux
-  // without libcurl); every request then fails with that as its reason.
-  static bool IsAvailable();
+
+ private:
+  // One request, by the system's own client (posix/, win32/): a PUT of
+  // `bytes` when `put`, else a GET. The URL is http:// or https://.
+  static Response Exchange(const std::string& url, const std::uint8_t* bytes, std::size_t size, bool put,
+                           const Limits& limits);
 };
 
 }  // namespace Tovrel

@@ -88,18 +88,14 @@ std::size_t Send(char* buffer, std::size_t size, std::size_t count, void* user) 
   return n;
 }
 
-bool IsHttpUrl(const std::string& url) { return url.rfind("http://", 0) == 0 || url.rfind("https://", 0) == 0; }
+}  // namespace
 
-HttpClient::Response Exchange(const std::string& url, const std::uint8_t* bytes, std::size_t size, bool put,
-                              const HttpClient::Limits& limits) {
-  HttpClient::Response response;
+HttpClient::Response HttpClient::Exchange(const std::string& url, const std::uint8_t* bytes, std::size_t size,
+                                          bool put, const Limits& limits) {
+  Response response;
   const Curl& curl = LoadedCurl();
   if (!curl.loaded) {
     response.error = "no libcurl on this system";
-    return response;
-  }
-  if (!IsHttpUrl(url)) {
-    response.error = "not an http:// or https:// URL";
     return response;
   }
   CURL* handle = curl.easyInit();
@@ -107,7 +103,7 @@ HttpClient::Response Exchange(const std::string& url, const std::uint8_t* bytes,
     response.error = "libcurl could not start a request";
     return response;
   }
-  Download download{&response.body, put ? 64 * 1024 : limits.maxBodyBytes, false};
+  Download download{&response.body, limits.maxBodyBytes, false};
   Upload upload{bytes, size};
   curl_slist* headers = curl.slistAppend(nullptr, "Expect:");  // no wait for a 100 before the body
   curl.setopt(handle, CURLOPT_URL, url.c_str());
@@ -141,18 +137,5 @@ HttpClient::Response Exchange(const std::string& url, const std::uint8_t* bytes,
   }
   return response;
 }
-
-}  // namespace
-
-HttpClient::Response HttpClient::Get(const std::string& url, const Limits& limits) {
-  return Exchange(url, nullptr, 0, false, limits);
-}
-
-HttpClient::Response HttpClient::Put(const std::string& url, const std::uint8_t* bytes, std::size_t size,
-                                     const Limits& limits) {
-  return Exchange(url, bytes, size, true, limits);
-}
-
-bool HttpClient::IsAvailable() { return LoadedCurl().loaded; }
 
 }  // namespace Tovrel

@@ -39,7 +39,6 @@ struct Target {
 };
 
 bool Crack(const std::string& url, Target* target) {
-  if (url.rfind("http://", 0) != 0 && url.rfind("https://", 0) != 0) return false;
   const std::wstring wide = WideText::FromUtf8(url);
   URL_COMPONENTS parts{};
   parts.dwStructSize = sizeof parts;
@@ -79,12 +78,15 @@ bool ReadBody(HINTERNET request, ULONGLONG deadline, std::uint64_t limit, HttpCl
   }
 }
 
-HttpClient::Response Exchange(const std::string& url, const std::uint8_t* bytes, std::size_t size, bool put,
-                              const HttpClient::Limits& limits) {
+
+}  // namespace
+
+HttpClient::Response HttpClient::Exchange(const std::string& url, const std::uint8_t* bytes, std::size_t size,
+                                          bool put, const Limits& limits) {
   HttpClient::Response response;
   Target target;
   if (!Crack(url, &target)) {
-    response.error = "not an http:// or https:// URL";
+    response.error = "a URL WinHTTP cannot read";
     return response;
   }
   const ULONGLONG deadline = GetTickCount64() + limits.transferMilliseconds;
@@ -129,7 +131,7 @@ HttpClient::Response Exchange(const std::string& url, const std::uint8_t* bytes,
     response.error = Failure("reading the status");
     return response;
   }
-  if (!ReadBody(request.Get(), deadline, put ? 64 * 1024 : limits.maxBodyBytes, &response)) {
+  if (!ReadBody(request.Get(), deadline, limits.maxBodyBytes, &response)) {
     response.body.clear();
     return response;
   }
@@ -147,18 +149,5 @@ HttpClient::Response Exchange(const std::string& url, const std::uint8_t* bytes,
   response.status = static_cast<int>(status);
   return response;
 }
-
-}  // namespace
-
-HttpClient::Response HttpClient::Get(const std::string& url, const Limits& limits) {
-  return Exchange(url, nullptr, 0, false, limits);
-}
-
-HttpClient::Response HttpClient::Put(const std::string& url, const std::uint8_t* bytes, std::size_t size,
-                                     const Limits& limits) {
-  return Exchange(url, bytes, size, true, limits);
-}
-
-bool HttpClient::IsAvailable() { return true; }
 
 }  // namespace Tovrel
