@@ -22,7 +22,6 @@
 #include "SyntheticShaders.h"
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectRemoteStore.h"
-#include "platform/HttpClient.h"
 #include "platform/WideText.h"
 #include "support/RemoteServer.h"
 #include "support/TempDir.h"
@@ -119,8 +118,7 @@ void BM_FailureCost(benchmark::State& state, const char* path) {
   }
   // The object /truncated/ cuts in half: one of 100 KB.
   const std::vector<std::uint8_t> object(100000, 7);
-  HttpClient::Limits limits;
-  HttpClient::Put(server->Url() + "ok/x", object.data(), object.size(), limits);
+  Testing::RemoteServer::Put(server->Url() + "ok/x", object);
   const std::string url = std::string(path) == "dead" ? Testing::RemoteServer::DeadUrl() : server->Url() + path;
   double first = 0, resting = 0;
   for (auto _ : state) {

@@ -14,7 +14,6 @@
 #include "effectcache/EffectCacheStats.h"
 #include "effectcache/EffectCompression.h"
 #include "effectcache/RemoteEffectObject.h"
-#include "platform/HttpClient.h"
 #include "support/ChildProcess.h"
 #include "support/EffectTesting.h"
 #include "support/InstalledFileSystem.h"
@@ -36,6 +35,15 @@ std::wstring WideName(int i) { return L"team/effect_" + std::to_wstring(i) + L".
 std::vector<unsigned char> Bytes(int i) {
   return EffectTesting::Bytes(static_cast<std::uint32_t>(100 + i), 1500 + 977 * static_cast<std::size_t>(i),
                               i % 3 != 0);
+}
+
+// A search finds every effect the first workstation cached, byte-exact.
+void ExpectEveryEffect(EffectCacheImpl& cache) {
+  for (int i = 0; i < kEffects; ++i) {
+    Tab<unsigned char> data;
+    ASSERT_TRUE(cache.SearchCachedEffects(WStr(WideName(i).c_str()), data)) << i;
+    EXPECT_EQ(EffectTesting::ToVector(data), Bytes(i)) << i;
+  }
 }
 
 std::vector<std::uint8_t> ObjectOf(const std::string& name, const std::vector<unsigned char>& bytes) {
@@ -121,11 +129,7 @@ TEST_F(EffectRemoteStoreServerTest, ASecondWorkstationIsServedByTheTeamTierThenB
   {
     EffectCacheImpl cache(WStr(second.c_str()), 2);
     cache.SetRemoteStore(&settings);
-    for (int i = 0; i < kEffects; ++i) {
-      Tab<unsigned char> data;
-      ASSERT_TRUE(cache.SearchCachedEffects(WStr(WideName(i).c_str()), data)) << i;
-      EXPECT_EQ(EffectTesting::ToVector(data), Bytes(i)) << i;
-    }
+    ExpectEveryEffect(cache);
     Tab<unsigned char> none;
     EXPECT_FALSE(cache.SearchCachedEffects(WStr(L"team/never.fxo"), none));
     const EffectRemoteStore::Counts counts = cache.GetRemoteCounts();
@@ -153,11 +157,7 @@ TEST_F(EffectRemoteStoreServerTest, ASecondWorkstationIsServedByTheTeamTierThenB
   server->Stop();
   EffectCacheImpl cache(WStr(second.c_str()), 2);
   cache.SetRemoteStore(&settings);
-  for (int i = 0; i < kEffects; ++i) {
-    Tab<unsigned char> data;
-    ASSERT_TRUE(cache.SearchCachedEffects(WStr(WideName(i).c_str()), data)) << i;
-    EXPECT_EQ(EffectTesting::ToVector(data), Bytes(i)) << i;
-  }
+  ExpectEveryEffect(cache);
   EXPECT_EQ(EffectTesting::ReadIndex(second + L"/norvaneFxoCache.dat").at(Name(5)).permanent, 1u);
   EXPECT_EQ(cache.GetRemoteCounts().hits + cache.GetRemoteCounts().errors, 0u);
 }
@@ -189,11 +189,7 @@ TEST_F(EffectRemoteStoreServerTest, AFetchedEffectIsStoredAsItCameWithoutBeingCo
   const EffectRemoteStore::Settings settings = SettingsFor(server->Url() + dir_.Path().filename().string() + "/asis");
   const std::vector<unsigned char> bytes = Bytes(13);
   const std::vector<std::uint8_t> object = ObjectOf(Name(13), bytes);
-  HttpClient::Limits limits;
-  limits.connectMilliseconds = 1000;
-  limits.transferMilliseconds = 3000;
-  ASSERT_EQ(HttpClient::Put(EffectRemoteStore(settings).UrlOf(Name(13)), object.data(), object.size(), limits).status / 100,
-            2);
+  ASSERT_EQ(RemoteServer::Put(EffectRemoteStore(settings).UrlOf(Name(13)), object) / 100, 2);
   const std::uint64_t sent = object.size() - RemoteEffectObject::kHeaderSize - Name(13).size();
   const std::wstring folder = (dir_.Path() / "ws").wstring();
   fs::create_directories(folder);
@@ -266,10 +262,7 @@ TEST_F(EffectRemoteStoreServerTest, EveryKindOfBadAnswerIsAMiss) {
   if (!server) GTEST_SKIP() << "no fault server here";
   // Another name's valid object, for /object/ to answer with.
   const std::vector<std::uint8_t> other = ObjectOf("team/another.fxo", otherBytes);
-  HttpClient::Limits limits;
-  limits.connectMilliseconds = 1000;
-  limits.transferMilliseconds = 3000;
-  ASSERT_EQ(HttpClient::Put(server->Url() + "ok/x", other.data(), other.size(), limits).status, 201);
+  ASSERT_EQ(RemoteServer::Put(server->Url() + "ok/x", other), 201);
   struct Case {
     const char* path;
     bool rests;  // a failure of the server: the store rests after it

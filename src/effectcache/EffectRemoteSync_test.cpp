@@ -9,7 +9,6 @@
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectCompression.h"
 #include "effectcache/RemoteEffectObject.h"
-#include "platform/HttpClient.h"
 #include "support/EffectTesting.h"
 #include "support/RemoteServer.h"
 #include "support/TempDir.h"
@@ -113,10 +112,7 @@ TEST_F(EffectRemoteSyncTest, PullingEverythingTakesEachObjectTheListingsName) {
     std::uint64_t length = compressed.size();
     EffectCompression::CompressEffect(compressed.data(), length, data.Addr(0), data.Count(), 6);
     const auto object = RemoteEffectObject::Encode(Name(3), false, data.Count(), compressed.data(), length);
-    HttpClient::Limits limits;
-    limits.connectMilliseconds = 1000;
-    limits.transferMilliseconds = 3000;
-    ASSERT_EQ(HttpClient::Put(store.baseUrl + wrongKey, object.data(), object.size(), limits).status / 100, 2);
+    ASSERT_EQ(RemoteServer::Put(store.baseUrl + wrongKey, object) / 100, 2);
   }
   const auto pulled = EffectRemoteSync::PullAll(WStr(destination_.wstring().c_str()), store, nullptr);
   ASSERT_TRUE(pulled.ok);

@@ -49,13 +49,23 @@ std::string RemoteServer::DeadUrl() {
   return "http://127.0.0.1:9/dead/";
 }
 
+std::unique_ptr<RemoteServer> RemoteServer::Given(const char* variable) {
+  const std::string url = UrlFromEnvironment(variable);
+  if (url.empty()) return nullptr;
+  std::unique_ptr<RemoteServer> server(new RemoteServer);
+  server->url_ = url;
+  return server;
+}
+
+int RemoteServer::Put(const std::string& url, const std::vector<std::uint8_t>& bytes) {
+  HttpClient::Limits limits;
+  limits.connectMilliseconds = 1000;  // a loaded test machine
+  limits.transferMilliseconds = 3000;
+  return HttpClient::Put(url, bytes.data(), bytes.size(), limits).status;
+}
+
 std::unique_ptr<RemoteServer> RemoteServer::StartNginx(const fs::path& folder) {
-  const std::string given = UrlFromEnvironment("TOVREL_TEST_NGINX_URL");
-  if (!given.empty()) {
-    std::unique_ptr<RemoteServer> server(new RemoteServer);
-    server->url_ = given;
-    return server;
-  }
+  if (auto given = Given("TOVREL_TEST_NGINX_URL")) return given;
   if (!fs::exists(kNginx)) return nullptr;
   fs::create_directories(folder / "store");
   for (int attempt = 0; attempt < 8; ++attempt) {
@@ -72,12 +82,7 @@ std::unique_ptr<RemoteServer> RemoteServer::StartNginx(const fs::path& folder) {
 }
 
 std::unique_ptr<RemoteServer> RemoteServer::StartFaults(const fs::path& folder) {
-  const std::string given = UrlFromEnvironment("TOVREL_TEST_FAULT_URL");
-  if (!given.empty()) {
-    std::unique_ptr<RemoteServer> server(new RemoteServer);
-    server->url_ = given;
-    return server;
-  }
+  if (auto given = Given("TOVREL_TEST_FAULT_URL")) return given;
   if (!fs::exists(kPython)) return nullptr;
   fs::create_directories(folder);
   const std::string script = std::string(TOVREL_TESTS_DIR) + "/remote/fault_server.py";

@@ -41,9 +41,14 @@ class RemoteServer {
   void Stop();
   // A URL on which nothing listens.
   static std::string DeadUrl();
+  // PUTs `bytes` to `url` with bounds for a loaded machine; the status (0
+  // without an answer).
+  static int Put(const std::string& url, const std::vector<std::uint8_t>& bytes);
 
  private:
   RemoteServer() = default;
+  // The server the test's runner started, named by `variable`; null without one.
+  static std::unique_ptr<RemoteServer> Given(const char* variable);
   static std::unique_ptr<RemoteServer> Start(const std::vector<std::string>& command, const std::string& output,
                                              std::uint16_t port);
   static std::uint16_t PickPort(int attempt);
