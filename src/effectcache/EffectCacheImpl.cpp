@@ -481,6 +481,7 @@ std::vector<EffectBatchCompressor::Result> EffectCacheImpl::CompressPending() {
                     static_cast<std::uint64_t>(effect.bytes.Count())});
   }
   std::vector<EffectBatchCompressor::Result> done = EffectBatchCompressor::CompressAll(jobs, compressionLevel_);
+  if (jobs.size() == pendingEffects_.size()) return done;  // none came compressed
   std::vector<EffectBatchCompressor::Result> results;
   results.reserve(pendingEffects_.size());
   std::size_t next = 0;

@@ -1,20 +1,27 @@
 #include "effectcache/EffectCacheStats.h"
 
+#include <iterator>
+
 #include "effectcache/UserDataBlock.h"
 #include "pagefile/LittleEndian.h"
 
 namespace Tovrel {
+
+namespace {
+
+// The remote block's counts, in the order of their bytes from offset 8 on.
+constexpr std::uint64_t EffectCacheStats::*kRemoteCounts[] = {
+    &EffectCacheStats::remoteHits, &EffectCacheStats::remoteMisses, &EffectCacheStats::remoteErrors,
+    &EffectCacheStats::remoteBytesIn, &EffectCacheStats::remoteBytesOut};
+
+}  // namespace
 
 void EffectCacheStats::AddCounts(const EffectCacheStats& more) {
   hits += more.hits;
   misses += more.misses;
   cached += more.cached;
   trimmed += more.trimmed;
-  remoteHits += more.remoteHits;
-  remoteMisses += more.remoteMisses;
-  remoteErrors += more.remoteErrors;
-  remoteBytesIn += more.remoteBytesIn;
-  remoteBytesOut += more.remoteBytesOut;
+  for (auto count : kRemoteCounts) this->*count += more.*count;
 }
 
 namespace {
@@ -62,11 +69,9 @@ bool EffectCacheStats::Read(const IDataStreamSet& package, EffectCacheStats& out
   if (LittleEndian::Load32(payload) != kVersion) return false;
   out = Decode(payload);
   if (const std::uint8_t* remote = RemotePayload(package)) {
-    out.remoteHits = LittleEndian::Load64(remote + 8);
-    out.remoteMisses = LittleEndian::Load64(remote + 16);
-    out.remoteErrors = LittleEndian::Load64(remote + 24);
-    out.remoteBytesIn = LittleEndian::Load64(remote + 32);
-    out.remoteBytesOut = LittleEndian::Load64(remote + 40);
+    for (std::size_t i = 0; i < std::size(kRemoteCounts); ++i) {
+      out.*kRemoteCounts[i] = LittleEndian::Load64(remote + 8 + 8 * i);
+    }
   }
   return true;
 }
@@ -96,18 +101,16 @@ bool EffectCacheStats::WriteRemote(IDataStreamSet& package, const EffectCacheSta
   const IDataStreamSet& view = package;
   const bool present = RemotePayload(view) != nullptr;
   if (!present && !stats.AnyRemoteCounts()) return true;  // nothing to keep: no block
-  if (!present && UserDataBlock::Find(view.GetUserData(), view.GetUserDataSize(), kRemoteTag) != UserDataBlock::kNotFound) {
-    return true;  // a block of this tag that is not ours is left alone
-  }
+  const bool foreign =
+      !present && UserDataBlock::Find(view.GetUserData(), view.GetUserDataSize(), kRemoteTag) != UserDataBlock::kNotFound;
+  if (foreign) return true;  // a block of this tag that is not ours is left alone
   std::uint8_t* remote = UserDataBlock::Ensure(package, kRemoteTag, kRemotePayloadSize);
   if (remote == nullptr) return false;
   LittleEndian::Store32(remote, kVersion);
   LittleEndian::Store32(remote + 4, 0);
-  LittleEndian::Store64(remote + 8, stats.remoteHits);
-  LittleEndian::Store64(remote + 16, stats.remoteMisses);
-  LittleEndian::Store64(remote + 24, stats.remoteErrors);
-  LittleEndian::Store64(remote + 32, stats.remoteBytesIn);
-  LittleEndian::Store64(remote + 40, stats.remoteBytesOut);
+  for (std::size_t i = 0; i < std::size(kRemoteCounts); ++i) {
+    LittleEndian::Store64(remote + 8 + 8 * i, stats.*kRemoteCounts[i]);
+  }
   return true;
 }
 

@@ -60,7 +60,8 @@ UserPath PrepareFolder(const CommandLine& line) {
 Outcome PlayHost(const UserPath& folder, const SyntheticShaders& shaders, std::uint32_t effects,
                  const std::string& remote, const Console& console) {
   Outcome outcome{};
-  const std::set<std::string> local = LocalNames(folder);
+  // Only a run with a team tier says where its hits came from.
+  const std::set<std::string> local = remote.empty() ? std::set<std::string>() : LocalNames(folder);
   const Clock::time_point start = Clock::now();
   RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(WStr(folder.Absolute())));
   if (!cache->IsEnabled()) throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache cannot be opened");
