@@ -578,13 +578,16 @@ std::uint64_t PagedFilePackage::MovePagesBelow(std::uint64_t end) {
   for (std::size_t k = 0; k < movers.size(); ++k) {
     const std::uint64_t from = movers[k];
     const std::uint64_t to = targets[k];
-    if (k == 0 || movers[k - 1] + 1 != from) cache_->Prefetch(from, RunLength(movers, k));
+    // A run of consecutive pages comes in one read (up to what one call moves).
+    if (!cache_->IsCached(from)) cache_->Prefetch(from, RunLength(movers, k));
     CopyPage(from, to, image.data());
     allocator_->MovePage(from, to);
     const auto streams = streamsStartingOn.equal_range(from);
     for (auto s = streams.first; s != streams.second; ++s) streams_.SetFirstPage(s->second, to);
     const auto slots = childFileSlots.equal_range(from);
-    for (auto c = slots.first; c != slots.second; ++c) childFiles_.SetChildFilePage(c->second.first, c->second.second, to);
+    for (auto c = slots.first; c != slots.second; ++c) {
+      childFiles_.SetChildFilePage(c->second.first, c->second.second, to);
+    }
   }
   return movers.size();
 }
