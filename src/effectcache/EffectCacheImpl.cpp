@@ -444,7 +444,7 @@ bool EffectCacheImpl::WritePendingEffects() {
     DiscardPending();
     return true;
   }
-  const std::vector<EffectBatchCompressor::Result> compressed = CompressPending();
+  std::vector<EffectBatchCompressor::Result> compressed = CompressPending();
   // The index changes as one batch, in name order (the pending map's own),
   // whether every effect was written or not.
   std::vector<EffectTable::Change> changes;
@@ -499,15 +499,17 @@ std::vector<EffectBatchCompressor::Result> EffectCacheImpl::CompressPending() {
   return results;
 }
 
-void EffectCacheImpl::CollectRemotePushes(const std::vector<EffectBatchCompressor::Result>& compressed) {
+void EffectCacheImpl::CollectRemotePushes(std::vector<EffectBatchCompressor::Result>& compressed) {
+  // The bytes are written: they move to the pushes rather than being copied.
   remotePushes_.clear();
   if (!remote_ || remote_->GetSettings().readOnly) return;
   std::size_t i = 0;
   for (const auto& entry : pendingEffects_) {
-    const EffectBatchCompressor::Result& result = compressed[i++];
+    EffectBatchCompressor::Result& result = compressed[i++];
     if (entry.second.fromRemote || !result.ok) continue;
     remotePushes_.push_back(RemotePush{entry.first, entry.second.permanent != 0,
-                                       static_cast<std::uint64_t>(entry.second.bytes.Count()), result.compressed});
+                                       static_cast<std::uint64_t>(entry.second.bytes.Count()),
+                                       std::move(result.compressed)});
   }
 }
 

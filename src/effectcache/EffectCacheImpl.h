@@ -175,7 +175,7 @@ class EffectCacheImpl : public NorvaneHeapOperators {
 
   bool SaveToFileUnderMutex();
   std::vector<EffectBatchCompressor::Result> CompressPending();
-  void CollectRemotePushes(const std::vector<EffectBatchCompressor::Result>& compressed);
+  void CollectRemotePushes(std::vector<EffectBatchCompressor::Result>& compressed);
   void PushToRemote(std::vector<RemotePush>& pushes);
   void PushPendingToRemote();
   void CountRemoteWork();
