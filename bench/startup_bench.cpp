@@ -79,12 +79,18 @@ double FreadWhole(const std::wstring& path, std::size_t* bytes) {
 }
 
 double OpenAndSearch(const FullCache& full, std::size_t count) {
-  Bench::PerfPhase phase("open");
-  const auto start = Clock::now();
-  RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(WStr(full.dir.Path().wstring().c_str())));
+  RefPtr<EffectCacheSystem> cache;
   Tab<unsigned char> data;
-  const bool found = cache->SearchCachedEffects(WStr(NameOf(count / 2).c_str()), data);
-  const double seconds = Seconds(start);
+  bool found = false;
+  double seconds = 0;
+  {
+    // The phase ends before the cache is released: closing is not timed.
+    Bench::PerfPhase phase("open");
+    const auto start = Clock::now();
+    cache = new EffectCacheSystem(WStr(full.dir.Path().wstring().c_str()));
+    found = cache->SearchCachedEffects(WStr(NameOf(count / 2).c_str()), data);
+    seconds = Seconds(start);
+  }
   if (!found || data.Count() != static_cast<INT_PTR>(kEffectBytes)) std::abort();
   return seconds;
 }

@@ -41,7 +41,7 @@ void ChildFileTable::Clear() {
   children_.clear();
   identifiers_.Clear();
   freeIndex_.Clear();
-  tails_.clear();
+  tails_.Clear();
 }
 
 std::uint64_t ChildFileTable::ChildFileLimit(std::uint64_t streamLimit) {
@@ -55,6 +55,11 @@ void ChildFileTable::CheckInvariants() const {
 }
 
 std::size_t ChildFileTable::SlotOf(std::uint64_t identifier) const {
+  // Identifiers are handed out lowest first, so child file i usually has
+  // identifier i; only a file with gaps needs the search.
+  if (identifier < children_.size() && children_[static_cast<std::size_t>(identifier)].record.identifier == identifier) {
+    return static_cast<std::size_t>(identifier);
+  }
   const auto at = std::lower_bound(children_.begin(), children_.end(), identifier,
                                    [](const ChildFile& c, std::uint64_t id) { return c.record.identifier < id; });
   if (at == children_.end() || at->record.identifier != identifier) return FirstFitIndex::kNone;
@@ -89,8 +94,7 @@ bool ChildFileTable::SetChildFilePage(std::uint64_t childFileIdentifier, std::ui
 }
 
 const StreamTailRecord* ChildFileTable::FindTail(std::uint64_t streamIdentifier) const {
-  const auto found = tails_.find(streamIdentifier);
-  return found == tails_.end() ? nullptr : &found->second;
+  return tails_.Find(streamIdentifier);
 }
 
 const ChildFileRecord* ChildFileTable::FindChildFile(std::uint64_t childFileIdentifier) const {
@@ -155,7 +159,8 @@ bool ChildFileTable::AddTail(const StreamTailRecord& tail) {
   const std::size_t slot = SlotOf(tail.childFileIdentifier);
   if (slot == FirstFitIndex::kNone) return false;
   ChildFile& child = children_[slot];
-  if (tail.size > child.record.freeBytes || tails_.count(tail.streamIdentifier) != 0 || Overlaps(child, tail)) {
+  if (tail.size > child.record.freeBytes || tails_.Find(tail.streamIdentifier) != nullptr ||
+      tail.streamIdentifier == TailTable::kAbsent || Overlaps(child, tail)) {
     return false;
   }
   StreamTailRecord stored = tail;
@@ -164,15 +169,15 @@ bool ChildFileTable::AddTail(const StreamTailRecord& tail) {
   child.record.freeBytes -= tail.size;
   child.usedEnd = std::max(child.usedEnd, tail.offset + tail.size);
   freeIndex_.Set(slot, child.record.freeBytes);
-  tails_[tail.streamIdentifier] = stored;
+  tails_.Insert(stored);
   return true;
 }
 
 bool ChildFileTable::RemoveTail(std::uint64_t streamIdentifier) {
   CheckInvariants();
-  const auto found = tails_.find(streamIdentifier);
-  if (found == tails_.end()) return false;
-  const StreamTailRecord removed = found->second;
+  const StreamTailRecord* found = tails_.Find(streamIdentifier);
+  if (found == nullptr) return false;
+  const StreamTailRecord removed = *found;
   const std::size_t slot = SlotOf(removed.childFileIdentifier);
   if (slot == FirstFitIndex::kNone) throw FileDataCorruptException();
   ChildFile& child = children_[slot];
@@ -181,12 +186,12 @@ bool ChildFileTable::RemoveTail(std::uint64_t streamIdentifier) {
   const auto at = indexed ? list.begin() + static_cast<std::ptrdiff_t>(removed.indexInChild)
                           : std::find(list.begin(), list.end(), streamIdentifier);
   if (at != list.end()) list.erase(at);
-  tails_.erase(found);
+  tails_.Erase(streamIdentifier);
   child.usedEnd = 0;
   for (std::uint64_t stream : list) {
-    const auto other = tails_.find(stream);
-    if (other == tails_.end() || other->second.childFileIdentifier != child.record.identifier) continue;
-    StreamTailRecord& tail = other->second;
+    StreamTailRecord* other = tails_.Find(stream);
+    if (other == nullptr || other->childFileIdentifier != child.record.identifier) continue;
+    StreamTailRecord& tail = *other;
     if (tail.indexInChild > removed.indexInChild) --tail.indexInChild;
     if (tail.offset >= removed.offset + removed.size) tail.offset -= removed.size;
     child.usedEnd = std::max(child.usedEnd, tail.offset + tail.size);
@@ -197,7 +202,7 @@ bool ChildFileTable::RemoveTail(std::uint64_t streamIdentifier) {
 }
 
 std::uint64_t ChildFileTable::GetSaveSize() const {
-  std::uint64_t size = 8 + 8 + StreamTailRecord::kBytes * tails_.size();
+  std::uint64_t size = 8 + 8 + StreamTailRecord::kBytes * tails_.Size();
   for (const ChildFile& child : children_) size += ChildFileRecord::kBytes + 8 + 8 * child.tails.size();
   return size;
 }
@@ -212,11 +217,11 @@ bool ChildFileTable::Write(RefPtr<IDataStream>& stream) const {
     for (std::uint64_t id : child.tails) SectionIO::Put(bytes, id);
     if (bytes.size() >= SectionIO::kBlockBytes) SectionIO::Flush(stream, bytes);
   }
-  SectionIO::Put(bytes, tails_.size());
-  for (const auto& tail : tails_) {
-    PutTail(bytes, tail.second);
+  SectionIO::Put(bytes, tails_.Size());
+  tails_.ForEach([&](const StreamTailRecord& tail) {
+    PutTail(bytes, tail);
     if (bytes.size() >= SectionIO::kBlockBytes) SectionIO::Flush(stream, bytes);
-  }
+  });
   SectionIO::Flush(stream, bytes);
   return true;
 }
@@ -245,19 +250,13 @@ bool ChildFileTable::ReadTail(const std::uint8_t* bytes, std::uint64_t streamLim
                               LittleEndian::Load64(bytes + 16), LittleEndian::Load64(bytes + 24),
                               LittleEndian::Load64(bytes + 32)};
   if (tail.indexInChild >= streamLimit) return false;
-  // Tails are written in stream order, so each usually goes at the end of
-  // the map without a search.
-  auto at = tails_.end();
-  if (!tails_.empty() && tail.streamIdentifier <= tails_.rbegin()->first) {
-    at = tails_.lower_bound(tail.streamIdentifier);
-    if (at != tails_.end() && at->first == tail.streamIdentifier) throw FileDataCorruptException();
-  }
+  if (tails_.Find(tail.streamIdentifier) != nullptr) throw FileDataCorruptException();
   ChildFile* child = Child(tail.childFileIdentifier);
   if (tail.streamIdentifier == ~std::uint64_t{0} || tail.streamIdentifier > streamLimit || child == nullptr ||
       tail.offset >= kChildFileSize || tail.size >= kPageSize) {
     throw InvalidParameterException();
   }
-  tails_.emplace_hint(at, tail.streamIdentifier, tail);
+  tails_.Insert(tail);
   child->usedEnd = std::max(child->usedEnd, tail.offset + tail.size);
   return true;
 }
@@ -272,6 +271,8 @@ bool ChildFileTable::Read(RefPtr<IDataStream>& stream, std::uint64_t streamLimit
   RebuildIndex();
   const std::uint64_t totalTails = SectionIO::ReadCount(stream);
   if (totalTails > streamLimit) throw FileDataCorruptException();
+  tails_.Reserve(
+      static_cast<std::size_t>(std::min(totalTails, SectionIO::Remaining(stream) / StreamTailRecord::kBytes)));
   const bool complete = SectionIO::ReadRecords(
       stream, totalTails, StreamTailRecord::kBytes,
       [this, streamLimit](const std::uint8_t* bytes) { return ReadTail(bytes, streamLimit); });

@@ -19,16 +19,19 @@
 #define TOVREL_PACKAGE_CHILDFILETABLE_H
 
 #include <cstdint>
-#include <map>
 #include <vector>
 
 #include "host/AdvancedIdentifierAllocator.h"
 #include "host/RefPtr.h"
 #include "package/FirstFitIndex.h"
+#include "package/IdentifierTable.h"
 #include "pagefile/IChildFileLookup.h"
+#include "pagefile/StreamTailRecord.h"
 #include "tovrel/IDataStream.h"
 
 namespace Tovrel {
+
+using TailTable = IdentifierTable<StreamTailRecord, &StreamTailRecord::streamIdentifier>;
 
 class ChildFileTable : public IChildFileLookup {
  public:
@@ -38,7 +41,7 @@ class ChildFileTable : public IChildFileLookup {
 
   void Clear();
   std::uint64_t GetChildFileCount() const { return children_.size(); }
-  std::uint64_t GetTailCount() const { return tails_.size(); }
+  std::uint64_t GetTailCount() const { return tails_.Size(); }
   // Child files a table may hold under a stream limit: limit / 8, at least 1.
   static std::uint64_t ChildFileLimit(std::uint64_t streamLimit);
 
@@ -49,7 +52,7 @@ class ChildFileTable : public IChildFileLookup {
   // The index-th child file's identifier, in ascending order; kNone past the count.
   std::uint64_t GetChildFileIdentifier(std::uint64_t index) const;
   // Every tail record, by stream identifier.
-  const std::map<std::uint64_t, StreamTailRecord>& GetTails() const { return tails_; }
+  const TailTable& GetTails() const { return tails_; }
 
   // The first child file, in identifier order, with at least `bytes` free;
   // kNone when no child file has room.
@@ -105,7 +108,7 @@ class ChildFileTable : public IChildFileLookup {
   std::vector<ChildFile> children_;
   NorvaneGraphics::AdvancedIdentifierAllocator identifiers_;
   FirstFitIndex freeIndex_;
-  std::map<std::uint64_t, StreamTailRecord> tails_;  // by stream identifier
+  TailTable tails_;  // by stream identifier
 };
 
 }  // namespace Tovrel

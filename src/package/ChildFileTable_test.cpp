@@ -80,10 +80,12 @@ TEST(ChildFileTableTest, ListsChildFilesInIdentifierOrderAndEveryTail) {
   EXPECT_EQ(table.GetChildFileIdentifier(0), 1u);
   EXPECT_EQ(table.GetChildFileIdentifier(1), 5u);
   EXPECT_EQ(table.GetChildFileIdentifier(2), ChildFileTable::kNone);
-  ASSERT_EQ(table.GetTails().size(), 2u);
-  EXPECT_EQ(table.GetTails().begin()->first, 2u);
-  EXPECT_EQ(table.GetTails().begin()->second.offset, 100u);
-  EXPECT_EQ(table.GetTails().rbegin()->second.streamIdentifier, 4u);
+  std::vector<StreamTailRecord> tails;
+  table.GetTails().ForEach([&tails](const StreamTailRecord& tail) { tails.push_back(tail); });
+  ASSERT_EQ(tails.size(), 2u);
+  EXPECT_EQ(tails.front().streamIdentifier, 2u);
+  EXPECT_EQ(tails.front().offset, 100u);
+  EXPECT_EQ(tails.back().streamIdentifier, 4u);
 }
 
 TEST(ChildFileTableTest, WritingWhatWasReadGivesTheSameBytes) {
@@ -97,6 +99,32 @@ TEST(ChildFileTableTest, WritingWhatWasReadGivesTheSameBytes) {
   RefPtr<IDataStream> out(memory);
   ASSERT_TRUE(table.Write(out));
   EXPECT_EQ(memory->Bytes(), static_cast<MemoryDataStream*>(original.Get())->Bytes());
+}
+
+TEST(ChildFileTableTest, TailsInAnyOrderAndFarIdentifiersAreReadAndWrittenInStreamOrder) {
+  // A limit that lets a file name identifiers far beyond its tail count:
+  // such tails are kept, and written back in ascending order.
+  const std::uint64_t far = std::uint64_t{1} << 48;
+  ChildFileTable table;
+  Section section;
+  section.Number(1).Child(0, 20, 65536 - 30, {far, 3, far - 2}).Number(3);
+  section.Tail({far, 0, 0, 0, 10}).Tail({3, 0, 1, 10, 10}).Tail({far - 2, 0, 2, 20, 10});
+  ASSERT_TRUE(ReadInto(table, section, far));
+  EXPECT_EQ(table.GetTailCount(), 3u);
+  EXPECT_EQ(table.FindTail(far)->offset, 0u);
+  EXPECT_EQ(table.FindTail(far - 2)->offset, 20u);
+  EXPECT_EQ(table.FindTail(3)->offset, 10u);
+  auto* memory = new MemoryDataStream(table.GetSaveSize());
+  RefPtr<IDataStream> out(memory);
+  ASSERT_TRUE(table.Write(out));
+  Section sorted;
+  sorted.Number(1).Child(0, 20, 65536 - 30, {far, 3, far - 2}).Number(3);
+  sorted.Tail({3, 0, 1, 10, 10}).Tail({far - 2, 0, 2, 20, 10}).Tail({far, 0, 0, 0, 10});
+  RefPtr<IDataStream> expected = sorted.Stream();
+  EXPECT_EQ(memory->Bytes(), static_cast<MemoryDataStream*>(expected.Get())->Bytes());
+  EXPECT_TRUE(table.RemoveTail(far - 2));
+  EXPECT_EQ(table.FindTail(far - 2), nullptr);
+  EXPECT_EQ(table.GetTailCount(), 2u);
 }
 
 TEST(ChildFileTableTest, BelowSixteenStreamsOneChildFileIsTheLimit) {

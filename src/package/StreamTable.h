@@ -12,10 +12,10 @@
 #define TOVREL_PACKAGE_STREAMTABLE_H
 
 #include <cstdint>
-#include <unordered_map>
 
 #include "host/AdvancedIdentifierAllocator.h"
 #include "host/RefPtr.h"
+#include "package/IdentifierTable.h"
 #include "pagefile/StreamEntry.h"
 #include "tovrel/IDataStream.h"
 
@@ -70,7 +70,7 @@ class StreamTable {
   // Invariant: an identifier is allocated here exactly when entries_ holds
   // an entry for it, and that entry carries the identifier.
   NorvaneGraphics::AdvancedIdentifierAllocator identifiers_;
-  std::unordered_map<std::uint64_t, StreamEntry> entries_;
+  IdentifierTable<StreamEntry, &StreamEntry::identifier> entries_;
 };
 
 }  // namespace Tovrel

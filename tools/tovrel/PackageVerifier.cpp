@@ -199,8 +199,7 @@ void PackageVerifier::CheckTailRecords() {
       Problem(name + ": its tail record holds " + N(tail->size) + " bytes, but its size leaves " + N(tailBytes));
     }
   }
-  for (const auto& item : children.GetTails()) {
-    const StreamTailRecord& tail = item.second;
+  children.GetTails().ForEach([&](const StreamTailRecord& tail) {
     if (streams.Find(tail.streamIdentifier) == nullptr) {
       Problem("the tail record of stream " + N(tail.streamIdentifier) + " belongs to no stream");
     }
@@ -209,15 +208,15 @@ void PackageVerifier::CheckTailRecords() {
       Problem("the tail of stream " + N(tail.streamIdentifier) + " is not where child file " +
               N(tail.childFileIdentifier) + " lists its tails (place " + N(tail.indexInChild) + ")");
     }
-  }
+  });
 }
 
 void PackageVerifier::CheckChildFileLayout(std::uint64_t childFile) {
   const ChildFileRecord& child = *package_.GetChildFileTable().FindChildFile(childFile);
   std::vector<StreamTailRecord> tails;
-  for (const auto& item : package_.GetChildFileTable().GetTails()) {
-    if (item.second.childFileIdentifier == childFile) tails.push_back(item.second);
-  }
+  package_.GetChildFileTable().GetTails().ForEach([&](const StreamTailRecord& tail) {
+    if (tail.childFileIdentifier == childFile) tails.push_back(tail);
+  });
   std::sort(tails.begin(), tails.end(),
             [](const StreamTailRecord& a, const StreamTailRecord& b) { return a.offset < b.offset; });
   const std::string name = "child file " + N(childFile);
