@@ -63,7 +63,14 @@ class IdentifierTable {
     CheckInvariants();
     const std::uint64_t id = record.*kKey;
     if (id == kAbsent || Find(id) != nullptr) return false;
-    if (id >= dense_.size() && FitsDense(id)) GrowDense(id);
+    if (id == dense_.size() && FitsDense(id)) {
+      // The next identifier (how a file's records usually come): no slot
+      // to fill, and no record of the map can lie below it.
+      dense_.push_back(record);
+      ++count_;
+      return true;
+    }
+    if (id > dense_.size() && FitsDense(id)) GrowDense(id);
     if (id < dense_.size()) {
       dense_[static_cast<std::size_t>(id)] = record;
     } else {

@@ -125,16 +125,28 @@ bool PagedFilePackage::Load() {
   RefPtr<HeadFileSeeker> reader(new HeadFileSeeker(cache_.get()));
   headSeeker_ = reader.Get();
   if (!reader->OpenForRead()) return false;
-  // The whole chain is checked now, so that a later save frees exactly its
-  // pages and never meets a broken link.
-  reader->LoadPagesUpTo(reader->pageCount - 1);
-  RefPtr<IDataStream> head(new PagedFileStream(cache_.get(), headSeeker_));
-  if (!allocator_->LoadTable(head) || !streams_.Read(head, config_.streamLimit) ||
-      !childFiles_.Read(head, config_.streamLimit) || !userData_.Read(head)) {
-    return false;
+  // The tables are read as the chain is followed, so that each of its pages
+  // is read once. The whole chain is checked too, so that a later save
+  // frees exactly its pages and never meets a broken link; and when the
+  // tables cannot be read, the chain is checked first, so that a broken
+  // chain fails the load as a broken chain, whatever the tables met.
+  bool read = false;
+  try {
+    read = ReadTables();
+  } catch (...) {
+    reader->LoadPagesUpTo(reader->pageCount - 1);
+    throw;
   }
+  reader->LoadPagesUpTo(reader->pageCount - 1);
+  if (!read) return false;
   cache_->SetSavedFreePages(allocator_->GetFreePages());
   return true;
+}
+
+bool PagedFilePackage::ReadTables() {
+  RefPtr<IDataStream> head(new PagedFileStream(cache_.get(), headSeeker_));
+  return allocator_->LoadTable(head) && streams_.Read(head, config_.streamLimit) &&
+         childFiles_.Read(head, config_.streamLimit) && userData_.Read(head);
 }
 
 bool PagedFilePackage::Reload() {

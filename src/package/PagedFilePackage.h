@@ -133,6 +133,8 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
 
  private:
   void SwapState(PagedFilePackage& other);
+  // The four tables from the head stream, in file order.
+  bool ReadTables();
   // Drops the cache's unsaved pages and rolls the file back to the last
   // save; false when that fails (the cache has then closed itself).
   bool RollBackPageWrites();

@@ -70,6 +70,9 @@ void HeadFileSeeker::LoadPage(std::uint64_t k) {
   const std::uint64_t id = nextIds_[k - 1];
   if (IsPageId(id) && IsMarked(seen_, id)) throw FileDataCorruptException();
   pageIds_[k] = id;
+  // A head chain is usually written on consecutive pages: the pages after
+  // this one come in the same file call, ready for the next links.
+  if (IsPageId(id) && !cache_->IsCached(id)) cache_->Prefetch(id, pageCount - k);
   PageRef page(cache_);
   const std::uint8_t* data = page.AcquireForRead(id);
   if (data == nullptr) throw FileDataCorruptException();

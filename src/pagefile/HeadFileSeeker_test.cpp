@@ -56,12 +56,17 @@ TEST_F(HeadFileSeekerTest, OpeningReadsOnlyTheFirstPage) {
   EXPECT_EQ(seeker->pageIds[0], 10u);
   EXPECT_EQ(seeker->pageIds[1], 0u);
   EXPECT_EQ(seeker->GetLastPreparedIndex(), 0u);
+  // The chain's pages follow each other in the file: the first link read
+  // brings the rest of the chain in one call, and only the links asked
+  // for are followed.
   seeker->LoadPagesUpTo(2);
-  EXPECT_EQ(FileFaults::Calls(FileCall::kRead), 3u);
+  EXPECT_EQ(FileFaults::Calls(FileCall::kRead), 2u);
   EXPECT_EQ(seeker->pageIds[2], 12u);
   EXPECT_EQ(seeker->pageIds[3], 0u);
   EXPECT_EQ(seeker->GetLastPreparedIndex(), 2u);
+  EXPECT_TRUE(cache.IsCached(13));
   seeker->LoadPagesUpTo(3);
+  EXPECT_EQ(FileFaults::Calls(FileCall::kRead), 2u);
   EXPECT_EQ(seeker->pageRanges[3].end, 116u);
   ExpectNothingPinned(cache);
 }
@@ -188,7 +193,9 @@ TEST_F(HeadFileSeekerTest, AReadFailurePassesThroughWithItsErrno) {
   FilePageCache cache(path_.c_str(), 4);
   RefPtr<HeadFileSeeker> seeker(new HeadFileSeeker(&cache));
   ASSERT_TRUE(seeker->OpenForRead());
-  FileFaults::FailNth(FileCall::kRead, 1, 5);
+  // Every read fails: the read ahead of the chain's next pages, and the
+  // page's own read after it.
+  FileFaults::FailNth(FileCall::kRead, 1, 5, true);
   try {
     seeker->LoadPagesUpTo(3);
     FAIL() << "no exception";
