@@ -4,6 +4,7 @@
 
 #include "package/PagedFilePackage.h"
 #include "package/SectionIO.h"
+#include "pagefile/FileDataCorruptException.h"
 #include "pagefile/LittleEndian.h"
 #include "support/HeadChainFile.h"
 #include "support/PackageTesting.h"
@@ -158,6 +159,31 @@ TEST_F(PackageFormatTest, ALongHeadChainHasFullPagesLinkedByTheirHeaders) {
   }
   EXPECT_EQ(next, 0u);
   EXPECT_EQ(HeadPayload(file).size(), size);
+}
+
+TEST_F(PackageFormatTest, ABrokenLinkInTheHeadChainFailsTheLoadAsCorruptWhereverItIs) {
+  {
+    RefPtr<IDataStreamSet> package = Create();
+    for (int i = 0; i < 1200; ++i) package->CreateStream(1);
+  }
+  const auto file = TempDir::ReadAll(path_);
+  ASSERT_GE(At(file, 0), 4u);
+  std::vector<std::uint64_t> chain{10};
+  for (std::uint64_t next = At(file, 16); next != 0; next = At(file, PageOffset(next))) chain.push_back(next);
+  ASSERT_EQ(chain.size(), At(file, 0));
+  // A link back to the first page, in the middle of the tables and on the
+  // page before the last; and a link past the end of the file.
+  for (const auto& broken :
+       {std::make_pair(chain[1], std::uint64_t{10}), std::make_pair(chain[chain.size() - 2], chain[1]),
+        std::make_pair(chain[1], std::uint64_t{1000000})}) {
+    const auto original = TempDir::ReadAll(path_);
+    HeadChainFile::Patch(path_, broken.first, 0, broken.second);
+    RefPtr<PagedFilePackage> package(new PagedFilePackage(PackageTesting::Config(path_, 16, 65535)));
+    EXPECT_THROW(package->Load(), FileDataCorruptException) << broken.first << " -> " << broken.second;
+    package.Reset();
+    TempDir::WriteAll(path_, original);
+  }
+  EXPECT_TRUE(Open());
 }
 
 // A payload of the four sections with the given stream entries and no
