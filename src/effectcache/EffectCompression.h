@@ -2,7 +2,7 @@
 //
 // An effect is stored as one complete zlib stream (header, deflate data,
 // Adler-32 trailer), exactly as zlib's compress2 writes it, and read back
-// whole with uncompress. Compress writes into a buffer of CompressBound
+// whole as uncompress reads it. Compress writes into a buffer of CompressBound
 // bytes. Stateless; safe from any thread.
 #ifndef TOVREL_EFFECTCACHE_EFFECTCOMPRESSION_H
 #define TOVREL_EFFECTCACHE_EFFECTCOMPRESSION_H
@@ -33,7 +33,10 @@ class EffectCompression {
                             std::uint64_t sourceLen, int level);
 
   // Decompresses a whole zlib stream into dest (destLen bytes of room; on
-  // success the decompressed size). Returns zlib's status.
+  // success the decompressed size). Returns what zlib's uncompress returns,
+  // with the same bytes: a stream as compress2 writes it is inflated and
+  // its Adler-32 checked here (Adler32, faster than zlib's own check);
+  // every other input goes to uncompress itself.
   static int DecompressEffect(std::uint8_t* dest, std::uint64_t& destLen, const std::uint8_t* source,
                               std::uint64_t sourceLen);
 };

@@ -110,5 +110,82 @@ TEST(EffectCompressionTest, DamagedStreamsAreRefusedByDecompression) {
   EXPECT_EQ(EffectCompression::DecompressEffect(back.data(), backLength, out.data(), length), Z_BUF_ERROR);
 }
 
+
+// What zlib's uncompress gives for `source` with `room` bytes of room.
+struct Outcome {
+  int status;
+  std::uint64_t length;
+  std::vector<std::uint8_t> bytes;
+  bool operator==(const Outcome& o) const { return status == o.status && length == o.length && bytes == o.bytes; }
+};
+
+Outcome ByUncompress(const std::vector<std::uint8_t>& source, std::uint64_t room) {
+  Outcome outcome{0, room, std::vector<std::uint8_t>(room + 1, 0xEE)};
+  uLongf length = static_cast<uLongf>(room);
+  outcome.status = uncompress(outcome.bytes.data(), &length, source.data(), static_cast<uLong>(source.size()));
+  outcome.length = length;
+  if (outcome.status == Z_OK) outcome.bytes.resize(length);
+  return outcome;
+}
+
+Outcome ByDecompressEffect(const std::vector<std::uint8_t>& source, std::uint64_t room) {
+  Outcome outcome{0, room, std::vector<std::uint8_t>(room + 1, 0xEE)};
+  outcome.status = EffectCompression::DecompressEffect(outcome.bytes.data(), outcome.length, source.data(),
+                                                       source.size());
+  if (outcome.status == Z_OK) outcome.bytes.resize(outcome.length);
+  return outcome;
+}
+
+TEST(EffectCompressionTest, DecompressionGivesWhatUncompressGivesForEveryDamage) {
+  // Streams as the cache writes them, then damaged in every way a file can
+  // damage them: a byte changed anywhere (header, data, checksum), cut
+  // short, bytes appended, another header; and read into too little, just
+  // enough and more room. Status, length and bytes must all be zlib's.
+  std::mt19937 random(11);
+  std::size_t compared = 0, succeeded = 0;
+  for (std::size_t size : {1u, 31u, 32u, 33u, 700u, 5536u, 5537u, 20000u, 70000u}) {
+    std::vector<std::uint8_t> input = RandomBytes(size, static_cast<unsigned>(size));
+    for (std::size_t i = 0; i < size; i += 3) input[i] = static_cast<std::uint8_t>(i % 7);  // compressible
+    std::vector<std::uint8_t> stream(EffectCompression::CompressBound(size));
+    std::uint64_t length = stream.size();
+    ASSERT_EQ(EffectCompression::CompressEffect(stream.data(), length, input.data(), size, 2), 0);
+    stream.resize(length);
+    std::vector<std::vector<std::uint8_t>> damaged{stream};
+    for (int k = 0; k < 40; ++k) {
+      auto copy = stream;
+      copy[random() % copy.size()] ^= static_cast<std::uint8_t>(1 + random() % 255);
+      damaged.push_back(copy);
+    }
+    for (std::size_t cut : {std::size_t{0}, std::size_t{1}, std::size_t{2}, std::size_t{5}, length - 4, length - 1}) {
+      damaged.emplace_back(stream.begin(), stream.begin() + static_cast<std::ptrdiff_t>(cut));
+    }
+    auto longer = stream;
+    longer.insert(longer.end(), {1, 2, 3});
+    damaged.push_back(longer);
+    for (std::uint8_t header : {0x08, 0x58, 0x68, 0x88}) {  // other windows and methods, checksummed header
+      auto other = stream;
+      other[0] = header;
+      other[1] = static_cast<std::uint8_t>(31 - (header * 256u) % 31);
+      damaged.push_back(other);
+    }
+    auto dictionary = stream;
+    dictionary[1] = static_cast<std::uint8_t>((dictionary[1] | 0x20) & 0xE0);
+    dictionary[1] = static_cast<std::uint8_t>(dictionary[1] + (31 - (0x78 * 256u + dictionary[1]) % 31) % 31);
+    damaged.push_back(dictionary);
+    for (const auto& source : damaged) {
+      for (std::uint64_t room : {std::uint64_t{1}, std::uint64_t{size - (size > 1 ? 1 : 0)}, std::uint64_t{size},
+                                 std::uint64_t{size + 100}}) {
+        const Outcome expected = ByUncompress(source, room);
+        ASSERT_TRUE(ByDecompressEffect(source, room) == expected)
+            << "size " << size << " room " << room << " source " << source.size() << " zlib " << expected.status;
+        ++compared;
+        if (expected.status == Z_OK) ++succeeded;
+      }
+    }
+  }
+  EXPECT_GT(compared, 1000u);
+  EXPECT_GT(succeeded, 50u);  // the unharmed streams, and those harmed only past their end
+}
+
 }  // namespace
 }  // namespace Tovrel
