@@ -1,5 +1,7 @@
 #include "pagefile/HeadFileSeeker.h"
 
+#include <algorithm>
+
 #include "pagefile/FileDataCorruptException.h"
 #include "pagefile/InvalidParameterException.h"
 #include "pagefile/LittleEndian.h"
@@ -28,6 +30,7 @@ HeadFileSeeker::HeadFileSeeker(FilePageCache* cache) : BaseHeadFileSeeker(cache)
 bool HeadFileSeeker::OpenForRead() {
   ResetTable();
   seen_.clear();
+  consecutive_ = 0;
   PageRef page(cache_);
   const std::uint8_t* data = page.AcquireForRead(kFirstPageId);
   if (data == nullptr) throw FileDataCorruptException();
@@ -70,9 +73,10 @@ void HeadFileSeeker::LoadPage(std::uint64_t k) {
   const std::uint64_t id = nextIds_[k - 1];
   if (IsPageId(id) && IsMarked(seen_, id)) throw FileDataCorruptException();
   pageIds_[k] = id;
-  // A head chain is usually written on consecutive pages: the pages after
-  // this one come in the same file call, ready for the next links.
-  if (IsPageId(id) && !cache_->IsCached(id)) cache_->Prefetch(id, pageCount - k);
+  consecutive_ = id == pageIds_[k - 1] + 1 ? consecutive_ + 1 : 0;
+  if (consecutive_ > 0 && IsPageId(id) && !cache_->IsCached(id)) {
+    cache_->Prefetch(id, std::min(2 * consecutive_, pageCount - k));
+  }
   PageRef page(cache_);
   const std::uint8_t* data = page.AcquireForRead(id);
   if (data == nullptr) throw FileDataCorruptException();

@@ -56,19 +56,47 @@ TEST_F(HeadFileSeekerTest, OpeningReadsOnlyTheFirstPage) {
   EXPECT_EQ(seeker->pageIds[0], 10u);
   EXPECT_EQ(seeker->pageIds[1], 0u);
   EXPECT_EQ(seeker->GetLastPreparedIndex(), 0u);
-  // The chain's pages follow each other in the file: the first link read
-  // brings the rest of the chain in one call, and only the links asked
-  // for are followed.
+  // The chain's pages follow each other in the file: the first link to
+  // the next page brings that page and the one after in one call; only
+  // the links asked for are followed.
   seeker->LoadPagesUpTo(2);
   EXPECT_EQ(FileFaults::Calls(FileCall::kRead), 2u);
   EXPECT_EQ(seeker->pageIds[2], 12u);
   EXPECT_EQ(seeker->pageIds[3], 0u);
   EXPECT_EQ(seeker->GetLastPreparedIndex(), 2u);
-  EXPECT_TRUE(cache.IsCached(13));
+  EXPECT_FALSE(cache.IsCached(13));
   seeker->LoadPagesUpTo(3);
-  EXPECT_EQ(FileFaults::Calls(FileCall::kRead), 2u);
+  EXPECT_EQ(FileFaults::Calls(FileCall::kRead), 3u);
   EXPECT_EQ(seeker->pageRanges[3].end, 116u);
   ExpectNothingPinned(cache);
+}
+
+TEST_F(HeadFileSeekerTest, AChainOnConsecutivePagesIsReadInFewCallsAndAScatteredOneInOneCallAPage) {
+  const std::uint64_t pages = 200;
+  const std::uint64_t size = 8160 + (pages - 2) * 8176 + 50;
+  for (const bool scattered : {false, true}) {
+    std::vector<std::uint64_t> ids{10};
+    // Scattered: every second page from the end of the file down, so that
+    // no link leads to the page after its own.
+    for (std::uint64_t k = 1; k < pages; ++k) ids.push_back(scattered ? 10 + 2 * (pages - k) : 10 + k);
+    {
+      FilePageCache cache(path_.c_str(), 64);
+      HeadChainFile::Write(cache, ids, HeadChainFile::Payload(size, 5));
+    }
+    FilePageCache cache(path_.c_str(), 64);
+    RefPtr<HeadFileSeeker> seeker(new HeadFileSeeker(&cache));
+    FileFaults::StartCounting();
+    ASSERT_TRUE(seeker->OpenForRead());
+    seeker->LoadPagesUpTo(pages - 1);
+    for (std::uint64_t k = 0; k < pages; ++k) ASSERT_EQ(seeker->pageIds[k], ids[k]) << k;
+    if (scattered) {
+      EXPECT_EQ(FileFaults::Calls(FileCall::kRead), pages);
+    } else {
+      EXPECT_LE(FileFaults::Calls(FileCall::kRead), pages / 8);
+    }
+    ExpectNothingPinned(cache);
+    FileFaults::Reset();
+  }
 }
 
 TEST_F(HeadFileSeekerTest, AFirstPageCountOfZeroIsCorruption) {
