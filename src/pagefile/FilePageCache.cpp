@@ -328,6 +328,17 @@ void FilePageCache::Prefetch(std::uint64_t firstPageId, std::uint64_t pages) {
   }
 }
 
+std::uint64_t FilePageCache::ReadUncached(std::uint64_t firstPageId, std::uint64_t pages, std::uint8_t* into) {
+  CheckInvariants();
+  if (file_ == nullptr || into == nullptr || !IsPageId(firstPageId)) return 0;
+  const std::uint64_t first = firstPageId - kFirstPageId;
+  std::uint64_t n = 0;
+  while (n < pages && IsPageId(firstPageId + n) && ReadableAsFiled(first + n)) ++n;
+  if (n == 0) return 0;
+  PageFileIO::ReadPage(file_, fileLength_, into, first * kPageSize, n);
+  return n;
+}
+
 void FilePageCache::EnsureFileCoversPage(std::uint64_t pageId) {
   const std::uint64_t needed = pageId * kPageSize - kFirstPageId * kPageSize + kPageSize;
   if (needed > fileLength_) {

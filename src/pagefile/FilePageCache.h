@@ -120,6 +120,13 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // fails, it reads nothing and GetPage does the work as always.
   void Prefetch(std::uint64_t firstPageId, std::uint64_t pages);
 
+  // Reads pages firstPageId, firstPageId + 1, ... (at most `pages`, up to
+  // the first that is cached, waits to be written, lies past the file or
+  // has a saved image that a journal overlays) straight from the file into
+  // `into`, in one file call, without caching them; the number read.
+  // FileIOException when the file call fails.
+  std::uint64_t ReadUncached(std::uint64_t firstPageId, std::uint64_t pages, std::uint8_t* into);
+
   // Grows the file with zeros so that the page lies inside it.
   void EnsureFileCoversPage(std::uint64_t pageId);
 

@@ -153,6 +153,11 @@ std::uint64_t PagedFileStream::Transfer(std::uint8_t* readInto, const std::uint8
   std::uint64_t done = 0;
   try {
     while (done < count) {
+      if (!forWrite && held.Data() == nullptr) {
+        const std::uint64_t direct = ReadWholePages(readInto + done, count - done);
+        done += direct;
+        if (direct != 0) continue;
+      }
       if (!HoldCurrentPage(held, forWrite, count - done)) break;
       seeker_->LoadPagesUpTo(cursor_.pageIndex);
       const std::uint64_t end = seeker_->pageRanges[cursor_.pageIndex].end;
@@ -172,6 +177,34 @@ std::uint64_t PagedFileStream::Transfer(std::uint8_t* readInto, const std::uint8
     // A page that could not be had ends the transfer, as a missing one does.
   }
   return done;
+}
+
+std::uint64_t PagedFileStream::ReadWholePages(std::uint8_t* into, std::uint64_t count) {
+  // Pages read this way bypass the cache: a reader going through a large
+  // stream copies each byte once and leaves the cache as it was.
+  const std::uint64_t first = cursor_.pageIndex;
+  if (cursor_.offsetInPage != 0 || count < kPageSize || first >= seeker_->pageCount) return 0;
+  std::uint64_t n = 0;
+  for (; n < count / kPageSize && first + n < seeker_->pageCount; ++n) {
+    seeker_->LoadPagesUpTo(first + n);
+    const PageRange& range = seeker_->pageRanges[first + n];
+    if (range.begin != 0 || range.end != kPageSize || seeker_->pageIds[first + n] != seeker_->pageIds[first] + n) {
+      break;
+    }
+  }
+  if (n == 0) return 0;
+  const std::uint64_t read = cache_->ReadUncached(seeker_->pageIds[first], n, into);
+  if (read == 0) return 0;
+  cursor_.position = Wrap32(cursor_.position, read * kPageSize);
+  if (first + read < seeker_->pageCount) {
+    seeker_->LoadPagesUpTo(first + read);
+    cursor_.pageIndex = first + read;
+    cursor_.offsetInPage = seeker_->pageRanges[first + read].begin;
+  } else {
+    cursor_.pageIndex = first + read - 1;
+    cursor_.offsetInPage = kPageSize;
+  }
+  return read * kPageSize;
 }
 
 std::uint64_t PagedFileStream::BytesLeftInPage(const PageCursor& at) const {

@@ -80,6 +80,11 @@ class PagedFileStream : public IDataStream {
   // file call when they follow each other in the file.
   bool HoldCurrentPage(PageRef& held, bool forWrite, std::uint64_t bytes);
   std::uint64_t PagesAhead(std::uint64_t bytes) const;
+  // Reads the whole pages from the cursor on that follow each other in the
+  // file, that the cache does not hold and that `count` bytes cover,
+  // straight from the file into `into`, and moves the cursor past them;
+  // the bytes read (0 when there are no such pages).
+  std::uint64_t ReadWholePages(std::uint8_t* into, std::uint64_t count);
   bool StepToNextPage();
   bool TargetCursor(StreamCursor& next, std::uint32_t origin, std::int32_t offset);
   std::uint64_t BytesLeftInPage(const PageCursor& at) const;

@@ -269,11 +269,60 @@ TEST_F(PagedFileStreamTest, APageThatCannotBeHadShortensTheTransferWithoutThrowi
   }
   cache.Close();
   cache.Open(path_.c_str(), 1);
-  FileFaults::FailNth(FileCall::kRead, 2, EIO);
+  // Both whole pages come in one call straight into the buffer: when it
+  // fails, nothing is read.
+  FileFaults::FailNth(FileCall::kRead, 1, EIO);
   std::vector<std::uint8_t> back(bytes.size());
-  EXPECT_EQ(stream->Read(back.data(), back.size()), 8192u);
+  EXPECT_EQ(stream->Read(back.data(), back.size()), 0u);
+  EXPECT_EQ(stream->GetPosition(), 0u);
+  // Read in parts smaller than a page, through the cache: the second
+  // page's read fails, and the transfer ends after the first page.
+  FileFaults::FailNth(FileCall::kRead, 2, EIO);
+  std::uint64_t done = 0;
+  for (std::uint64_t got = 1; got != 0 && done < back.size(); done += got) {
+    got = stream->Read(back.data() + done, 4096);
+  }
+  EXPECT_EQ(done, 8192u);
   EXPECT_EQ(stream->GetPosition(), 8192u);
   EXPECT_TRUE(std::equal(back.begin(), back.begin() + 8192, bytes.begin()));
+}
+
+TEST_F(PagedFileStreamTest, WholePagesAreReadStraightFromTheFileAroundThoseTheCacheHolds) {
+  // Eight consecutive pages; page 3 is held (pinned) and page 5 changed in
+  // the cache and not yet written: a read of the whole stream gives every
+  // byte as the stream holds it, takes the held and changed pages from the
+  // cache, reads the others from the file in runs, and caches none of them.
+  FilePageCache cache(path_.c_str(), 4);
+  RefPtr<PagedFileStream> stream = ChainStream(cache, 8 * 8192, 0);
+  auto bytes = Pattern(8 * 8192, 9);
+  ASSERT_EQ(stream->Write(bytes.data(), bytes.size()), bytes.size());
+  stream->ReleasePages();
+  cache.Close();
+  cache.Open(path_.c_str(), 4);
+  const auto& ids = chains_.back()->seeker->pageIds;
+  for (std::uint64_t k = 1; k < 8; ++k) ASSERT_EQ(ids[k], ids[0] + k);
+  PageRef held(&cache);
+  ASSERT_NE(held.AcquireForRead(ids[3]), nullptr);
+  {
+    PageRef changed(&cache);
+    std::uint8_t* data = changed.AcquireForWrite(ids[5]);
+    ASSERT_NE(data, nullptr);
+    data[100] ^= 0xFF;
+    bytes[5 * 8192 + 100] ^= 0xFF;
+  }
+  FileFaults::StartCounting();
+  ASSERT_TRUE(stream->Seek(0, 0));
+  std::vector<std::uint8_t> back(bytes.size());
+  EXPECT_EQ(stream->Read(back.data(), back.size()), bytes.size());
+  EXPECT_EQ(back, bytes);
+  EXPECT_EQ(stream->GetPosition(), bytes.size());
+  EXPECT_EQ(FileFaults::Calls(FileCall::kRead), 3u);  // pages 0-2, 4, 6-7
+  for (std::uint64_t k : {0, 1, 2, 4, 6, 7}) EXPECT_FALSE(cache.IsCached(ids[k])) << k;
+  EXPECT_EQ(stream->Read(back.data(), 1), 0u);  // at the end
+  // And a read from the middle of a page goes through the cache.
+  ASSERT_TRUE(stream->Seek(0, 8192 + 10));
+  EXPECT_EQ(stream->Read(back.data(), 8192), 8192u);
+  EXPECT_TRUE(std::equal(back.begin(), back.begin() + 8192, bytes.begin() + 8192 + 10));
 }
 
 TEST_F(PagedFileStreamTest, ReleasePagesUnpinsBoth) {
