@@ -300,7 +300,7 @@ bool EffectCacheImpl::FindInFile(const std::string& key, Tab<unsigned char>& dat
   EffectRecord* found = fileEffects_.Find(key);
   if (found == nullptr || !package_) return false;
   EffectRecord& record = *found;
-  Tab<unsigned char> compressed;
+  Tab<unsigned char>& compressed = searchBuffer_;
   EffectPayload::Result result = EffectPayload::Result::kNoStream;
   try {
     result = EffectPayload::ReadCompressed(*package_, record, compressed);

@@ -223,6 +223,9 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // Entries whose bytes were found unreadable, with the stream they named;
   // the next save drops them from the index (a save is due while any is).
   std::map<std::string, std::uint64_t, EffectNameOrder> damaged_;
+  // A search's compressed bytes, kept between searches so that each one
+  // does not allocate its own; meaningful only during a search.
+  Tab<unsigned char> searchBuffer_;
   // Estimate of what pendingEffects_ will add to the file: 44 + 8 + name
   // + 8 + size per CacheCompiledEffect call (a replaced effect counts again).
   std::uint64_t pendingBytes_;
