@@ -15,7 +15,6 @@
 #ifndef TOVREL_PACKAGE_IDENTIFIERTABLE_H
 #define TOVREL_PACKAGE_IDENTIFIERTABLE_H
 
-#include <algorithm>
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
@@ -63,14 +62,7 @@ class IdentifierTable {
     CheckInvariants();
     const std::uint64_t id = record.*kKey;
     if (id == kAbsent || Find(id) != nullptr) return false;
-    if (id == dense_.size() && FitsDense(id)) {
-      // The next identifier (how a file's records usually come): no slot
-      // to fill, and no record of the map can lie below it.
-      dense_.push_back(record);
-      ++count_;
-      return true;
-    }
-    if (id > dense_.size() && FitsDense(id)) GrowDense(id);
+    if (id >= dense_.size() && FitsDense(id)) GrowDense(id);
     if (id < dense_.size()) {
       dense_[static_cast<std::size_t>(id)] = record;
     } else {
@@ -121,9 +113,13 @@ class IdentifierTable {
   }
 
   void GrowDense(std::uint64_t identifier) {
-    const auto size = static_cast<std::size_t>(identifier + 1);
-    if (size > dense_.capacity()) dense_.reserve(std::max(size, dense_.capacity() + dense_.capacity() / 2));
-    dense_.resize(size, EmptySlot());
+    if (identifier == dense_.size()) {
+      // The next identifier (how a file's records usually come): one slot
+      // at the end, and no record of the map can lie below it.
+      dense_.push_back(EmptySlot());
+      return;
+    }
+    dense_.resize(static_cast<std::size_t>(identifier + 1), EmptySlot());
     // Records of the map that the array now covers move into it.
     while (!sparse_.empty() && sparse_.begin()->first < dense_.size()) {
       dense_[static_cast<std::size_t>(sparse_.begin()->first)] = sparse_.begin()->second;

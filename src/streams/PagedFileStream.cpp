@@ -195,15 +195,12 @@ std::uint64_t PagedFileStream::ReadWholePages(std::uint8_t* into, std::uint64_t 
   if (n == 0) return 0;
   const std::uint64_t read = cache_->ReadUncached(seeker_->pageIds[first], n, into);
   if (read == 0) return 0;
+  // The cursor ends where a transfer through the cache would leave it: at
+  // the end of the last page read, then on the next page if there is one.
   cursor_.position = Wrap32(cursor_.position, read * kPageSize);
-  if (first + read < seeker_->pageCount) {
-    seeker_->LoadPagesUpTo(first + read);
-    cursor_.pageIndex = first + read;
-    cursor_.offsetInPage = seeker_->pageRanges[first + read].begin;
-  } else {
-    cursor_.pageIndex = first + read - 1;
-    cursor_.offsetInPage = kPageSize;
-  }
+  cursor_.pageIndex = first + read - 1;
+  cursor_.offsetInPage = kPageSize;
+  StepToNextPage();
   return read * kPageSize;
 }
 
