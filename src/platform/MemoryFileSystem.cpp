@@ -208,6 +208,12 @@ std::vector<std::uint8_t> MemoryFileSystem::ReadAll(const std::wstring& path) co
   return found == files_.end() ? std::vector<std::uint8_t>() : found->second->content.ToVector();
 }
 
+bool MemoryFileSystem::Holds(const std::wstring& path, const std::uint8_t* bytes, std::size_t count) const {
+  std::lock_guard<std::mutex> guard(lock_);
+  const auto found = files_.find(path);
+  return found != files_.end() && found->second->content.Equals(bytes, count);
+}
+
 void MemoryFileSystem::WriteAll(const std::wstring& path, const std::vector<std::uint8_t>& bytes) {
   std::lock_guard<std::mutex> guard(lock_);
   auto file = std::make_shared<File>();

@@ -73,6 +73,8 @@ class MemoryFileSystem : public FileSystem {
   // What the system holds for a file (empty when there is none), and a
   // file put in place as if written and synced long ago.
   std::vector<std::uint8_t> ReadAll(const std::wstring& path) const;
+  // True when the system holds exactly these bytes for a file that exists.
+  bool Holds(const std::wstring& path, const std::uint8_t* bytes, std::size_t count) const;
   void WriteAll(const std::wstring& path, const std::vector<std::uint8_t>& bytes);
   std::vector<std::wstring> ListFiles() const;
   // Changes made since the file's last sync (0 when there is no file).

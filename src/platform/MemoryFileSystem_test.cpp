@@ -63,6 +63,21 @@ TEST_F(MemoryFileSystemTest, ModesBehaveAsTheCRuntimesDo) {
   EXPECT_TRUE(PlatformFile::Exists(L"a"));
 }
 
+TEST_F(MemoryFileSystemTest, HoldsComparesWhatTheSystemHolds) {
+  const Bytes bytes{1, 2, 3, 4};
+  EXPECT_FALSE(Fs().Holds(L"f", bytes.data(), bytes.size()));
+  EXPECT_FALSE(Fs().Holds(L"f", nullptr, 0));  // no file is not an empty file
+  Fs().WriteAll(L"f", bytes);
+  EXPECT_TRUE(Fs().Holds(L"f", bytes.data(), bytes.size()));
+  FileHandle* file = PlatformFile::Open(L"f", "r+b");
+  ASSERT_NE(file, nullptr);
+  WriteAt(file, 2, Bytes{9});
+  PlatformFile::Close(file);
+  EXPECT_FALSE(Fs().Holds(L"f", bytes.data(), bytes.size()));
+  const Bytes changed{1, 2, 9, 4};
+  EXPECT_TRUE(Fs().Holds(L"f", changed.data(), changed.size()));
+}
+
 TEST_F(MemoryFileSystemTest, AWholeItemIsCountedOnlyWhenAllItsBytesMove) {
   Fs().WriteAll(L"f", Bytes(100, 5));
   FileHandle* file = PlatformFile::Open(L"f", "rb");

@@ -2,29 +2,101 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 
 namespace Tovrel {
+
+namespace {
+
+// Blocks of files that went away, for the next ones. Never destroyed, so
+// that files of static lifetime can still go at exit.
+struct SparePool {
+  std::mutex lock;
+  std::vector<std::uint8_t*> blocks;  // at most kMostSpareBlocks
+};
+
+SparePool& Spares() {
+  static SparePool* const pool = new SparePool;
+  return *pool;
+}
+
+// The first of `blocks` (sorted by index) whose index is not below `index`.
+template <typename Blocks>
+auto LowerBound(Blocks& blocks, std::uint64_t index) -> decltype(blocks.begin()) {
+  return std::lower_bound(blocks.begin(), blocks.end(), index,
+                          [](const auto& block, std::uint64_t i) { return block.first < i; });
+}
+
+}  // namespace
+
+void SparseBytes::BlockReturn::operator()(std::uint8_t* block) const {
+  if (block == nullptr) return;
+  SparePool& pool = Spares();
+  {
+    std::lock_guard<std::mutex> hold(pool.lock);
+    if (pool.blocks.size() < kMostSpareBlocks) {
+      pool.blocks.push_back(block);
+      return;
+    }
+  }
+  delete[] block;
+}
+
+SparseBytes::Block SparseBytes::NewBlock() {
+  std::uint8_t* block = nullptr;
+  SparePool& pool = Spares();
+  {
+    std::lock_guard<std::mutex> hold(pool.lock);
+    if (!pool.blocks.empty()) {
+      block = pool.blocks.back();
+      pool.blocks.pop_back();
+    }
+  }
+  if (block == nullptr) block = new std::uint8_t[kBlockSize];
+  std::memset(block, 0, kBlockSize);
+  return Block(block);
+}
 
 SparseBytes::SparseBytes(const SparseBytes& other) : size_(0) { *this = other; }
 
 SparseBytes& SparseBytes::operator=(const SparseBytes& other) {
   if (this == &other) return *this;
   blocks_.clear();
+  blocks_.reserve(other.blocks_.size());
   for (const auto& block : other.blocks_) {
-    std::unique_ptr<std::uint8_t[]> copy(new std::uint8_t[kBlockSize]);
+    Block copy = NewBlock();
     std::memcpy(copy.get(), block.second.get(), kBlockSize);
-    blocks_.emplace(block.first, std::move(copy));
+    blocks_.emplace_back(block.first, std::move(copy));
   }
   size_ = other.size_;
   return *this;
 }
 
+const std::uint8_t* SparseBytes::Find(std::uint64_t index) const {
+  const auto found = LowerBound(blocks_, index);
+  return found != blocks_.end() && found->first == index ? found->second.get() : nullptr;
+}
+
+std::uint8_t* SparseBytes::Get(std::uint64_t index) {
+  // Files mostly grow at their end: the new block then goes last.
+  if (!blocks_.empty() && blocks_.back().first == index) return blocks_.back().second.get();
+  if (blocks_.empty() || blocks_.back().first < index) {
+    blocks_.emplace_back(index, NewBlock());
+    return blocks_.back().second.get();
+  }
+  const auto found = LowerBound(blocks_, index);
+  if (found->first == index) return found->second.get();
+  return blocks_.emplace(found, index, NewBlock())->second.get();
+}
+
 void SparseBytes::Resize(std::uint64_t size) {
   if (size < size_) {
-    blocks_.erase(blocks_.lower_bound((size + kBlockSize - 1) / kBlockSize), blocks_.end());
+    const std::uint64_t firstGone = (size + kBlockSize - 1) / kBlockSize;
+    blocks_.erase(LowerBound(blocks_, firstGone), blocks_.end());
     const std::uint64_t inBlock = size % kBlockSize;
-    const auto last = blocks_.find(size / kBlockSize);
-    if (inBlock != 0 && last != blocks_.end()) std::memset(last->second.get() + inBlock, 0, kBlockSize - inBlock);
+    if (inBlock != 0 && !blocks_.empty() && blocks_.back().first == size / kBlockSize) {
+      std::memset(blocks_.back().second.get() + inBlock, 0, kBlockSize - inBlock);
+    }
   }
   size_ = size;
 }
@@ -32,15 +104,9 @@ void SparseBytes::Resize(std::uint64_t size) {
 void SparseBytes::Write(std::uint64_t offset, const std::uint8_t* bytes, std::size_t count) {
   if (offset + count > size_) size_ = offset + count;
   while (count > 0) {
-    const std::uint64_t index = offset / kBlockSize;
     const std::uint64_t inBlock = offset % kBlockSize;
     const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(count, kBlockSize - inBlock));
-    std::unique_ptr<std::uint8_t[]>& block = blocks_[index];
-    if (!block) {
-      block.reset(new std::uint8_t[kBlockSize]);
-      std::memset(block.get(), 0, kBlockSize);
-    }
-    std::memcpy(block.get() + inBlock, bytes, n);
+    std::memcpy(Get(offset / kBlockSize) + inBlock, bytes, n);
     offset += n;
     bytes += n;
     count -= n;
@@ -52,14 +118,13 @@ std::size_t SparseBytes::Read(std::uint64_t offset, std::uint8_t* bytes, std::si
   const std::size_t total = static_cast<std::size_t>(std::min<std::uint64_t>(count, size_ - offset));
   std::size_t left = total;
   while (left > 0) {
-    const std::uint64_t index = offset / kBlockSize;
     const std::uint64_t inBlock = offset % kBlockSize;
     const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(left, kBlockSize - inBlock));
-    const auto block = blocks_.find(index);
-    if (block == blocks_.end()) {
+    const std::uint8_t* const block = Find(offset / kBlockSize);
+    if (block == nullptr) {
       std::memset(bytes, 0, n);
     } else {
-      std::memcpy(bytes, block->second.get() + inBlock, n);
+      std::memcpy(bytes, block + inBlock, n);
     }
     offset += n;
     bytes += n;
@@ -72,6 +137,21 @@ std::vector<std::uint8_t> SparseBytes::ToVector() const {
   std::vector<std::uint8_t> bytes(static_cast<std::size_t>(size_));
   Read(0, bytes.data(), bytes.size());
   return bytes;
+}
+
+bool SparseBytes::Equals(const std::uint8_t* bytes, std::size_t count) const {
+  if (count != size_) return false;
+  for (std::uint64_t offset = 0; offset < count;) {
+    const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(count - offset, kBlockSize));
+    const std::uint8_t* const block = Find(offset / kBlockSize);
+    if (block != nullptr) {
+      if (std::memcmp(block, bytes + offset, n) != 0) return false;
+    } else if (std::any_of(bytes + offset, bytes + offset + n, [](std::uint8_t byte) { return byte != 0; })) {
+      return false;
+    }
+    offset += n;
+  }
+  return true;
 }
 
 }  // namespace Tovrel
