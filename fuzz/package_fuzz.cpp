@@ -94,5 +94,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Files().Remove((kPath + L"-journal").c_str());
   Files().WriteAll(kPath, std::vector<std::uint8_t>(data, data + size));
   Exercise(kPath, size % 2 == 0 ? 65535 : 10);
+  // Nothing of this input outlives it, so that the fuzzer's leak check
+  // (which runs again every input that ends with more allocations than it
+  // freed) never runs one twice.
+  Files().Remove(kPath.c_str());
+  Files().Remove((kPath + L"-journal").c_str());
   return 0;
 }
