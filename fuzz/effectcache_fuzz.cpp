@@ -2,8 +2,9 @@
 // EffectCacheSystem is made on its folder, looks for a few names taken
 // from the input, caches one effect, saves and is destroyed. Any crash,
 // leak, sanitizer report, exception or slow input is a finding; a cache
-// that refuses the file (and starts a new one) is not. The file lives in
-// an in-memory file system: no input touches the disk.
+// that refuses the file (and starts a new one) is not. Work that cannot
+// depend on the input is skipped (see PackageRefused and Refused). The
+// file lives in an in-memory file system: no input touches the disk.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
