@@ -47,7 +47,8 @@ std::wstring Folder() {
 // library's: it is left out of coverage tracing, which would otherwise
 // trace every byte of every input and cost more than the cache's own work,
 // and it skips runs of zero bytes (most of a cache file) eight at a time.
-__attribute__((no_sanitize("coverage"))) std::vector<std::wstring> NamesFrom(const std::uint8_t* data, std::size_t size) {
+__attribute__((no_sanitize("coverage"))) std::vector<std::wstring> NamesFrom(const std::uint8_t* data,
+                                                                             std::size_t size) {
   std::vector<std::wstring> names{L"fx/0", L"fx/1", L"fx/permanent", L"b"};
   const std::uint8_t* const end = data + size;
   const auto printable = [](std::uint8_t byte) { return byte >= 0x21 && byte < 0x7F; };
@@ -77,9 +78,10 @@ void KeepSharedObjects(const std::wstring& file) {
   static const std::wstring stampName = Tovrel::EffectCacheImpl::SharedObjectBaseName(file) + L"_timestamp";
   static Tovrel::MultiProcessTimeStamp stamp;
   static NorvaneSDK::Util::MutexObject stampMutex((stampName + L"_mutex").c_str());
-  static const bool owned = stamp.Initialize(stampName.c_str()) &&
-                            mutex.Acquire(NorvaneSDK::Util::MutexObject::kInfinite) == NorvaneSDK::Util::MutexObject::kWaitObject0 &&
-                            stampMutex.Acquire(NorvaneSDK::Util::MutexObject::kInfinite) == NorvaneSDK::Util::MutexObject::kWaitObject0;
+  static const bool owned =
+      stamp.Initialize(stampName.c_str()) &&
+      mutex.Acquire(NorvaneSDK::Util::MutexObject::kInfinite) == NorvaneSDK::Util::MutexObject::kWaitObject0 &&
+      stampMutex.Acquire(NorvaneSDK::Util::MutexObject::kInfinite) == NorvaneSDK::Util::MutexObject::kWaitObject0;
   if (!owned) std::abort();
 }
 

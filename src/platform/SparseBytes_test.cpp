@@ -21,7 +21,8 @@ TEST(SparseBytesTest, AFileEqualsExactlyItsOwnBytes) {
   Bytes longer = bytes;
   longer.push_back(0);
   EXPECT_FALSE(file.Equals(longer.data(), longer.size()));
-  for (const std::size_t at : {std::size_t{0}, SparseBytes::kBlockSize - 1, SparseBytes::kBlockSize, bytes.size() - 1}) {
+  for (const std::size_t at :
+       {std::size_t{0}, SparseBytes::kBlockSize - 1, SparseBytes::kBlockSize, bytes.size() - 1}) {
     Bytes changed = bytes;
     changed[at] ^= 0x40;
     EXPECT_FALSE(file.Equals(changed.data(), changed.size())) << at;
@@ -44,7 +45,7 @@ TEST(SparseBytesTest, BlocksNeverWrittenEqualZeros) {
 TEST(SparseBytesTest, WritesInAnyOrderReadBackAsWritten) {
   SparseBytes file;
   Bytes expected(9 * SparseBytes::kBlockSize + 100, 0);  // the last write ends 100 bytes into block 9
-  const std::size_t order[] = {5, 1, 8, 0, 3};  // each write spans two blocks; block 7 stays unwritten
+  const std::size_t order[] = {5, 1, 8, 0, 3};           // each write spans two blocks; block 7 stays unwritten
   for (const std::size_t block : order) {
     const std::uint64_t at = block * SparseBytes::kBlockSize + 100;
     const Bytes bytes(SparseBytes::kBlockSize, static_cast<std::uint8_t>(block + 1));  // spans two blocks
