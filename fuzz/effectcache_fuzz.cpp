@@ -53,10 +53,13 @@ __attribute__((no_sanitize("coverage"))) std::vector<std::wstring> NamesFrom(con
   const std::uint8_t* const end = data + size;
   const auto printable = [](std::uint8_t byte) { return byte >= 0x21 && byte < 0x7F; };
   for (const std::uint8_t* p = data; p < end && names.size() < 12;) {
-    std::uint64_t word = 0;
-    if (end - p >= 8 && (std::memcpy(&word, p, 8), word == 0)) {
-      p += 8;
-      continue;
+    if (end - p >= 8) {
+      std::uint64_t word = 0;
+      std::memcpy(&word, p, 8);
+      if (word == 0) {
+        p += 8;
+        continue;
+      }
     }
     const std::uint8_t* const start = p;
     while (p < end && printable(*p)) ++p;

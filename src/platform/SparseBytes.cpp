@@ -27,6 +27,21 @@ auto LowerBound(Blocks& blocks, std::uint64_t index) -> decltype(blocks.begin())
                           [](const auto& block, std::uint64_t i) { return block.first < i; });
 }
 
+// Calls visit(index, inBlock, at, n) for each piece of the `count` bytes
+// at `offset` that lies in one block, in order: the block's index, where
+// the piece starts in it, its distance from `offset` and its length.
+// Stops, false, when visit returns false.
+template <typename Visit>
+bool ForEachPiece(std::uint64_t offset, std::size_t count, std::uint64_t blockSize, Visit visit) {
+  for (std::size_t at = 0; at < count;) {
+    const std::uint64_t inBlock = (offset + at) % blockSize;
+    const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(count - at, blockSize - inBlock));
+    if (!visit((offset + at) / blockSize, static_cast<std::size_t>(inBlock), at, n)) return false;
+    at += n;
+  }
+  return true;
+}
+
 }  // namespace
 
 void SparseBytes::BlockReturn::operator()(std::uint8_t* block) const {
@@ -78,14 +93,8 @@ const std::uint8_t* SparseBytes::Find(std::uint64_t index) const {
 }
 
 std::uint8_t* SparseBytes::Get(std::uint64_t index) {
-  // Files mostly grow at their end: the new block then goes last.
-  if (!blocks_.empty() && blocks_.back().first == index) return blocks_.back().second.get();
-  if (blocks_.empty() || blocks_.back().first < index) {
-    blocks_.emplace_back(index, NewBlock());
-    return blocks_.back().second.get();
-  }
   const auto found = LowerBound(blocks_, index);
-  if (found->first == index) return found->second.get();
+  if (found != blocks_.end() && found->first == index) return found->second.get();
   return blocks_.emplace(found, index, NewBlock())->second.get();
 }
 
@@ -103,33 +112,24 @@ void SparseBytes::Resize(std::uint64_t size) {
 
 void SparseBytes::Write(std::uint64_t offset, const std::uint8_t* bytes, std::size_t count) {
   if (offset + count > size_) size_ = offset + count;
-  while (count > 0) {
-    const std::uint64_t inBlock = offset % kBlockSize;
-    const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(count, kBlockSize - inBlock));
-    std::memcpy(Get(offset / kBlockSize) + inBlock, bytes, n);
-    offset += n;
-    bytes += n;
-    count -= n;
-  }
+  ForEachPiece(offset, count, kBlockSize, [&](std::uint64_t index, std::size_t inBlock, std::size_t at, std::size_t n) {
+    std::memcpy(Get(index) + inBlock, bytes + at, n);
+    return true;
+  });
 }
 
 std::size_t SparseBytes::Read(std::uint64_t offset, std::uint8_t* bytes, std::size_t count) const {
   if (offset >= size_) return 0;
   const std::size_t total = static_cast<std::size_t>(std::min<std::uint64_t>(count, size_ - offset));
-  std::size_t left = total;
-  while (left > 0) {
-    const std::uint64_t inBlock = offset % kBlockSize;
-    const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(left, kBlockSize - inBlock));
-    const std::uint8_t* const block = Find(offset / kBlockSize);
+  ForEachPiece(offset, total, kBlockSize, [&](std::uint64_t index, std::size_t inBlock, std::size_t at, std::size_t n) {
+    const std::uint8_t* const block = Find(index);
     if (block == nullptr) {
-      std::memset(bytes, 0, n);
+      std::memset(bytes + at, 0, n);
     } else {
-      std::memcpy(bytes, block + inBlock, n);
+      std::memcpy(bytes + at, block + inBlock, n);
     }
-    offset += n;
-    bytes += n;
-    left -= n;
-  }
+    return true;
+  });
   return total;
 }
 
@@ -141,17 +141,12 @@ std::vector<std::uint8_t> SparseBytes::ToVector() const {
 
 bool SparseBytes::Equals(const std::uint8_t* bytes, std::size_t count) const {
   if (count != size_) return false;
-  for (std::uint64_t offset = 0; offset < count;) {
-    const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(count - offset, kBlockSize));
-    const std::uint8_t* const block = Find(offset / kBlockSize);
-    if (block != nullptr) {
-      if (std::memcmp(block, bytes + offset, n) != 0) return false;
-    } else if (std::any_of(bytes + offset, bytes + offset + n, [](std::uint8_t byte) { return byte != 0; })) {
-      return false;
-    }
-    offset += n;
-  }
-  return true;
+  return ForEachPiece(0, count, kBlockSize,
+                      [&](std::uint64_t index, std::size_t inBlock, std::size_t at, std::size_t n) {
+                        const std::uint8_t* const block = Find(index);
+                        if (block != nullptr) return std::memcmp(block + inBlock, bytes + at, n) == 0;
+                        return std::all_of(bytes + at, bytes + at + n, [](std::uint8_t byte) { return byte == 0; });
+                      });
 }
 
 }  // namespace Tovrel
