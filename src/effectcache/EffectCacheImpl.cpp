@@ -5,6 +5,7 @@
 #include <new>
 #include <vector>
 
+#include "effectcache/ChangeMark.h"
 #include "effectcache/EffectCompression.h"
 #include "effectcache/EffectIndex.h"
 #include "effectcache/EffectCacheStats.h"
@@ -81,23 +82,51 @@ EffectCacheImpl::EffectCacheImpl(const WStr& cacheFolder, int compressionLevel, 
     folderPath_ = WStr(folder.GetCStr());
     cacheFilePath_ = CacheFilePathFor(cacheFolder);
   }
-  const std::wstring base = SharedObjectBaseName(cacheFilePath_.data());
   fileMutex_.reset(new MutexObject(FileMutexName(cacheFilePath_.data()).c_str()));
   config_.filePath = cacheFilePath_.data();
   journalPath_ = RollbackJournal::PathFor(cacheFilePath_.data());
   config_.cachePageCount = kCachePageCount;
   config_.streamLimit = kStreamLimit;
-  try {
-    if (cacheFilePath_.isNull() || !timeStamp_.Initialize((base + L"_timestamp").c_str())) return;
-  } catch (const std::bad_alloc&) {
-    throw;
-  } catch (const std::exception&) {
-    return;  // without its shared stamp the cache cannot share the file: unusable
-  }
+  if (cacheFilePath_.isNull()) return;  // no file: unusable for good
   SetRemoteStore(Environment::Get(kRemoteVariable).c_str());
+  retryOpen_ = true;
+  EnsureOpen();
+}
+
+bool EffectCacheImpl::InitializeTimeStamp() {
+  // Without its shared stamp the cache cannot share the file: it stays
+  // unusable until the stamp can be had.
+  if (stampReady_) return true;
+  try {
+    stampReady_ = timeStamp_.Initialize((SharedObjectBaseName(cacheFilePath_.data()) + L"_timestamp").c_str());
+  } catch (const std::exception&) {
+    stampReady_ = false;
+  }
+  return stampReady_;
+}
+
+std::atomic<std::uint32_t>& EffectCacheImpl::OpenRetryMilliseconds() {
+  static std::atomic<std::uint32_t> interval{kOpenRetryMilliseconds};
+  return interval;
+}
+
+void EffectCacheImpl::SetOpenRetryInterval(std::uint32_t milliseconds) { OpenRetryMilliseconds() = milliseconds; }
+
+bool EffectCacheImpl::EnsureOpen() {
+  if (package_ || !retryOpen_) return static_cast<bool>(package_);
+  const std::uint32_t now = LocalClock::TickCount();
+  if (openAttempted_ && now - lastOpenAttempt_ < OpenRetryMilliseconds().load()) return false;
+  openAttempted_ = true;
+  lastOpenAttempt_ = now;
+  if (!InitializeTimeStamp()) return false;
   AutoMutex hold(*fileMutex_);
-  if (!hold.IsOwner()) return;
-  if (!OpenCacheFile() && !CreateCacheFile()) DropPackage();
+  if (!hold.IsOwner()) return false;
+  // Only a file proven damaged or foreign (or missing) is replaced; one
+  // that could not be read as it is stays untouched for a later try.
+  const OpenOutcome opened = OpenCacheFile();
+  if (opened == OpenOutcome::kCorrupt && !CreateCacheFile()) DropPackage();
+  if (package_) retryOpen_ = false;
+  return static_cast<bool>(package_);
 }
 
 void EffectCacheImpl::SetRemoteStore(const EffectRemoteStore::Settings* settings) {
@@ -181,7 +210,7 @@ bool EffectCacheImpl::CacheCompiledEffect(const WStr& name, const unsigned char*
   if (!Utf8Name(name, &key) || key.empty() || key.size() > kEffectNameSizeLimit) return false;
   std::lock_guard<std::recursive_mutex> guard(lock_);
   CheckInvariants();
-  if (!package_) return false;
+  if (!EnsureOpen()) return false;
   const std::uint64_t adds = EffectRecord::kSize + (8 + key.size()) + (8 + size);
   // A read-only file never takes the pending effects: they are held up to
   // the size limit, and no more.
@@ -221,7 +250,9 @@ std::uint64_t EffectCacheImpl::GetPendingBytes() const {
 
 bool EffectCacheImpl::IsEnabled() const {
   std::lock_guard<std::recursive_mutex> guard(lock_);
-  return package_ && enabled_;
+  // A cache whose file could not be read yet tries again here too: hosts
+  // ask this before they use the cache. (The object itself is never const.)
+  return const_cast<EffectCacheImpl*>(this)->EnsureOpen() && enabled_;
 }
 
 void EffectCacheImpl::SetEnabled(bool enabled) {
@@ -248,7 +279,7 @@ bool EffectCacheImpl::SearchCachedEffects(const WStr& name, Tab<unsigned char>& 
   if (name.isNull() || !Utf8Name(name, &key)) return false;
   std::lock_guard<std::recursive_mutex> guard(lock_);
   CheckInvariants();
-  if (!package_) return false;
+  if (!EnsureOpen()) return false;
   const bool found = Search(key, data);
   ++(found ? counts_.hits : counts_.misses);
   return found;
@@ -265,8 +296,9 @@ bool EffectCacheImpl::Search(const std::string& key, Tab<unsigned char>& data) {
     AutoMutex hold(*fileMutex_);
     if (!hold.IsOwner()) return false;
     try {
-      RefreshIfChanged();
-      if (FindInFile(key, data)) return true;
+      // A view that could not be brought up to date is not searched: its
+      // tables may name pages that another process has since reused.
+      if (RefreshIfChanged() && FindInFile(key, data)) return true;
     } catch (const std::bad_alloc&) {
       throw;
     } catch (const NorvaneSDK::Util::TabOutOfRangeException&) {
@@ -284,7 +316,12 @@ bool EffectCacheImpl::FetchFromRemote(const std::string& key, Tab<unsigned char>
   std::vector<std::uint8_t> compressed;
   if (!remote_->Fetch(key, data, &permanent, &compressed)) return false;
   // The next save keeps it in the file, as if the host had cached it, with
-  // the compressed bytes it came in (checked to decompress to `data`).
+  // the compressed bytes it came in (checked to decompress to `data`). It
+  // counts against the limits as a cached effect does: a read-only file
+  // keeps no more than its size limit (the effect is served, not kept),
+  // and a writable one saves when 2 MiB are waiting.
+  const std::uint64_t adds = EffectRecord::kSize + (8 + key.size()) + (8 + static_cast<std::uint64_t>(data.Count()));
+  if (readOnly_ && pendingBytes_ + adds > cacheBytesLimit_) return true;
   PendingEffect& effect = pendingEffects_[key];
   effect.bytes.ZeroCount();
   effect.bytes.Append(data.Count(), data.Addr(0));
@@ -292,7 +329,8 @@ bool EffectCacheImpl::FetchFromRemote(const std::string& key, Tab<unsigned char>
   effect.fromRemote = true;
   effect.pushed = false;
   effect.compressed.swap(compressed);
-  pendingBytes_ += EffectRecord::kSize + (8 + key.size()) + (8 + static_cast<std::uint64_t>(data.Count()));
+  pendingBytes_ += adds;
+  if (!readOnly_ && pendingBytes_ >= kAutoSaveThreshold) SaveToFile();
   return true;
 }
 
@@ -319,17 +357,29 @@ bool EffectCacheImpl::FindInFile(const std::string& key, Tab<unsigned char>& dat
   return true;
 }
 
-bool EffectCacheImpl::OpenCacheFile() {
+EffectCacheImpl::OpenOutcome EffectCacheImpl::OpenCacheFile() {
+  const std::uint64_t failures = PlatformFile::FailuresOnThisThread();
   try {
     AutoMutex hold(*fileMutex_);
-    if (!hold.IsOwner()) throw FileIOException();
-    package_ = OpenFilePackage(config_);
-    if (!package_ && !OpenReadOnlyIfNotWritable()) throw FileIOException();
-    if (!ReadHeader() || !LoadIndex()) throw FileIOException();
-    return true;
+    if (!hold.IsOwner()) return OpenOutcome::kUnavailable;
+    PagedFilePackage::LoadFailure why = PagedFilePackage::LoadFailure::kNone;
+    RefPtr<PagedFilePackage> opened = PagedFilePackage::Open(config_, &why);
+    if (opened) {
+      package_ = RefPtr<IDataStreamSet>(opened.Get());
+    } else if (why == PagedFilePackage::LoadFailure::kCorrupt) {
+      return OpenOutcome::kCorrupt;
+    } else if (!OpenReadOnlyIfNotWritable()) {
+      return OpenOutcome::kUnavailable;
+    }
+    const OpenOutcome loaded = LoadView();
+    if (loaded != OpenOutcome::kOpened) DropPackage();
+    return loaded;
+  } catch (const std::bad_alloc&) {
+    DropPackage();
+    return OpenOutcome::kUnavailable;
   } catch (const std::exception&) {
     DropPackage();
-    return false;
+    return PlatformFile::FailuresOnThisThread() != failures ? OpenOutcome::kUnavailable : OpenOutcome::kCorrupt;
   }
 }
 
@@ -369,18 +419,15 @@ bool EffectCacheImpl::CreateCacheFile() {
     header_ = EffectCacheHeader::Empty();
     header_.indexStreamId = package_->CreateStream(1);
     if (!package_->OpenStream(header_.indexStreamId)) throw FileIOException();
-    if (!WriteHeader() || !package_->Save()) throw FileIOException();
+    const ChangeMark mark = ChangeMark{}.Next();
+    if (!WriteHeader() || !ChangeMark::WriteLast(*package_, mark) || !package_->Save()) throw FileIOException();
+    knownMark_ = mark;
+    staleView_ = false;
     return true;
   } catch (const std::exception&) {
     DropPackage();
     return false;
   }
-}
-
-bool EffectCacheImpl::ReadHeader() {
-  // Through the read-only view: reading never marks the package modified.
-  const IDataStreamSet& package = *package_;
-  return EffectCacheHeader::Read(package.GetUserData(), package.GetUserDataSize(), header_);
 }
 
 bool EffectCacheImpl::WriteHeader() {
@@ -392,17 +439,44 @@ bool EffectCacheImpl::WriteHeader() {
   return true;
 }
 
-bool EffectCacheImpl::LoadIndex() {
-  RefPtr<IDataStream> stream = package_->OpenStream(header_.indexStreamId);
-  if (!EffectIndex::ReadAll(stream, header_.effectCount, fileEffects_)) return false;
+EffectCacheImpl::OpenOutcome EffectCacheImpl::LoadView() {
+  // Read into copies and taken as a whole, so that a load that fails half
+  // way (a failed read, no memory) leaves no half-loaded index in use.
+  const std::uint64_t failures = PlatformFile::FailuresOnThisThread();
+  const IDataStreamSet& package = *package_;
+  EffectCacheHeader header{};
+  if (!EffectCacheHeader::Read(package.GetUserData(), package.GetUserDataSize(), header)) return OpenOutcome::kCorrupt;
+  RefPtr<IDataStream> stream = package_->OpenStream(header.indexStreamId);
+  const auto* paged = dynamic_cast<const PagedFilePackage*>(&package);
+  const std::uint64_t fileBytes = paged != nullptr ? paged->GetFileLength() : ~std::uint64_t{0};
+  EffectTable table;
+  if (!EffectIndex::ReadAll(stream, header.effectCount, fileBytes, table)) {
+    return PlatformFile::FailuresOnThisThread() != failures ? OpenOutcome::kUnavailable : OpenOutcome::kCorrupt;
+  }
   stream.Reset();
+  header_ = header;
+  fileEffects_.Swap(table);
+  knownMark_ = ChangeMark::Read(package);
+  staleView_ = false;
+  return TrimAfterLoad() ? OpenOutcome::kOpened : OpenOutcome::kUnavailable;
+}
+
+bool EffectCacheImpl::TrimAfterLoad() {
   if (readOnly_) return true;  // nothing is trimmed from a file that may not be written
-  std::uint64_t removed = 0;
-  TrimToLimit(GetSizeLimit(), &removed);
-  counts_.trimmed += removed;
-  // A trim changed the file: make it durable now, under the mutex, as a
-  // save would, so that the package holds no unsaved change.
-  return removed == 0 || SaveDirectory();
+  try {
+    std::uint64_t removed = 0;
+    TrimToLimit(GetSizeLimit(), &removed);
+    counts_.trimmed += removed;
+    // A trim changed the file: make it durable now, under the mutex, as a
+    // save would, so that the package holds no unsaved change.
+    if (removed == 0 || SaveDirectory()) return true;
+  } catch (const std::bad_alloc&) {
+    DropPackage();
+    throw;
+  } catch (const std::exception&) {
+  }
+  DropPackage();  // the file keeps its last completed save
+  return false;
 }
 
 bool EffectCacheImpl::SaveIndex() {
@@ -549,9 +623,45 @@ bool EffectCacheImpl::RefreshIfChanged() {
   // never completed. The reload rolls it back before it reads anything. A
   // read-only view cannot roll it back, and reads through it already.
   const bool interrupted = !readOnly_ && PlatformFile::Exists(journalPath_.c_str());
-  const bool changed = timeStamp_.IsChanged();
-  if (!changed && !interrupted) return true;
-  return package_ && package_->Reload() && ReadHeader() && LoadIndex();
+  // The stamp's news is kept until a reload succeeds: a reload that fails
+  // is tried again at the next look.
+  if (timeStamp_.IsChanged() || interrupted) staleView_ = true;
+  return !staleView_ || ReloadView();
+}
+
+bool EffectCacheImpl::ReloadView() {
+  if (!package_) return false;
+  try {
+    return package_->Reload() && LoadView() == OpenOutcome::kOpened;
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const NorvaneSDK::Util::TabOutOfRangeException&) {
+    throw;
+  } catch (const std::exception&) {
+    return false;  // the view stays stale: nothing is written from it
+  }
+}
+
+bool EffectCacheImpl::MakeViewCurrent() {
+  // The shared stamp tells of other processes' saves, but it can be lost;
+  // the file's change mark cannot. A view that the mark does not prove is
+  // loaded again before anything is written.
+  if (!RefreshIfChanged()) return false;
+  if (readOnly_ || FileMarkIsKnown()) return true;
+  staleView_ = true;
+  return ReloadView();
+}
+
+bool EffectCacheImpl::FileMarkIsKnown() {
+  auto* paged = dynamic_cast<PagedFilePackage*>(package_.Get());
+  if (paged == nullptr || !knownMark_.present) return false;
+  std::uint8_t block[ChangeMark::kBlockSize];
+  try {
+    if (!paged->ReadSavedUserDataTail(block, sizeof block)) return false;
+  } catch (const std::exception&) {
+    return false;
+  }
+  return knownMark_.Proves(ChangeMark::FromBlock(block));
 }
 
 bool EffectCacheImpl::TrimToLimit(std::uint64_t limit, std::uint64_t* removed) {
@@ -562,7 +672,11 @@ bool EffectCacheImpl::TrimToLimit(std::uint64_t limit, std::uint64_t* removed) {
   try {
     for (std::size_t i : candidates) {
       if (package_->GetTotalStreamSize() < limit) break;
-      package_->RemoveStream(fileEffects_.At(i).record.streamId);
+      try {
+        package_->RemoveStream(fileEffects_.At(i).record.streamId);
+      } catch (const FileDataCorruptException&) {
+        continue;  // a stream whose pages are not its own alone is left, and its entry with it
+      }
       gone[i] = true;
       if (removed != nullptr) ++*removed;
     }
@@ -600,8 +714,10 @@ bool EffectCacheImpl::SaveToFileUnderMutex() {
   AutoMutex hold(*fileMutex_);
   if (!hold.IsOwner()) return false;
   if (pendingEffects_.empty() && damaged_.empty()) return true;
+  // Nothing is written from a view that is not the file's: when it cannot
+  // be brought up to date, the effects stay pending for the next save.
+  if (!MakeViewCurrent() || !package_) return false;
   try {
-    if (!RefreshIfChanged()) throw FileIOException();
     DropDamagedEntries();
     if (!WritePendingEffects() || !SaveDirectory()) throw FileIOException();
     return true;
@@ -653,7 +769,9 @@ bool EffectCacheImpl::SaveCounts(bool zero) {
   // the counts with it: they never stop a save.
   CountRemoteWork();
   if (counts_.AnyCounts() || zero) EffectCacheStats::AddTo(*package_, counts_, Now(), zero);
-  if (!package_->Save()) return false;
+  const ChangeMark next = knownMark_.Next();
+  if (!ChangeMark::WriteLast(*package_, next) || !package_->Save()) return false;
+  knownMark_ = next;
   counts_ = EffectCacheStats{};
   timeStamp_.UpdateTimeStamp();
   return true;
@@ -665,14 +783,13 @@ bool EffectCacheImpl::StoreCopies(std::vector<StoredCopy>& copies, std::uint64_t
   if (stored != nullptr) *stored = 0;
   if (bytes != nullptr) *bytes = 0;
   std::uint64_t written = 0;
-  if (!package_ || readOnly_) return false;
+  if (!EnsureOpen() || readOnly_) return false;
   AutoMutex hold(*fileMutex_);
-  if (!hold.IsOwner()) return false;
+  if (!hold.IsOwner() || !MakeViewCurrent() || !package_) return false;
   std::sort(copies.begin(), copies.end(),
             [](const StoredCopy& a, const StoredCopy& b) { return EffectNameOrder()(a.name, b.name); });
   std::vector<EffectTable::Change> changes;
   try {
-    if (!RefreshIfChanged()) throw FileIOException();
     for (const StoredCopy& copy : copies) {
       const EffectRecord* mine = fileEffects_.Find(copy.name);
       if (mine != nullptr && !(mine->lastUsed < copy.record.lastUsed)) continue;
@@ -694,6 +811,7 @@ bool EffectCacheImpl::StoreCopies(std::vector<StoredCopy>& copies, std::uint64_t
     if (bytes != nullptr) *bytes = written;
     return true;
   } catch (const std::bad_alloc&) {
+    DropPackage();  // a half-done change is never saved later
     throw;
   } catch (const std::exception&) {
     fileEffects_.Apply(std::move(changes));
@@ -703,13 +821,14 @@ bool EffectCacheImpl::StoreCopies(std::vector<StoredCopy>& copies, std::uint64_t
 }
 
 bool EffectCacheImpl::ChangeUnderFileMutex(const std::function<bool()>& change) {
-  if (!package_ || readOnly_) return false;
+  if (!EnsureOpen() || readOnly_) return false;
   AutoMutex hold(*fileMutex_);
-  if (!hold.IsOwner()) return false;
+  if (!hold.IsOwner() || !MakeViewCurrent() || !package_) return false;
   try {
-    if (!RefreshIfChanged() || !change()) throw FileIOException();
+    if (!change()) throw FileIOException();
     return true;
   } catch (const std::bad_alloc&) {
+    DropPackage();  // a half-done change is never saved later
     throw;
   } catch (const std::exception&) {
     DropPackage();
@@ -728,7 +847,15 @@ bool EffectCacheImpl::CompactFile(PagedFilePackage::CompactResult* result) {
   CheckInvariants();
   return ChangeUnderFileMutex([this, result] {
     auto* paged = dynamic_cast<PagedFilePackage*>(package_.Get());
-    if (paged == nullptr || !paged->Compact(result)) return false;
+    if (paged == nullptr) return false;
+    // A compact file is left exactly as it is; any other gets a new mark
+    // in the compaction's own save.
+    const bool changes = paged->NeedsCompaction();
+    const ChangeMark next = knownMark_.Next();
+    if (changes && !ChangeMark::WriteLast(*package_, next)) return false;
+    if (!paged->Compact(result)) return false;
+    if (!changes) return true;
+    knownMark_ = next;
     timeStamp_.UpdateTimeStamp();
     return true;
   });
@@ -793,6 +920,7 @@ void EffectCacheImpl::ResetState() {
   DiscardPending();
   enabled_ = true;
   header_ = EffectCacheHeader{};
+  knownMark_ = ChangeMark{};
   profile_.Reset();
 }
 

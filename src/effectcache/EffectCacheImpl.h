@@ -17,6 +17,24 @@
 // changes instead of letting its destructor write them. So the package
 // never writes outside the mutex, nor a directory older than the file's.
 //
+// Nothing is written from a stale view. The shared stamp's news of another
+// process's save is kept until a reload succeeds (a failed reload is tried
+// again at the next look, and a search meanwhile misses rather than read
+// through tables that may be out of date); a load takes the header and the
+// index as a whole or not at all. And before any write (a save, a trim,
+// a removal, a merge, a compaction), under the mutex, the file's change
+// mark (see ChangeMark) must be the one this object last loaded or wrote:
+// when it is not, the file is loaded again first, and when that cannot be
+// done, nothing is written (the effects stay pending, the call fails, the
+// cache stays usable).
+//
+// Only a file proven damaged or foreign is replaced: when the file cannot
+// be read as it is (a failed read, no descriptor, no memory, a living
+// writer's journal; and the shared time stamp that could not be had), it
+// is left untouched, the cache is unusable for now, and the next call
+// (IsEnabled included) tries to open it again, at most once per
+// kOpenRetryMilliseconds.
+//
 // A cache file that may be read but not written (deployed with the host,
 // on a read-only share) is opened read only: searches are served from it,
 // nothing is ever written to it (no load-time trim, no save, no dropping
@@ -29,6 +47,7 @@
 #ifndef TOVREL_EFFECTCACHE_EFFECTCACHEIMPL_H
 #define TOVREL_EFFECTCACHE_EFFECTCACHEIMPL_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -38,6 +57,7 @@
 #include <string>
 #include <vector>
 
+#include "effectcache/ChangeMark.h"
 #include "effectcache/EffectBatchCompressor.h"
 #include "effectcache/EffectCacheHeader.h"
 #include "effectcache/EffectCacheProfile.h"
@@ -69,6 +89,10 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   static constexpr std::uint64_t kCachePageCount = 64;
   static constexpr std::uint64_t kStreamLimit = 65535;
   static constexpr const wchar_t* kCacheFileName = L"norvaneFxoCache.dat";
+  // How long a cache whose file could not be read waits before it tries again.
+  static constexpr std::uint32_t kOpenRetryMilliseconds = 1000;
+  // For tests: the wait between tries to open a file that could not be read.
+  static void SetOpenRetryInterval(std::uint32_t milliseconds);
 
   // `cacheBytesLimit` bounds the file's streams together with the free
   // disk space; the library passes kCacheBytesLimit, tests a smaller one.
@@ -181,17 +205,33 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   void CountRemoteWork();
   bool FetchFromRemote(const std::string& key, Tab<unsigned char>& data);
 
-  bool OpenCacheFile();
+  // What a try to open the cache file found: the file is loaded, proven
+  // damaged or foreign (to be replaced), or could not be read as it is.
+  enum class OpenOutcome { kOpened, kCorrupt, kUnavailable };
+  static std::atomic<std::uint32_t>& OpenRetryMilliseconds();
+  // Opens the file if it is not open and may be tried now; true when open.
+  bool EnsureOpen();
+  bool InitializeTimeStamp();
+  OpenOutcome OpenCacheFile();
   bool CreateCacheFile();
-  bool ReadHeader();
   bool WriteHeader();
-  bool LoadIndex();
+  // Takes the header and index of the package just loaded as this object's
+  // view, whole or not at all, then trims as a load does.
+  OpenOutcome LoadView();
+  bool TrimAfterLoad();
   bool SaveIndex();
   bool WritePendingEffects();
   bool WritePendingEffect(const std::string& name, const PendingEffect& effect,
                           const EffectBatchCompressor::Result& compressed, std::vector<EffectTable::Change>& changes);
   bool WriteEffectStream(const std::uint8_t* compressed, std::uint64_t size, std::uint64_t* id);
+  // Reloads when the shared stamp, a dead writer's journal or an earlier
+  // failed reload says so; false when the view is stale.
   bool RefreshIfChanged();
+  bool ReloadView();
+  // RefreshIfChanged, then proof by the file's change mark; false (and
+  // nothing may be written) when the view cannot be made the file's.
+  bool MakeViewCurrent();
+  bool FileMarkIsKnown();
   // Runs `change` under the file mutex on a view brought up to date; false
   // when the cache is disabled, the mutex cannot be had, or the refresh or
   // the change fails (false or an exception: the package is then dropped,
@@ -219,6 +259,19 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   bool enabled_;
   EffectCacheHeader header_;           // copy of the file's header block
   EffectTable fileEffects_;            // the file's index as last read or written
+  // The file's change mark as this object last loaded or wrote it; absent
+  // for a file that has none (nothing is then proven by it).
+  ChangeMark knownMark_;
+  // Invariant: while set, nothing is written and the index is not
+  // searched; set by the stamp's news, a journal or a failed mark check,
+  // cleared only by a load that succeeded.
+  bool staleView_ = false;
+  // The file could not be read as it is: package_ is null and EnsureOpen
+  // tries again (clear once open, and for a cache that can never be used).
+  bool retryOpen_ = false;
+  bool openAttempted_ = false;
+  bool stampReady_ = false;  // timeStamp_ is initialised
+  std::uint32_t lastOpenAttempt_ = 0;  // LocalClock ticks
   PendingMap pendingEffects_;          // cached since the last save
   // Entries whose bytes were found unreadable, with the stream they named;
   // the next save drops them from the index (a save is due while any is).

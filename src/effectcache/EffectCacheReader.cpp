@@ -25,7 +25,7 @@ EffectCacheReader::EffectCacheReader(const WStr& folder) {
       return;
     }
     RefPtr<IDataStream> index = opened->OpenStream(header.indexStreamId);
-    if (!EffectIndex::ReadAll(index, header.effectCount, entries_)) {
+    if (!EffectIndex::ReadAll(index, header.effectCount, opened->GetFileLength(), entries_)) {
       index.Reset();
       opened->Close();
       return;

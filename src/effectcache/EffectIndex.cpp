@@ -46,25 +46,31 @@ bool EffectIndex::ReadEntry(RefPtr<IDataStream>& stream, std::string& name, Effe
   return true;
 }
 
-bool EffectIndex::ReadAll(RefPtr<IDataStream>& stream, std::uint64_t count, EffectTable& table) {
+bool EffectIndex::ReadAll(RefPtr<IDataStream>& stream, std::uint64_t count, std::uint64_t mostBytes,
+                          EffectTable& table) {
   table.Clear();
   if (!stream) return false;
   // Only as many bytes as `count` entries can take are read.
   const std::uint64_t most = count * (EffectRecord::kSize + 8 + kNameSizeLimit);
-  const auto size = static_cast<std::size_t>(std::min(stream->GetSize(), most));
+  const std::uint64_t wanted = std::min(stream->GetSize(), most);
+  if (wanted > mostBytes) return false;
+  const auto size = static_cast<std::size_t>(wanted);
   std::unique_ptr<std::uint8_t[]> bytes(new std::uint8_t[size]);  // no zeroing: every byte is read
   // An index of no entries reads nothing (its one byte is never looked at).
   if (size != 0 && !StreamTransfer::ReadExact(stream, bytes.get(), size)) return false;
-  table.Reserve(static_cast<std::size_t>(count));
+  // No more entries than the bytes read can hold: a count in the header
+  // reserves nothing that is not there.
+  std::vector<EffectTable::Entry> entries;
+  entries.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(count, size / (EffectRecord::kSize + 8 + 1))));
   std::uint64_t at = 0;
   for (std::uint64_t i = 0; i < count; ++i) {
-    std::string name;
-    EffectRecord record{};
+    EffectTable::Entry entry;
     std::uint64_t used = 0;
-    if (!DecodeEntry(bytes.get() + at, size - at, used, name, record)) return false;
+    if (!DecodeEntry(bytes.get() + at, size - at, used, entry.name, entry.record)) return false;
     at += used;
-    table.AddLoaded(std::move(name), record);
+    entries.push_back(std::move(entry));
   }
+  table.Load(std::move(entries));
   return true;
 }
 

@@ -43,8 +43,11 @@ class EffectIndex {
                           std::string& name, EffectRecord& record);
   // Reads a whole index of `count` entries from `stream` into `table`
   // (cleared first), in one read decoded from memory, with ReadEntry's
-  // checks on every entry. False when a read or an entry fails.
-  static bool ReadAll(RefPtr<IDataStream>& stream, std::uint64_t count, EffectTable& table);
+  // checks on every entry, in O(n log n) whatever the entries' order.
+  // Nothing is allocated for more than `mostBytes` (what the file holds):
+  // a stream that claims more is refused unread. False when a read or an
+  // entry fails.
+  static bool ReadAll(RefPtr<IDataStream>& stream, std::uint64_t count, std::uint64_t mostBytes, EffectTable& table);
   // Writes one entry at the stream's position; false (stream dropped) when
   // the stream takes fewer bytes.
   static bool WriteEntry(RefPtr<IDataStream>& stream, const std::string& name, const EffectRecord& record);

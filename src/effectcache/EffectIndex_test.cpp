@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "effectcache/EffectTable.h"
+#include "support/AllocationFaults.h"
 #include "support/MemoryDataStream.h"
 
 namespace Tovrel {
@@ -63,10 +64,37 @@ TEST(EffectIndexTest, AnIndexOfNoEntriesReadsAsEmptyAndACountPastItsBytesFails) 
   RefPtr<IDataStream> one(new MemoryDataStream(std::vector<std::uint8_t>(1, 0)));
   EffectTable table;
   table.AddLoaded("stale", RecordFor("stale", 10));
-  EXPECT_TRUE(EffectIndex::ReadAll(one, 0, table));
+  EXPECT_TRUE(EffectIndex::ReadAll(one, 0, 1, table));
   EXPECT_EQ(table.Size(), 0u);
   RefPtr<IDataStream> again(new MemoryDataStream(std::vector<std::uint8_t>(1, 0)));
-  EXPECT_FALSE(EffectIndex::ReadAll(again, 1, table));
+  EXPECT_FALSE(EffectIndex::ReadAll(again, 1, 1, table));
+}
+
+TEST(EffectIndexTest, ACountInTheHeaderReservesNothingTheBytesDoNotHold) {
+  // Two entries' bytes under a count of 8,388,608: the read fails having
+  // reserved room for no more entries than the bytes could hold.
+  std::vector<std::uint8_t> bytes;
+  for (const char* name : {"one", "two"}) {
+    RefPtr<IDataStream> entry(new MemoryDataStream(EffectRecord::kSize + 8 + 3));
+    ASSERT_TRUE(EffectIndex::WriteEntry(entry, name, RecordFor(name, 10)));
+    entry->Seek(0, 0);
+    std::vector<std::uint8_t> part(EffectRecord::kSize + 8 + 3);
+    ASSERT_EQ(entry->Read(part.data(), part.size()), part.size());
+    bytes.insert(bytes.end(), part.begin(), part.end());
+  }
+  RefPtr<IDataStream> index(new MemoryDataStream(bytes));
+  EffectTable table;
+  Testing::AllocationFaultScope scope;
+  Testing::AllocationFaults::StartCounting();
+  EXPECT_FALSE(EffectIndex::ReadAll(index, 8388608, bytes.size(), table));
+  EXPECT_LT(Testing::AllocationFaults::Largest(), 4096u);
+}
+
+TEST(EffectIndexTest, AStreamLongerThanTheFileIsRefusedUnread) {
+  RefPtr<IDataStream> index(new MemoryDataStream(std::vector<std::uint8_t>(1000, 0)));
+  EffectTable table;
+  EXPECT_FALSE(EffectIndex::ReadAll(index, 10, 999, table));
+  EXPECT_EQ(index->GetPosition(), 0u);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -160,6 +161,62 @@ TEST_F(EffectRemoteStoreServerTest, ASecondWorkstationIsServedByTheTeamTierThenB
   ExpectEveryEffect(cache);
   EXPECT_EQ(EffectTesting::ReadIndex(second + L"/norvaneFxoCache.dat").at(Name(5)).permanent, 1u);
   EXPECT_EQ(cache.GetRemoteCounts().hits + cache.GetRemoteCounts().errors, 0u);
+}
+
+// Effects fetched from the store count against the limits as cached ones
+// do: a writable cache saves when 2 MiB are waiting, and a read-only one
+// keeps no more than its size limit in memory (the rest are served, not kept).
+TEST_F(EffectRemoteStoreServerTest, EffectsFetchedFromTheStoreCountAgainstTheLimitsOfMemory) {
+  auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
+  if (!server) GTEST_SKIP() << "no nginx here";
+  const EffectRemoteStore::Settings settings = SettingsFor(server->Url() + dir_.Path().filename().string() + "/big");
+  const auto big = [](int i) { return EffectTesting::Bytes(static_cast<std::uint32_t>(900 + i), 90000, i % 2 == 0); };
+  const auto wide = [](int i) { return L"big/" + std::to_wstring(i); };
+  const std::wstring source = (dir_.Path() / "source").wstring();
+  fs::create_directories(source);
+  {
+    EffectCacheImpl cache(WStr(source.c_str()), 2);
+    cache.SetRemoteStore(&settings);
+    for (int i = 0; i < kEffects; ++i) {
+      const auto bytes = big(i);
+      ASSERT_TRUE(cache.CacheCompiledEffect(WStr(wide(i).c_str()), bytes.data(), bytes.size(), false));
+    }
+    cache.ForceSaveToFile();
+    ASSERT_EQ(cache.GetRemoteCounts().stored, static_cast<std::uint64_t>(kEffects));
+  }
+  const std::wstring writable = (dir_.Path() / "writable").wstring();
+  fs::create_directories(writable);
+  {
+    EffectCacheImpl cache(WStr(writable.c_str()), 2);
+    cache.SetRemoteStore(&settings);
+    std::uint64_t most = 0;
+    for (int i = 0; i < kEffects; ++i) {
+      Tab<unsigned char> data;
+      ASSERT_TRUE(cache.SearchCachedEffects(WStr(wide(i).c_str()), data)) << i;
+      EXPECT_EQ(EffectTesting::ToVector(data), big(i)) << i;
+      most = std::max(most, cache.GetPendingBytes());
+    }
+    EXPECT_LT(most, EffectCacheImpl::kAutoSaveThreshold);
+    EXPECT_GT(cache.GetNumberOfEffectsInFile(), 0u) << "2 MiB of fetched effects were waiting without a save";
+  }
+  Testing::InstalledFileSystem files;
+  {
+    EffectCacheImpl made(WStr(L"deployed"), 2);
+    ASSERT_TRUE(made.IsEnabled());
+  }
+  files.Memory().SetReadOnly(L"deployed");
+  constexpr std::uint64_t kLimit = 1 << 20;
+  EffectCacheImpl cache(WStr(L"deployed"), 2, kLimit);
+  ASSERT_TRUE(cache.IsReadOnly());
+  cache.SetRemoteStore(&settings);
+  for (int i = 0; i < kEffects; ++i) {
+    Tab<unsigned char> data;
+    ASSERT_TRUE(cache.SearchCachedEffects(WStr(wide(i).c_str()), data)) << i;
+    EXPECT_EQ(EffectTesting::ToVector(data), big(i)) << i;
+    EXPECT_LE(cache.GetPendingBytes(), kLimit) << i;
+  }
+  EXPECT_GT(cache.GetNumberOfEffectsInMemory(), 0u);
+  EXPECT_LT(cache.GetNumberOfEffectsInMemory(), static_cast<std::size_t>(kEffects));
 }
 
 TEST_F(EffectRemoteStoreServerTest, AReadOnlyStoreIsReadAndNeverWritten) {

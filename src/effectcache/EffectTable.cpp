@@ -25,6 +25,28 @@ void EffectTable::AddLoaded(std::string&& name, const EffectRecord& record) {
   }
 }
 
+void EffectTable::Load(std::vector<Entry>&& entries) {
+  const auto before = [](const Entry& a, const Entry& b) { return EffectNameOrder()(a.name, b.name); };
+  // The index's own order (strictly ascending names) is taken as it is.
+  if (std::adjacent_find(entries.begin(), entries.end(),
+                         [&before](const Entry& a, const Entry& b) { return !before(a, b); }) == entries.end()) {
+    entries_.swap(entries);
+    return;
+  }
+  // A stable sort keeps the entries of one name in index order, so the
+  // last of each run is the one the index names last.
+  std::stable_sort(entries.begin(), entries.end(), before);
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    if (i + 1 < entries.size() && entries[i + 1].name == entries[i].name) continue;
+    if (kept != i) entries[kept] = std::move(entries[i]);
+    ++kept;
+  }
+  entries.resize(kept);
+  entries_.swap(entries);
+  CheckInvariants();
+}
+
 EffectRecord* EffectTable::Find(const std::string& name) {
   const auto at = LowerBound(name);
   return at != entries_.end() && at->name == name ? &at->record : nullptr;

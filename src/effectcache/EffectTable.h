@@ -2,9 +2,9 @@
 // EffectRecord) per stored effect, in one array sorted by EffectNameOrder,
 // the order in which the index stream is written.
 //
-// Loading appends entries as the index holds them, so a full index costs
-// one allocation per name and no per-entry node; lookups are binary
-// searches. Changes that touch many entries (a save's new effects, a
+// Loading takes the entries as the index holds them, so a full index costs
+// one allocation per name and no per-entry node, and an index out of name
+// order costs one sort; lookups are binary searches. Changes that touch many entries (a save's new effects, a
 // trim) go in as one batch, in one pass over the array, so that a save
 // does not shift the array once per effect.
 //
@@ -49,6 +49,12 @@ class EffectTable {
   // after the last one (the index's own order), else in its place; a name
   // already present takes the later record.
   void AddLoaded(std::string&& name, const EffectRecord& record);
+  // Takes every entry of an index at once, in the order the index holds
+  // them: sorted in O(n log n) when they are not in name order already,
+  // and of a name that comes more than once, the last one is kept (as
+  // AddLoaded would keep it).
+  void Load(std::vector<Entry>&& entries);
+  void Swap(EffectTable& other) { entries_.swap(other.entries_); }
   // The record of `name`, or null.
   EffectRecord* Find(const std::string& name);
   const EffectRecord* Find(const std::string& name) const;

@@ -92,5 +92,34 @@ TEST(EffectTableTest, MarkedEntriesAndSingleNamesAreErased) {
   EXPECT_TRUE(table.Empty());
 }
 
+TEST(EffectTableTest, AnIndexOutOfOrderLoadsSortedAndTheLastEntryOfANameWins) {
+  // Reversed, with every fifth name given twice (first a stale record).
+  std::vector<EffectTable::Entry> entries;
+  for (int i = 2000; i-- > 0;) {
+    const std::string name = "fx/" + std::to_string(i);
+    if (i % 5 == 0) entries.push_back(EffectTable::Entry{name, RecordOf(1)});
+    entries.push_back(EffectTable::Entry{name, RecordOf(static_cast<std::uint64_t>(i) + 100)});
+  }
+  EffectTable table;
+  table.Load(std::move(entries));
+  ASSERT_EQ(table.Size(), 2000u);
+  for (std::size_t i = 1; i < table.Size(); ++i) {
+    EXPECT_TRUE(EffectNameOrder()(table.At(i - 1).name, table.At(i).name)) << i;
+  }
+  for (int i = 0; i < 2000; ++i) {
+    const EffectRecord* record = table.Find("fx/" + std::to_string(i));
+    ASSERT_NE(record, nullptr) << i;
+    EXPECT_EQ(record->streamId, static_cast<std::uint64_t>(i) + 100) << i;
+  }
+}
+
+TEST(EffectTableTest, AnIndexInOrderIsTakenAsItIs) {
+  std::vector<EffectTable::Entry> entries{{"a", RecordOf(1)}, {"b", RecordOf(2)}, {"aa", RecordOf(3)}};
+  EffectTable table;
+  table.AddLoaded("stale", RecordOf(9));
+  table.Load(std::move(entries));
+  EXPECT_EQ(NamesOf(table), (std::vector<std::string>{"a", "b", "aa"}));
+}
+
 }  // namespace
 }  // namespace Tovrel

@@ -39,4 +39,19 @@ std::uint8_t* UserDataBlock::Ensure(IDataStreamSet& package, std::uint32_t tag, 
   return block + kHeadSize;
 }
 
+std::uint8_t* UserDataBlock::EnsureLast(IDataStreamSet& package, std::uint32_t tag, std::uint64_t payloadSize) {
+  const IDataStreamSet& view = package;
+  const std::uint64_t size = view.GetUserDataSize();
+  const std::uint64_t at = Find(view.GetUserData(), size, tag);
+  if (at != kNotFound) {
+    const std::uint64_t length = PayloadSize(view.GetUserData(), at);
+    const std::uint64_t end = at + kHeadSize + length;
+    if (end == size && length == payloadSize) return package.GetUserData() + at + kHeadSize;
+    std::uint8_t* data = package.GetUserData();
+    std::memmove(data + at, data + end, static_cast<std::size_t>(size - end));
+    if (!package.SetUserDataSize(size - (end - at))) return nullptr;
+  }
+  return Ensure(package, tag, payloadSize);
+}
+
 }  // namespace Tovrel

@@ -4,6 +4,7 @@
 #include <cassert>
 #include <cstring>
 #include <cwchar>
+#include <new>
 #include <unordered_map>
 #include <utility>
 
@@ -15,6 +16,8 @@
 #include "pagefile/InvalidParameterException.h"
 #include "pagefile/PageGeometry.h"
 #include "pagefile/PageRef.h"
+#include "pagefile/SavedHeadTail.h"
+#include "platform/PlatformFile.h"
 #include "streams/PagedFileStream.h"
 
 namespace Tovrel {
@@ -36,6 +39,7 @@ std::uint64_t RunLength(const std::vector<std::uint64_t>& pages, std::size_t k) 
 
 PagedFilePackage::PagedFilePackage(const PagedFilePackageConfig& config)
     : modified_(false),
+      loadFailure_(LoadFailure::kNone),
       access_(FilePageCache::Access::kUpdate),
       config_(config),
       path_(config.filePath != nullptr ? config.filePath : L""),
@@ -149,28 +153,52 @@ bool PagedFilePackage::ReadTables() {
          childFiles_.Read(head, config_.streamLimit) && userData_.Read(head);
 }
 
+RefPtr<PagedFilePackage> PagedFilePackage::Open(const PagedFilePackageConfig& config, LoadFailure* why) {
+  *why = LoadFailure::kUnavailable;
+  if (config.filePath == nullptr) return RefPtr<PagedFilePackage>();
+  try {
+    RefPtr<PagedFilePackage> package(new PagedFilePackage(config));
+    const bool loaded = package->Reload();
+    *why = package->GetLoadFailure();
+    if (loaded) return package;
+  } catch (const std::exception&) {
+    *why = LoadFailure::kUnavailable;  // no memory for the package itself
+  }
+  return RefPtr<PagedFilePackage>();
+}
+
 bool PagedFilePackage::Reload() {
   CheckInvariants();
+  loadFailure_ = LoadFailure::kUnavailable;
   if (!openStreams_.empty()) return false;
   // Pages written since the last save are dropped, whatever the outcome,
   // and those already written to the file are taken back first, so that
   // the file read is the last completed save.
   if (!RollBackPageWrites()) return false;
+  // The file is proven damaged only when it was read without trouble: a
+  // failed file call on the way, or no memory, says nothing of its bytes.
+  const std::uint64_t failuresBefore = PlatformFile::FailuresOnThisThread();
   RefPtr<PagedFilePackage> loaded(new PagedFilePackage(config_));
   loaded->access_ = access_;
   bool success = false;
+  bool trouble = false;
   try {
     if (!loaded->Load()) throw FileDataCorruptException();
     success = true;
+  } catch (const std::bad_alloc&) {
+    trouble = true;
   } catch (...) {
     success = false;
   }
   if (!success) {
+    trouble = trouble || !loaded->cache_ || PlatformFile::FailuresOnThisThread() != failuresBefore;
     loaded->Close();
+    loadFailure_ = trouble ? LoadFailure::kUnavailable : LoadFailure::kCorrupt;
     return false;
   }
   SwapState(*loaded);
   loaded.Reset();  // the former state: saved if it was modified, then closed
+  loadFailure_ = LoadFailure::kNone;
   return true;
 }
 
@@ -188,6 +216,11 @@ void PagedFilePackage::SwapState(PagedFilePackage& other) {
   openStreams_.swap(other.openStreams_);
   config_.filePath = path_.c_str();
   other.config_.filePath = other.path_.c_str();
+}
+
+bool PagedFilePackage::ReadSavedUserDataTail(std::uint8_t* out, std::uint64_t size) {
+  if (!cache_ || !cache_->IsOpen()) return false;
+  return SavedHeadTail::Read(*cache_, out, size);
 }
 
 bool PagedFilePackage::SetUserDataSize(std::uint64_t size) {

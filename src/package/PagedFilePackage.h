@@ -60,10 +60,21 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   explicit PagedFilePackage(const PagedFilePackageConfig& config);
 
   // Re-reads the file into a new state; false (this state kept) when a
-  // stream is open or the file cannot be loaded. Unsaved page writes are
-  // dropped in either case. The former state, if modified, is saved as it
-  // goes.
+  // stream is open or the file cannot be loaded (GetLoadFailure tells
+  // why). Unsaved page writes are dropped in either case. The former
+  // state, if modified, is saved as it goes.
   bool Reload() override;
+
+  // Why the last Reload failed: the file's bytes break a rule of the
+  // format (kCorrupt: the file is proven damaged or foreign), or the file
+  // could not be read as it is (kUnavailable: a failed file call, no
+  // descriptor, no memory, a living writer's journal; the same file may
+  // load later). kNone after a Reload that succeeded.
+  enum class LoadFailure { kNone, kCorrupt, kUnavailable };
+  LoadFailure GetLoadFailure() const { return loadFailure_; }
+  // OpenFilePackage that says why it failed: the package, or null with
+  // *why set (never kNone then).
+  static RefPtr<PagedFilePackage> Open(const PagedFilePackageConfig& config, LoadFailure* why);
   // Writes the tables if modified; see the header comment.
   bool Save() override;
   std::uint64_t GetTotalStreamSize() const override { return streams_.GetTotalSize(); }
@@ -121,8 +132,21 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   // the file is then as it was, and the package reloaded from it (closed
   // when that fails too).
   bool Compact(CompactResult* result);
+  // True when Compact would change the file (free pages, a file longer
+  // than its pages, or a tail that can move to an earlier child file).
+  bool NeedsCompaction() const;
+
+  // Reads the last `size` bytes of the user data as the file holds them
+  // now (see SavedHeadTail), without loading the file or touching the
+  // cache; false when the package is not open or its file's head chain
+  // breaks a rule. User data shorter than `size` comes with bytes of the
+  // tables before it: callers check what they read. FileIOException when
+  // a file call fails.
+  bool ReadSavedUserDataTail(std::uint8_t* out, std::uint64_t size);
 
   bool IsModified() const { return modified_; }
+  // The package file's length in bytes as last seen; 0 when not open.
+  std::uint64_t GetFileLength() const { return cache_ ? cache_->GetFileLength() : 0; }
   const PagedFilePackageConfig& GetConfig() const { return config_; }
   FilePageCache* GetPageCache() const { return cache_.get(); }
   PageAllocator& GetAllocator() const { return *allocator_; }
@@ -153,7 +177,6 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   bool WriteHead(std::uint64_t restBytes);
   void WriteSections(RefPtr<IDataStream>& head);
   void CommitSave();
-  bool NeedsCompaction() const;
   std::uint64_t CompactedPageCount(std::uint64_t restBytes) const;
   std::uint64_t MovePagesBelow(std::uint64_t end);
   void CopyPage(std::uint64_t from, std::uint64_t to, std::uint8_t* image);
@@ -163,6 +186,7 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   void CheckInvariants() const;
 
   bool modified_;
+  LoadFailure loadFailure_;       // of the last Reload
   FilePageCache::Access access_;  // how Load opens the file
   // Invariant: config_.filePath points at path_.
   PagedFilePackageConfig config_;

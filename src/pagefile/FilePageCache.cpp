@@ -339,6 +339,12 @@ std::uint64_t FilePageCache::ReadUncached(std::uint64_t firstPageId, std::uint64
   return n;
 }
 
+bool FilePageCache::ReadFileBytes(std::uint64_t offset, std::uint8_t* into, std::uint64_t size) {
+  CheckInvariants();
+  if (file_ == nullptr) throw FileIOException(0);
+  return PageFileIO::ReadBytes(file_, offset, into, size);
+}
+
 void FilePageCache::EnsureFileCoversPage(std::uint64_t pageId) {
   const std::uint64_t needed = pageId * kPageSize - kFirstPageId * kPageSize + kPageSize;
   if (needed > fileLength_) {

@@ -126,6 +126,11 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // `into`, in one file call, without caching them; the number read.
   // FileIOException when the file call fails.
   std::uint64_t ReadUncached(std::uint64_t firstPageId, std::uint64_t pages, std::uint8_t* into);
+  // Reads `size` bytes at `offset` of the file as it is on disk now,
+  // whatever the cache holds (for a look at what another process saved).
+  // False when the file ends first; FileIOException when it is not open or
+  // a call fails.
+  bool ReadFileBytes(std::uint64_t offset, std::uint8_t* into, std::uint64_t size);
 
   // Grows the file with zeros so that the page lies inside it.
   void EnsureFileCoversPage(std::uint64_t pageId);

@@ -74,6 +74,16 @@ bool PageFileIO::ReadPage(FileHandle* file, std::uint64_t fileLength, std::uint8
   return true;
 }
 
+bool PageFileIO::ReadBytes(FileHandle* file, std::uint64_t offset, std::uint8_t* buffer, std::uint64_t size) {
+  if (file == nullptr) throw FileIOException(0);
+  if (size == 0) return true;
+  SeekTo(file, offset);
+  errno = 0;
+  if (PlatformFile::Read(buffer, 1, size, file) == size) return true;
+  if (errno != 0) throw FileIOException(errno);
+  return false;
+}
+
 void PageFileIO::WritePage(FileHandle* file, std::uint64_t fileLength, const std::uint8_t* buffer,
                            std::uint64_t offset, std::uint64_t pages) {
   if (buffer == nullptr) return;

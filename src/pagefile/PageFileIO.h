@@ -35,6 +35,11 @@ class PageFileIO {
   static bool ReadPage(FileHandle* file, std::uint64_t fileLength, std::uint8_t* buffer,
                        std::uint64_t offset, std::uint64_t pages = 1);
 
+  // Reads `size` bytes at `offset` into buffer, as the file holds them.
+  // False when the file ends before them; FileIOException when no file is
+  // open or a call fails.
+  static bool ReadBytes(FileHandle* file, std::uint64_t offset, std::uint8_t* buffer, std::uint64_t size);
+
   // Writes one page (or `pages` consecutive ones, in one call) at `offset`. Nothing for a null buffer or an offset at
   // or past fileLength; FileIOException when no file is open or a call fails.
   static void WritePage(FileHandle* file, std::uint64_t fileLength, const std::uint8_t* buffer,

@@ -5,7 +5,8 @@
 // -1, EOF, a short count, with errno set). Before each call FileFaults may
 // make it fail with a chosen errno, or cut the power at it; a failed Close
 // still closes the file and deletes its handle.
-// Stateless; thread-safety as the current file system's.
+// Stateless but for a per-thread count of failed calls; thread-safety as
+// the current file system's.
 #ifndef TOVREL_PLATFORM_PLATFORMFILE_H
 #define TOVREL_PLATFORM_PLATFORMFILE_H
 
@@ -38,6 +39,12 @@ class PlatformFile {
   // figure a test set through FileFaults).
   static std::uint64_t AvailableBytes(const wchar_t* folder);
   static wchar_t Separator();
+  // How many calls have failed on this thread with an error other than a
+  // missing file: a caller compares the figure before and after a step to
+  // tell trouble of the file system (a failed read, no descriptor, no
+  // space, no permission) from bytes that merely break a rule. A short
+  // read at the end of a file is no failure, nor is a missing file.
+  static std::uint64_t FailuresOnThisThread();
 };
 
 }  // namespace Tovrel

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "platform/FileFaults.h"
 #include "support/TempDir.h"
 
 namespace Tovrel {
@@ -100,6 +101,30 @@ TEST(PlatformFileTest, ALockedFileCannotBeLockedAgainUntilItCloses) {
   EXPECT_EQ(PlatformFile::OpenLocked(dir.File("missing.bin").c_str(), "r+b", &busy), nullptr);
   EXPECT_FALSE(busy);
   EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(PlatformFileTest, FailedCallsAreCountedButNotAMissingFileOrTheEndOfAFile) {
+  Testing::TempDir dir;
+  const std::wstring path = dir.File("counted.bin");
+  const std::uint64_t start = PlatformFile::FailuresOnThisThread();
+  EXPECT_EQ(PlatformFile::Open(path.c_str(), "rb"), nullptr);  // missing: an answer, not trouble
+  FileHandle* file = PlatformFile::Open(path.c_str(), "w+b");
+  ASSERT_NE(file, nullptr);
+  const char bytes[3] = {1, 2, 3};
+  ASSERT_EQ(PlatformFile::Write(bytes, 1, 3, file), 3u);
+  ASSERT_EQ(PlatformFile::Seek(file, 0, SEEK_SET), 0);
+  char back[8] = {};
+  EXPECT_EQ(PlatformFile::Read(back, 1, 8, file), 3u);  // short at the end
+  EXPECT_EQ(PlatformFile::FailuresOnThisThread(), start);
+  FileFaults::FailNth(FileCall::kRead, 1, EIO);
+  EXPECT_EQ(PlatformFile::Read(back, 1, 1, file), 0u);
+  FileFaults::Reset();
+  EXPECT_EQ(PlatformFile::FailuresOnThisThread(), start + 1);
+  FileFaults::FailNth(FileCall::kOpen, 1, EMFILE);
+  EXPECT_EQ(PlatformFile::Open(path.c_str(), "rb"), nullptr);
+  FileFaults::Reset();
+  EXPECT_EQ(PlatformFile::FailuresOnThisThread(), start + 2);
+  EXPECT_EQ(PlatformFile::Close(file), 0);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <cassert>
 #include <cstring>
 #include <exception>
+#include <new>
 
 #include "pagefile/FileDataCorruptException.h"
 #include "pagefile/InvalidParameterException.h"
@@ -83,6 +84,8 @@ bool PagedFileStream::Seek(std::uint32_t origin, std::int32_t offset) {
   StreamCursor next = cursor_;
   try {
     if (!TargetCursor(next, origin, offset)) return false;
+  } catch (const std::bad_alloc&) {
+    throw;  // no memory says nothing of the chain
   } catch (const std::exception&) {
     return false;  // the chain could not be read that far
   }
@@ -173,6 +176,8 @@ std::uint64_t PagedFileStream::Transfer(std::uint8_t* readInto, const std::uint8
       done += n;
       if (cursor_.offsetInPage >= end && !StepToNextPage()) break;
     }
+  } catch (const std::bad_alloc&) {
+    throw;  // no memory is not the end of the stream
   } catch (const std::exception&) {
     // A page that could not be had ends the transfer, as a missing one does.
   }

@@ -10,8 +10,9 @@
 //
 // A page that cannot be had (not in the file, a cache full of pinned
 // pages, a failed file call) ends a Read or Write early: the short count
-// is the only signal, no exception leaves them. Seek answers false in the
-// same case.
+// is the only signal, no exception leaves them but std::bad_alloc (no
+// memory is not the end of the stream). Seek answers false in the same
+// case.
 //
 // Reference counted; made by the package over its head chain, over whole
 // child files, and (as ChildFileStream) for its users. Holds one reference

@@ -1,5 +1,6 @@
 #include "streams/StreamTransfer.h"
 
+#include <new>
 #include <stdexcept>
 
 #include "pagefile/LittleEndian.h"
@@ -21,6 +22,9 @@ bool Exact(RefPtr<IDataStream>& stream, const void* buffer, std::uint64_t n, con
   try {
     if (transfer(*stream) != n) throw ShortTransfer(message);
     return true;
+  } catch (const std::bad_alloc&) {
+    stream.Reset();
+    throw;  // no memory is no short transfer
   } catch (...) {
     stream.Reset();
     return false;

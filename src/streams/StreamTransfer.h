@@ -3,8 +3,9 @@
 // ReadExact and WriteExact move exactly n bytes or fail; ReadByteTab and
 // WriteByteTab move a length-prefixed byte block built on them. A short transfer,
 // or any exception the stream raises, is caught inside: the caller's
-// stream reference is released and cleared, and the result is false. No
-// exception leaves either function. Stateless; thread-safety as the stream.
+// stream reference is released and cleared, and the result is false. Only
+// std::bad_alloc leaves them (the reference cleared too): no memory is
+// not a short stream. Stateless; thread-safety as the stream.
 #ifndef TOVREL_STREAMS_STREAMTRANSFER_H
 #define TOVREL_STREAMS_STREAMTRANSFER_H
 
