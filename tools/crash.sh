@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Runs the crash tests at every file call of their workloads instead of a
 # sample, over more seeds (CRASH_SEEDS, 10 by default), and the child
-# process crashes at every call too, on the Linux build; prints what was
-# run. CI runs a bounded sample of the same tests.
+# process crashes at every call too, on the Linux build; the same for the
+# transient faults (a failed call, no descriptor, no memory at every point
+# of the effect cache's workload); prints what was run. CI runs a bounded
+# sample of the same tests.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/setup.sh
@@ -11,7 +13,7 @@ cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Release > "$dir.configure.log" 2>&1 || {
 cmake --build "$dir" -j "$(nproc)" --target package_tests effectcache_tests
 export TOVREL_CRASH_EXHAUSTIVE=1 TOVREL_CRASH_SEEDS=${CRASH_SEEDS:-10}
 for t in package effectcache; do
-  filter=$([ "$t" = package ] && echo 'PackageCrash*' || echo 'EffectCacheCrash*:EffectCacheKill*')
+  filter=$([ "$t" = package ] && echo 'PackageCrash*' || echo 'EffectCacheCrash*:EffectCacheKill*:EffectCacheTransientFaults*')
   "$dir/${t}_tests" --gtest_filter="$filter" --gtest_output="xml:$dir/$t-crash.xml"
   grep -oE 'name="[a-z0-9_]+" value="[0-9]+"' "$dir/$t-crash.xml" | sed 's/name="//; s/" value="/ = /; s/"$//'
 done

@@ -299,6 +299,14 @@ bool EffectCacheImpl::Search(const std::string& key, Tab<unsigned char>& data) {
       // A view that could not be brought up to date is not searched: its
       // tables may name pages that another process has since reused.
       if (RefreshIfChanged() && FindInFile(key, data)) return true;
+      // Bytes that failed their checks may be another save's, read through
+      // tables that a save behind the shared stamp's back made stale: when
+      // the file's mark says so, the view is loaded again and read again.
+      if (damaged_.count(key) != 0 && !FileMarkIsKnown()) {
+        staleView_ = true;
+        damaged_.erase(key);
+        if (RefreshIfChanged() && FindInFile(key, data)) return true;
+      }
     } catch (const std::bad_alloc&) {
       throw;
     } catch (const NorvaneSDK::Util::TabOutOfRangeException&) {
@@ -337,24 +345,32 @@ bool EffectCacheImpl::FetchFromRemote(const std::string& key, Tab<unsigned char>
 bool EffectCacheImpl::FindInFile(const std::string& key, Tab<unsigned char>& data) {
   EffectRecord* found = fileEffects_.Find(key);
   if (found == nullptr || !package_) return false;
-  EffectRecord& record = *found;
+  const std::uint32_t start = LocalClock::TickCount();
+  const EffectPayload::Result result = ReadStored(*found, data);
+  if (result == EffectPayload::Result::kOk) {
+    profile_.AddDecompression(LocalClock::TickCount() - start);
+    found->lastUsed = Now();
+    return true;
+  }
+  // Bytes that failed their checks: the next save looks at them again and
+  // drops the entry if they still do. A read that met a failed file call
+  // proves nothing of them: only a miss.
+  if (result != EffectPayload::Result::kTrouble) damaged_[key] = found->streamId;
+  return false;
+}
+
+EffectPayload::Result EffectCacheImpl::ReadStored(const EffectRecord& record, Tab<unsigned char>& data) {
   Tab<unsigned char>& compressed = searchBuffer_;
   EffectPayload::Result result = EffectPayload::Result::kNoStream;
+  const std::uint64_t failures = PlatformFile::FailuresOnThisThread();
   try {
     result = EffectPayload::ReadCompressed(*package_, record, compressed);
   } catch (const FileDataCorruptException&) {
     result = EffectPayload::Result::kUnreadable;
   }
-  const std::uint32_t start = LocalClock::TickCount();
   if (result == EffectPayload::Result::kOk) result = EffectPayload::Decompress(record, compressed, data);
-  if (result != EffectPayload::Result::kOk) {
-    // Bytes that cannot be read back: the entry goes at the next save.
-    damaged_[key] = record.streamId;
-    return false;
-  }
-  profile_.AddDecompression(LocalClock::TickCount() - start);
-  record.lastUsed = Now();
-  return true;
+  if (result != EffectPayload::Result::kOk && PlatformFile::FailuresOnThisThread() != failures) return EffectPayload::Result::kTrouble;
+  return result;
 }
 
 EffectCacheImpl::OpenOutcome EffectCacheImpl::OpenCacheFile() {
@@ -425,7 +441,7 @@ bool EffectCacheImpl::CreateCacheFile() {
     staleView_ = false;
     return true;
   } catch (const std::exception&) {
-    DropPackage();
+    AbandonWrite();
     return false;
   }
 }
@@ -471,11 +487,11 @@ bool EffectCacheImpl::TrimAfterLoad() {
     // save would, so that the package holds no unsaved change.
     if (removed == 0 || SaveDirectory()) return true;
   } catch (const std::bad_alloc&) {
-    DropPackage();
+    AbandonWrite();
     throw;
   } catch (const std::exception&) {
   }
-  DropPackage();  // the file keeps its last completed save
+  AbandonWrite();  // the file keeps its last completed save
   return false;
 }
 
@@ -722,7 +738,7 @@ bool EffectCacheImpl::SaveToFileUnderMutex() {
     if (!WritePendingEffects() || !SaveDirectory()) throw FileIOException();
     return true;
   } catch (const std::exception&) {
-    DropPackage();
+    AbandonWrite();
     return false;
   }
 }
@@ -811,11 +827,11 @@ bool EffectCacheImpl::StoreCopies(std::vector<StoredCopy>& copies, std::uint64_t
     if (bytes != nullptr) *bytes = written;
     return true;
   } catch (const std::bad_alloc&) {
-    DropPackage();  // a half-done change is never saved later
+    AbandonWrite();  // a half-done change is never saved later
     throw;
   } catch (const std::exception&) {
     fileEffects_.Apply(std::move(changes));
-    DropPackage();
+    AbandonWrite();
     return false;
   }
 }
@@ -828,10 +844,10 @@ bool EffectCacheImpl::ChangeUnderFileMutex(const std::function<bool()>& change) 
     if (!change()) throw FileIOException();
     return true;
   } catch (const std::bad_alloc&) {
-    DropPackage();  // a half-done change is never saved later
+    AbandonWrite();  // a half-done change is never saved later
     throw;
   } catch (const std::exception&) {
-    DropPackage();
+    AbandonWrite();
     return false;
   }
 }
@@ -896,8 +912,12 @@ void EffectCacheImpl::DropDamagedEntries() {
   for (const auto& damaged : damaged_) {
     const EffectRecord* entry = fileEffects_.Find(damaged.first);
     // Another process may have stored the name afresh since: only the
-    // entry that was found damaged goes.
+    // entry that was found damaged goes, and only when its bytes, read
+    // again through the view this save writes from, still fail.
     if (entry == nullptr || entry->streamId != damaged.second) continue;
+    Tab<unsigned char> data;
+    const EffectPayload::Result again = ReadStored(*entry, data);
+    if (again == EffectPayload::Result::kOk || again == EffectPayload::Result::kTrouble) continue;
     try {
       package_->RemoveStream(entry->streamId);
     } catch (const FileDataCorruptException&) {
@@ -922,6 +942,13 @@ void EffectCacheImpl::ResetState() {
   header_ = EffectCacheHeader{};
   knownMark_ = ChangeMark{};
   profile_.Reset();
+}
+
+void EffectCacheImpl::AbandonWrite() {
+  DropPackage();
+  // The failed write may have passed its commit point (the file then holds
+  // it) or left other processes' views in doubt: they all reload.
+  if (stampReady_) timeStamp_.UpdateTimeStamp();
 }
 
 void EffectCacheImpl::DropPackage() {

@@ -63,6 +63,7 @@
 #include "effectcache/EffectCacheProfile.h"
 #include "effectcache/EffectCacheStats.h"
 #include "effectcache/EffectNameOrder.h"
+#include "effectcache/EffectPayload.h"
 #include "effectcache/EffectRecord.h"
 #include "effectcache/EffectRemoteStore.h"
 #include "effectcache/EffectTable.h"
@@ -245,11 +246,16 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   bool SaveCounts(bool zero);
   bool Search(const std::string& key, Tab<unsigned char>& data);
   bool FindInFile(const std::string& name, Tab<unsigned char>& data);
+  // Reads and decompresses a stored effect through the view; kTrouble
+  // when it failed and a file call failed on the way.
+  EffectPayload::Result ReadStored(const EffectRecord& record, Tab<unsigned char>& data);
   std::vector<bool> ChooseRemovals(const RemovalChoice& choose, Removed* removed) const;
   void DropDamagedEntries();
   void DiscardPending();
   void ResetState();
   void DropPackage();
+  // After a write that failed: DropPackage, and the shared stamp renewed.
+  void AbandonWrite();
   void CheckInvariants() const;
 
   mutable std::recursive_mutex lock_;  // over every field below

@@ -15,6 +15,7 @@ class EffectCompression {
  public:
   static constexpr int kOk = 0;
   static constexpr int kBufferError = -5;
+  static constexpr int kMemoryError = -4;  // zlib's Z_MEM_ERROR: no memory, nothing wrong with the bytes
 
   // Bytes the compressed form of n bytes may take:
   // n + n/4096 + n/16384 + n/2^25 + 13.

@@ -1,5 +1,7 @@
 #include "effectcache/EffectPayload.h"
 
+#include <new>
+
 #include "effectcache/EffectCompression.h"
 #include "effectcache/EffectIndex.h"
 #include "streams/StreamTransfer.h"
@@ -30,6 +32,7 @@ EffectPayload::Result EffectPayload::Decompress(const EffectRecord& record, cons
   std::uint64_t length = record.uncompressedSize;
   const int status = EffectCompression::DecompressEffect(data.Addr(0), length, compressed.Addr(0),
                                                          static_cast<std::uint64_t>(compressed.Count()));
+  if (status == EffectCompression::kMemoryError) throw std::bad_alloc();  // says nothing of the bytes
   if (status != EffectCompression::kOk) return Result::kCorrupt;
   return length == record.uncompressedSize ? Result::kOk : Result::kLengthMismatch;
 }
@@ -48,6 +51,8 @@ const char* EffectPayload::Describe(Result result) {
       return "its compressed bytes are damaged";
     case Result::kLengthMismatch:
       return "it decompresses to another size than its record says";
+    case Result::kTrouble:
+      return "a file call failed while it was read";
   }
   return "unknown";
 }

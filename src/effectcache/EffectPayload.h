@@ -27,6 +27,7 @@ class EffectPayload {
     kSizeMismatch,      // block or stream size differ from the record
     kCorrupt,           // the zlib stream is damaged
     kLengthMismatch,    // it decompresses to another size than the record's
+    kTrouble,           // a file call failed while it was read: nothing is proven of the bytes
   };
 
   // The largest compressed effect: the compress bound of a 1 MiB effect.
@@ -36,7 +37,8 @@ class EffectPayload {
   // damaged package (a tail outside its child file, say) pass through.
   static Result ReadCompressed(IDataStreamSet& package, const EffectRecord& record, Tab<unsigned char>& compressed);
   // Decompresses into `data`, whose count becomes the record's size
-  // whatever the outcome.
+  // whatever the outcome. std::bad_alloc when the decoder has no memory
+  // (which says nothing of the bytes).
   static Result Decompress(const EffectRecord& record, const Tab<unsigned char>& compressed, Tab<unsigned char>& data);
 
   // A few words on a result, for messages: "stream missing", ...

@@ -192,6 +192,12 @@ void FilePageCache::Rollback() {
   CheckInvariants();
   FreeAllPages();
   if (!journal_.IsActive()) return;
+  if (file_ == nullptr) {
+    // A close that failed half-way left the file closed: the journal stays
+    // (unlocked) for the next opener, which rolls the file back.
+    journal_.Abandon();
+    throw FileIOException(0);
+  }
   try {
     fileLength_ = journal_.Rollback(file_);
     zerosFrom_ = fileLength_;

@@ -37,6 +37,10 @@ std::size_t AllocationFaults::Largest() { return state.largest; }
 
 bool AllocationFaults::Fired() { return state.fired; }
 
+AllocationFaultPause::AllocationFaultPause() : counting_(state.counting) { state.counting = false; }
+
+AllocationFaultPause::~AllocationFaultPause() { state.counting = counting_; }
+
 void AllocationFaults::OnAllocation(std::size_t size) {
   if (!state.counting) return;
   ++state.count;

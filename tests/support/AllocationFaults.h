@@ -38,6 +38,19 @@ class AllocationFaults {
   static void OnAllocation(std::size_t size);
 };
 
+// Leaves the calling thread's allocations uncounted (and unfailed) for its
+// life, so that a test's own bookkeeping never meets the armed failure.
+class AllocationFaultPause {
+ public:
+  AllocationFaultPause();
+  ~AllocationFaultPause();
+  AllocationFaultPause(const AllocationFaultPause&) = delete;
+  AllocationFaultPause& operator=(const AllocationFaultPause&) = delete;
+
+ private:
+  bool counting_;
+};
+
 // Arms nothing itself: stops counting and disarms when it goes, so that a
 // failed assertion never leaves a fault armed for the next test.
 class AllocationFaultScope {

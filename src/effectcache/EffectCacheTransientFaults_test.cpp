@@ -1,0 +1,93 @@
+// Transient trouble loses nothing a completed save stored: one file call
+// failing with EIO or EMFILE, or one allocation failing, anywhere in two
+// host objects' rounds of caching, searching and saving on one folder,
+// then more saves by them and by a third object with the trouble gone.
+// CI runs a spread sample of the points; TOVREL_CRASH_EXHAUSTIVE=1 runs
+// every one (tools/crash.sh).
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "effectcache/EffectCacheImpl.h"
+#include "platform/FileFaults.h"
+#include "support/CrashRunner.h"
+#include "support/EffectFaultWorkload.h"
+#include "support/InstalledFileSystem.h"
+#include "support/TempDir.h"
+
+namespace Tovrel {
+namespace {
+
+using Testing::CrashRunner;
+using Testing::EffectFaultWorkload;
+
+class EffectCacheTransientFaultsTest : public ::testing::Test {
+ protected:
+  void SetUp() override { EffectCacheImpl::SetOpenRetryInterval(0); }
+  void TearDown() override {
+    FileFaults::Reset();
+    EffectCacheImpl::SetOpenRetryInterval(EffectCacheImpl::kOpenRetryMilliseconds);
+  }
+
+  std::wstring Folder(const std::string& name) {
+    const std::filesystem::path folder = dir_.Path() / name;
+    std::filesystem::create_directories(folder);
+    return folder.wstring();
+  }
+
+  // Runs the workload once unharmed, then with the fault at each sampled
+  // point; every run must keep what completed saves stored.
+  void Sweep(EffectFaultWorkload::Fault fault, int error, std::uint32_t seed, std::size_t sample) {
+    // Allocations run on the system's own file system: the in-memory one
+    // allocates for every write, which the system's never does.
+    const bool inMemory = fault != EffectFaultWorkload::Fault::kAllocation;
+    std::uint64_t points = 0;
+    {
+      std::unique_ptr<Testing::InstalledFileSystem> files(inMemory ? new Testing::InstalledFileSystem : nullptr);
+      EffectFaultWorkload reference(Folder("fxref"), seed);
+      ASSERT_EQ(reference.Run(EffectFaultWorkload::Fault::kNone, 0, 0), "");
+      points = fault == EffectFaultWorkload::Fault::kFileCall ? reference.FileCalls() : reference.Allocations();
+    }
+    ASSERT_GT(points, 100u);
+    const std::vector<std::uint64_t> chosen = CrashRunner::Points(points, sample, seed);
+    const std::string kind = fault == EffectFaultWorkload::Fault::kFileCall ? "file_calls" : "allocations";
+    ::testing::Test::RecordProperty("seed" + std::to_string(seed) + "_" + kind, std::to_string(points));
+    ::testing::Test::RecordProperty("seed" + std::to_string(seed) + "_fault_points", std::to_string(chosen.size()));
+    int failures = 0;
+    for (std::uint64_t n : chosen) {
+      std::unique_ptr<Testing::InstalledFileSystem> files(inMemory ? new Testing::InstalledFileSystem : nullptr);
+      EffectFaultWorkload workload(Folder("fx" + std::to_string(n)), seed);
+      std::string wrong;
+      try {
+        wrong = workload.Run(fault, n, error);
+      } catch (const std::exception& e) {
+        wrong = std::string("an exception left the workload: ") + e.what();
+      }
+      EXPECT_EQ(wrong, "") << "seed " << seed << ", point " << n << " of " << points << ", errno " << error;
+      if (!wrong.empty() && ++failures > 5) return;
+    }
+  }
+
+  Testing::TempDir dir_;
+};
+
+TEST_F(EffectCacheTransientFaultsTest, OneFailedReadOrWriteAnywhereLosesNoStoredEffect) {
+  for (std::uint32_t seed : CrashRunner::Seeds({1}, 300)) Sweep(EffectFaultWorkload::Fault::kFileCall, EIO, seed, 150);
+}
+
+TEST_F(EffectCacheTransientFaultsTest, NoDescriptorAtAnyCallLosesNoStoredEffect) {
+  for (std::uint32_t seed : CrashRunner::Seeds({2}, 400)) {
+    Sweep(EffectFaultWorkload::Fault::kFileCall, EMFILE, seed, 150);
+  }
+}
+
+TEST_F(EffectCacheTransientFaultsTest, NoMemoryAtAnyAllocationLosesNoStoredEffect) {
+  for (std::uint32_t seed : CrashRunner::Seeds({3}, 500)) Sweep(EffectFaultWorkload::Fault::kAllocation, 0, seed, 150);
+}
+
+}  // namespace
+}  // namespace Tovrel
