@@ -2,7 +2,8 @@
 // folder whose cache holds N effects (200 bytes each, 40-character names,
 // seeded), plus its first search, against reading the whole cache file
 // once with fread into memory, in the same run. N = 1,000, 10,000 and the
-// stream limit's 65,534. The folder is made once per N before timing; the
+// stream limit's 65,534; and 65,534 again with the index stream written in
+// reverse name order (another writer's order: it loads with one sort). The folder is made once per N before timing; the
 // file is in the system's file cache for both (a warm start, as a host that
 // starts again finds it). Counters: the open's milliseconds, fread's, their
 // ratio (open over fread: lower is better) and the cost per effect. The
@@ -14,11 +15,13 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "PerfPhase.h"
 #include "StdioBaseline.h"
 #include "platform/NativeFile.h"
+#include "support/EffectTesting.h"
 #include "support/TempDir.h"
 #include "tovrel/tovrel.h"
 
@@ -40,7 +43,7 @@ std::wstring NameOf(std::size_t n) {
 
 // A folder holding a cache of `count` effects, made once per count.
 struct FullCache {
-  explicit FullCache(std::size_t count) {
+  FullCache(std::size_t count, bool reversed) {
     std::mt19937 random(static_cast<unsigned>(count));
     RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(WStr(dir.Path().wstring().c_str())));
     std::vector<unsigned char> effect(kEffectBytes);
@@ -50,17 +53,19 @@ struct FullCache {
     }
     cache->ForceSaveToFile();
     stored = cache->GetNumberOfEffectsInFile();
+    cache.Reset();
     file = dir.File("norvaneFxoCache.dat");
+    if (reversed) Testing::EffectTesting::ReverseIndex(file);
   }
   Testing::TempDir dir;
   std::wstring file;
   std::uint64_t stored = 0;
 };
 
-FullCache& CacheOf(std::size_t count) {
-  static std::map<std::size_t, std::unique_ptr<FullCache>> caches;
-  auto& cache = caches[count];
-  if (!cache) cache.reset(new FullCache(count));
+FullCache& CacheOf(std::size_t count, bool reversed) {
+  static std::map<std::pair<std::size_t, bool>, std::unique_ptr<FullCache>> caches;
+  auto& cache = caches[{count, reversed}];
+  if (!cache) cache.reset(new FullCache(count, reversed));
   return *cache;
 }
 
@@ -97,7 +102,7 @@ double OpenAndSearch(const FullCache& full, std::size_t count) {
 
 void BM_OpenFullCache(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
-  FullCache& full = CacheOf(count);
+  FullCache& full = CacheOf(count, state.range(1) != 0);
   if (full.stored != count) {
     state.SkipWithError("the cache did not keep every effect");
     return;
@@ -118,9 +123,11 @@ void BM_OpenFullCache(benchmark::State& state) {
   state.counters["file_MB"] = static_cast<double>(bytes) / 1e6;
 }
 BENCHMARK(BM_OpenFullCache)
-    ->Arg(1000)
-    ->Arg(10000)
-    ->Arg(65534)
+    ->ArgNames({"effects", "reversed"})
+    ->Args({1000, 0})
+    ->Args({10000, 0})
+    ->Args({65534, 0})
+    ->Args({65534, 1})
     ->UseManualTime()
     ->Iterations(5)
     ->Unit(benchmark::kMillisecond);
