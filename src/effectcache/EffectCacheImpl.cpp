@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "effectcache/ChangeMark.h"
@@ -215,9 +216,13 @@ bool EffectCacheImpl::CacheCompiledEffect(const WStr& name, const unsigned char*
   // A read-only file never takes the pending effects: they are held up to
   // the size limit, and no more.
   if (readOnly_ && pendingBytes_ + adds > cacheBytesLimit_) return false;
+  // The copy is made before anything changes: when memory runs out, the
+  // pending map is as it was (never an entry without its bytes, which no
+  // index may hold).
+  Tab<unsigned char> bytes;
+  bytes.Append(static_cast<INT_PTR>(size), data);
   PendingEffect& effect = pendingEffects_[key];
-  effect.bytes.ZeroCount();
-  effect.bytes.Append(static_cast<INT_PTR>(size), data);
+  effect.bytes = std::move(bytes);
   effect.permanent = permanent ? 1 : 0;
   effect.fromRemote = false;
   effect.pushed = false;
@@ -330,9 +335,9 @@ bool EffectCacheImpl::FetchFromRemote(const std::string& key, Tab<unsigned char>
   // and a writable one saves when 2 MiB are waiting.
   const std::uint64_t adds = EffectRecord::kSize + (8 + key.size()) + (8 + static_cast<std::uint64_t>(data.Count()));
   if (readOnly_ && pendingBytes_ + adds > cacheBytesLimit_) return true;
+  Tab<unsigned char> bytes(data);
   PendingEffect& effect = pendingEffects_[key];
-  effect.bytes.ZeroCount();
-  effect.bytes.Append(data.Count(), data.Addr(0));
+  effect.bytes = std::move(bytes);
   effect.permanent = permanent ? 1 : 0;
   effect.fromRemote = true;
   effect.pushed = false;
@@ -959,6 +964,11 @@ void EffectCacheImpl::DropPackage() {
 void EffectCacheImpl::CheckInvariants() const {
   assert(compressionLevel_ >= 0 && compressionLevel_ <= 9);
   assert(fileMutex_ != nullptr);
+#ifndef NDEBUG
+  for (const auto& pending : pendingEffects_) {
+    assert(pending.second.bytes.Count() >= 1 && static_cast<std::uint64_t>(pending.second.bytes.Count()) <= kEffectSizeLimit);
+  }
+#endif
 }
 
 }  // namespace Tovrel

@@ -278,7 +278,9 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   bool openAttempted_ = false;
   bool stampReady_ = false;  // timeStamp_ is initialised
   std::uint32_t lastOpenAttempt_ = 0;  // LocalClock ticks
-  PendingMap pendingEffects_;          // cached since the last save
+  // Cached since the last save. Invariant: every entry holds 1 to
+  // kEffectSizeLimit bytes (an index may name no effect without bytes).
+  PendingMap pendingEffects_;
   // Entries whose bytes were found unreadable, with the stream they named;
   // the next save drops them from the index (a save is due while any is).
   std::map<std::string, std::uint64_t, EffectNameOrder> damaged_;

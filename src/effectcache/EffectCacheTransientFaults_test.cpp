@@ -9,12 +9,15 @@
 #include <cerrno>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
 #include "effectcache/EffectCacheImpl.h"
 #include "platform/FileFaults.h"
+#include "support/AllocationFaults.h"
 #include "support/CrashRunner.h"
+#include "support/EffectTesting.h"
 #include "support/EffectFaultWorkload.h"
 #include "support/InstalledFileSystem.h"
 #include "support/TempDir.h"
@@ -24,6 +27,7 @@ namespace {
 
 using Testing::CrashRunner;
 using Testing::EffectFaultWorkload;
+using Testing::EffectTesting;
 
 class EffectCacheTransientFaultsTest : public ::testing::Test {
  protected:
@@ -76,17 +80,59 @@ class EffectCacheTransientFaultsTest : public ::testing::Test {
 };
 
 TEST_F(EffectCacheTransientFaultsTest, OneFailedReadOrWriteAnywhereLosesNoStoredEffect) {
-  for (std::uint32_t seed : CrashRunner::Seeds({1}, 300)) Sweep(EffectFaultWorkload::Fault::kFileCall, EIO, seed, 150);
+  for (std::uint32_t seed : CrashRunner::Seeds({1}, 300)) Sweep(EffectFaultWorkload::Fault::kFileCall, EIO, seed, 120);
 }
 
 TEST_F(EffectCacheTransientFaultsTest, NoDescriptorAtAnyCallLosesNoStoredEffect) {
   for (std::uint32_t seed : CrashRunner::Seeds({2}, 400)) {
-    Sweep(EffectFaultWorkload::Fault::kFileCall, EMFILE, seed, 150);
+    Sweep(EffectFaultWorkload::Fault::kFileCall, EMFILE, seed, 120);
   }
 }
 
 TEST_F(EffectCacheTransientFaultsTest, NoMemoryAtAnyAllocationLosesNoStoredEffect) {
-  for (std::uint32_t seed : CrashRunner::Seeds({3}, 500)) Sweep(EffectFaultWorkload::Fault::kAllocation, 0, seed, 150);
+  for (std::uint32_t seed : CrashRunner::Seeds({3}, 500)) Sweep(EffectFaultWorkload::Fault::kAllocation, 0, seed, 120);
+}
+
+// No memory while an effect is queued leaves the queue as it was: never a
+// name without bytes, which a save would write as a record no load takes.
+TEST_F(EffectCacheTransientFaultsTest, NoMemoryWhileCachingLeavesTheQueueAsItWas) {
+  const std::wstring folder = Folder("queue");
+  const std::vector<unsigned char> first = EffectTesting::Bytes(1, 5000, true);
+  const std::vector<unsigned char> second = EffectTesting::Bytes(2, 7000, true);
+  std::uint64_t allocations = 0;
+  {
+    EffectCacheImpl cache(WStr(folder.c_str()), 2);
+    Testing::AllocationFaultScope scope;
+    Testing::AllocationFaults::StartCounting();
+    ASSERT_TRUE(cache.CacheCompiledEffect(WStr(L"fx"), first.data(), first.size(), false));
+    allocations = Testing::AllocationFaults::Count();
+  }
+  ASSERT_GT(allocations, 0u);
+  for (std::uint64_t k = 1; k <= allocations; ++k) {
+    EffectCacheImpl cache(WStr(folder.c_str()), 2);
+    ASSERT_TRUE(cache.CacheCompiledEffect(WStr(L"fx"), first.data(), first.size(), false));
+    ASSERT_TRUE(cache.CacheCompiledEffect(WStr(L"fresh"), first.data(), first.size(), false));
+    {
+      Testing::AllocationFaultScope scope;
+      Testing::AllocationFaults::FailNth(k);
+      try {
+        cache.CacheCompiledEffect(WStr(L"fx"), second.data(), second.size(), false);
+        cache.CacheCompiledEffect(WStr(L"other"), second.data(), second.size(), false);
+      } catch (const std::bad_alloc&) {
+      }
+    }
+    Tab<unsigned char> data;
+    ASSERT_TRUE(cache.SearchCachedEffects(WStr(L"fx"), data)) << k;
+    const std::vector<unsigned char> found = EffectTesting::ToVector(data);
+    EXPECT_TRUE(found == first || found == second) << k;
+    cache.ForceSaveToFile();
+    ASSERT_TRUE(cache.IsEnabled()) << k;
+    EffectCacheImpl reader(WStr(folder.c_str()), 2);
+    ASSERT_TRUE(reader.IsEnabled()) << k;
+    ASSERT_TRUE(reader.SearchCachedEffects(WStr(L"fresh"), data)) << k << ": the file was replaced";
+    ASSERT_TRUE(reader.SearchCachedEffects(WStr(L"fx"), data)) << k;
+    EXPECT_EQ(EffectTesting::ToVector(data), found) << k;
+  }
 }
 
 }  // namespace

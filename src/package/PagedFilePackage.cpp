@@ -480,7 +480,7 @@ void PagedFilePackage::CommitSave() {
 bool PagedFilePackage::Save() {
   CheckInvariants();
   if (!modified_) return true;
-  if (!cache_ || access_ == FilePageCache::Access::kReadOnly) return false;
+  if (!cache_ || !cache_->IsOpen() || access_ == FilePageCache::Access::kReadOnly) return false;
   if (!WriteHead(GetRestSaveSize())) return false;
   CommitSave();
   return true;

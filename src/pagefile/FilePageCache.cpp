@@ -192,12 +192,6 @@ void FilePageCache::Rollback() {
   CheckInvariants();
   FreeAllPages();
   if (!journal_.IsActive()) return;
-  if (file_ == nullptr) {
-    // A close that failed half-way left the file closed: the journal stays
-    // (unlocked) for the next opener, which rolls the file back.
-    journal_.Abandon();
-    throw FileIOException(0);
-  }
   try {
     fileLength_ = journal_.Rollback(file_);
     zerosFrom_ = fileLength_;
@@ -406,6 +400,9 @@ bool FilePageCache::NeedsJournal(std::uint64_t index) const {
 }
 
 void FilePageCache::BeginJournalIfNeeded() {
+  // A cache whose file could not be opened again writes nothing, and
+  // begins no journal that could never be finished.
+  if (file_ == nullptr) throw FileIOException(0);
   if (journaling_ && !journal_.IsActive()) journal_.Begin(savedLength_);
 }
 
