@@ -51,7 +51,10 @@ class TOVREL_API IDataStreamSet : public NorvaneGraphics::ARefObject {
   virtual std::uint64_t GetStreamIdentifier(std::uint64_t index) const = 0;
   // The stream, or an empty RefPtr; the same object while it stays open.
   virtual RefPtr<IDataStream> OpenStream(std::uint64_t identifier) = 0;
-  // A new stream of `size` bytes; kNoStream on refusal.
+  // A new stream of `size` bytes; kNoStream on refusal, with nothing
+  // changed. Sizes of 2^31 bytes or more are always refused: a stream's
+  // positions are values of signed 32-bit arithmetic (see IDataStream::Seek),
+  // so the largest stream holds 2^31 - 1 bytes.
   virtual std::uint64_t CreateStream(std::uint64_t size) = 0;
   virtual bool RemoveStream(std::uint64_t identifier) = 0;
 };

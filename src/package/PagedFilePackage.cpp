@@ -23,6 +23,9 @@ namespace {
 
 constexpr std::uint64_t kTailMask = kPageSize - 1;
 constexpr std::uint64_t kPageShift = 13;
+// The largest stream: every position of it, and its end, is a value of
+// signed 32-bit arithmetic, as streams compute positions.
+constexpr std::uint64_t kLargestStream = 0x7FFFFFFF;
 
 // How many of pages[k], pages[k + 1], ... follow each other in the file,
 // up to what one file call moves.
@@ -293,10 +296,11 @@ std::uint64_t PagedFilePackage::CreateStream(std::uint64_t size) {
   if (!cache_ || GetNumberOfStreams() >= config_.streamLimit) return kNoStream;
   const std::uint64_t tail = size & kTailMask;
   const std::uint64_t fullPages = size >> kPageShift;
-  // A stream that no file can hold, or a tail that would need a child file
-  // beyond what a file with this limit may hold (it could not be read
-  // back), is refused before anything changes.
-  if (fullPages > kPageLimit) return kNoStream;
+  // A stream whose positions signed 32-bit arithmetic cannot reach, or a
+  // tail that would need a child file beyond what a file with this limit
+  // may hold (it could not be read back), is refused before anything
+  // changes.
+  if (size > kLargestStream) return kNoStream;
   if (tail != 0 && childFiles_.FindRoom(tail) == ChildFileTable::kNone &&
       childFiles_.GetChildFileCount() >= ChildFileTable::ChildFileLimit(config_.streamLimit)) {
     return kNoStream;

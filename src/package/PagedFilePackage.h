@@ -74,6 +74,9 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   std::uint64_t GetNumberOfStreams() const override { return streams_.GetCount(); }
   std::uint64_t GetStreamIdentifier(std::uint64_t index) const override;
   RefPtr<IDataStream> OpenStream(std::uint64_t identifier) override;
+  // kNoStream, nothing changed, for a size of 2^31 bytes or more (a
+  // stream's positions are signed 32-bit values), beyond the stream limit,
+  // or for a tail that would need a child file past what the limit allows.
   std::uint64_t CreateStream(std::uint64_t size) override;
   bool RemoveStream(std::uint64_t identifier) override;
 
