@@ -83,6 +83,7 @@ void PagedFilePackage::Close() {
   allocator_->Reset();
   streams_.Clear();
   childFiles_.Clear();
+  soundness_.Clear();
   modified_ = false;
   config_.filePath = path_.c_str();
 }
@@ -142,6 +143,8 @@ bool PagedFilePackage::Load() {
   }
   reader->LoadPagesUpTo(reader->pageCount - 1);
   if (!read) return false;
+  soundness_.Assess(*allocator_, streams_, childFiles_, *reader);
+  for (std::uint64_t child : soundness_.GetUnsoundChildFiles()) childFiles_.CloseToNewTails(child);
   cache_->SetSavedFreePages(allocator_->GetFreePages());
   return true;
 }
@@ -187,6 +190,7 @@ void PagedFilePackage::SwapState(PagedFilePackage& other) {
   std::swap(streams_, other.streams_);
   std::swap(childFiles_, other.childFiles_);
   std::swap(userData_, other.userData_);
+  std::swap(soundness_, other.soundness_);
   headSeeker_.Swap(other.headSeeker_);
   openStreams_.swap(other.openStreams_);
   config_.filePath = path_.c_str();
@@ -231,7 +235,7 @@ RefPtr<IDataStream> PagedFilePackage::OpenStream(std::uint64_t identifier) {
     return RefPtr<IDataStream>();  // no seeker for this stream (size 0 or a broken chain)
   }
   RefPtr<IPagedFileSeeker> base(seeker.Get());
-  RefPtr<ChildFileStream> stream(new ChildFileStream(this, identifier, cache_.get(), base));
+  RefPtr<ChildFileStream> stream(new ChildFileStream(this, identifier, cache_.get(), base, IsSound(identifier)));
   openStreams_[identifier] = stream.Get();
   return RefPtr<IDataStream>(stream.Get());
 }
@@ -295,7 +299,6 @@ std::uint64_t PagedFilePackage::CreateStream(std::uint64_t size) {
   CheckInvariants();
   if (!cache_ || GetNumberOfStreams() >= config_.streamLimit) return kNoStream;
   const std::uint64_t tail = size & kTailMask;
-  const std::uint64_t fullPages = size >> kPageShift;
   // A stream whose positions signed 32-bit arithmetic cannot reach, or a
   // tail that would need a child file beyond what a file with this limit
   // may hold (it could not be read back), is refused before anything
@@ -305,10 +308,27 @@ std::uint64_t PagedFilePackage::CreateStream(std::uint64_t size) {
       childFiles_.GetChildFileCount() >= ChildFileTable::ChildFileLimit(config_.streamLimit)) {
     return kNoStream;
   }
+  return AddStream(size);
+}
+
+std::uint64_t PagedFilePackage::AddEntry(const StreamEntry& entry) {
+  std::vector<std::uint64_t> passedOver;
+  std::uint64_t identifier = streams_.Add(entry);
+  while (identifier != kNoStream && childFiles_.FindTail(identifier) != nullptr) {
+    passedOver.push_back(identifier);
+    identifier = streams_.Add(entry);
+  }
+  for (std::uint64_t id : passedOver) streams_.Remove(id);
+  return identifier;
+}
+
+std::uint64_t PagedFilePackage::AddStream(std::uint64_t size) {
+  const std::uint64_t tail = size & kTailMask;
+  const std::uint64_t fullPages = size >> kPageShift;
   modified_ = true;
   StreamEntry entry{kNoStream, size, 0, fullPages};
   if (fullPages != 0) entry.firstPage = AllocateChain(fullPages);
-  const std::uint64_t identifier = streams_.Add(entry);
+  const std::uint64_t identifier = AddEntry(entry);
   if (identifier == kNoStream) {
     FreeChain(entry.firstPage, fullPages);
     return kNoStream;
@@ -343,28 +363,40 @@ void PagedFilePackage::CompactChildFile(const StreamTailRecord& tail) {
   }
 }
 
+bool PagedFilePackage::IsSound(std::uint64_t identifier) const {
+  if (!soundness_.IsStreamSound(identifier)) return false;
+  const StreamTailRecord* tail = childFiles_.FindTail(identifier);
+  return tail == nullptr || soundness_.IsChildFileSound(tail->childFileIdentifier);
+}
+
 bool PagedFilePackage::RemoveStream(std::uint64_t identifier) {
   CheckInvariants();
   if (openStreams_.count(identifier) != 0) return false;
   const StreamEntry* found = streams_.Find(identifier);
   if (found == nullptr) return true;
   const StreamEntry entry = *found;
-  // The tail is checked (it must lie in its child file's used bytes) and
-  // its bytes closed up before any table changes, so that a corrupt tail
-  // leaves the stream as it was.
+  // The stream must be sound and its tail lie in its child file's used
+  // bytes, checked before anything changes: a damaged stream is left as it
+  // was, and so are the streams its damaged table mixes it up with.
   TailLocation location{};
   ChildFileSeeker::LocateTail(location, childFiles_, identifier);
-  modified_ = true;
+  if (!IsSound(identifier)) throw FileDataCorruptException();
   const StreamTailRecord* tail = childFiles_.FindTail(identifier);
+  RemoveSoundStream(entry, tail);
+  return true;
+}
+
+void PagedFilePackage::RemoveSoundStream(const StreamEntry& entry, const StreamTailRecord* tail) {
+  // The tail's bytes are closed up first, before any table changes.
+  modified_ = true;
   if (tail != nullptr) CompactChildFile(*tail);
   FreeChain(entry.firstPage, entry.fullPageCount);
-  if (!streams_.Remove(identifier)) return false;
+  streams_.Remove(entry.identifier);
   if (tail != nullptr) {
     const std::uint64_t child = tail->childFileIdentifier;
-    childFiles_.RemoveTail(identifier);
+    childFiles_.RemoveTail(entry.identifier);
     MoveOpenTails(child);
   }
-  return true;
 }
 
 void PagedFilePackage::MoveOpenTails(std::uint64_t childFileIdentifier) {
@@ -460,6 +492,9 @@ bool PagedFilePackage::Save() {
 bool PagedFilePackage::Compact(CompactResult* result) {
   CheckInvariants();
   if (!cache_ || access_ == FilePageCache::Access::kReadOnly || !openStreams_.empty()) return false;
+  // Moving the pages of an unsound stream or child file could overwrite
+  // those of others: a damaged table is refused before anything changes.
+  if (!soundness_.IsSound()) throw FileDataCorruptException();
   if (!Save()) return false;
   CompactResult done;
   done.lengthBefore = cache_->GetFileLength();
@@ -489,7 +524,9 @@ bool PagedFilePackage::NeedsCompaction() const {
     const std::uint64_t child = childFiles_.GetChildFileIdentifier(i);
     if (childFiles_.FindChildFile(child)->freeBytes >= smallestLaterTail) return true;
     for (std::uint64_t stream : *childFiles_.TailsOf(child)) {
-      smallestLaterTail = std::min(smallestLaterTail, childFiles_.FindTail(stream)->size);
+      const StreamTailRecord* tail = childFiles_.FindTail(stream);
+      if (tail == nullptr) throw FileDataCorruptException();
+      smallestLaterTail = std::min(smallestLaterTail, tail->size);
     }
     if (childFiles_.TailsOf(child)->empty()) return true;
   }
