@@ -9,7 +9,10 @@
 //
 // A file whose data turn out to be damaged, or a file call that fails,
 // raises one of the library's exceptions (all derive from std::exception)
-// from OpenStream, CreateStream, RemoveStream and Save.
+// from OpenStream, CreateStream, RemoveStream and Save. When CreateStream
+// or RemoveStream throws after it began to change the set, the change may
+// be half done: Save then throws and writes nothing until Reload, and the
+// set's end saves nothing, so the file keeps its last completed save.
 //
 // Thread-safety: none; a set and its streams are used by one thread at a
 // time.

@@ -124,6 +124,7 @@ class PackageDamageTest : public ::testing::Test {
   void RefusesCompaction(const RefPtr<PagedFilePackage>& package, const Contents& contents) {
     const std::vector<std::uint8_t> file = files_.Memory().ReadAll(kPath);
     EXPECT_THROW(package->Compact(nullptr), FileDataCorruptException);
+    EXPECT_FALSE(package->IsBroken());
     EXPECT_EQ(files_.Memory().ReadAll(kPath), file);
     EXPECT_FALSE(files_.Memory().Exists(L"damage.dat-journal"));
     ExpectHolds(package, contents, {});
@@ -132,6 +133,7 @@ class PackageDamageTest : public ::testing::Test {
   static void RefusesRemovals(const RefPtr<PagedFilePackage>& package, const Ids& unsound, const Contents& contents) {
     for (std::uint64_t id : unsound) {
       EXPECT_THROW(package->RemoveStream(id), FileDataCorruptException) << "stream " << id;
+      EXPECT_FALSE(package->IsBroken());
       EXPECT_FALSE(package->IsModified());
     }
     ExpectHolds(package, contents, {});

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
 #include <cstring>
 #include <cwchar>
 #include <unordered_map>
@@ -39,6 +40,7 @@ std::uint64_t RunLength(const std::vector<std::uint64_t>& pages, std::size_t k) 
 
 PagedFilePackage::PagedFilePackage(const PagedFilePackageConfig& config)
     : modified_(false),
+      broken_(false),
       access_(FilePageCache::Access::kUpdate),
       config_(config),
       path_(config.filePath != nullptr ? config.filePath : L""),
@@ -47,16 +49,16 @@ PagedFilePackage::PagedFilePackage(const PagedFilePackageConfig& config)
 }
 
 PagedFilePackage::~PagedFilePackage() {
-  bool saved = true;
-  if (modified_) {
+  bool saved = !broken_;
+  if (saved && modified_) {
     try {
       saved = Save();
     } catch (...) {
       saved = false;
     }
   }
-  // A save that failed half-way is taken back: the file keeps its last
-  // completed save. Nothing can be reported from here.
+  // A save that failed half-way, or a broken package, is taken back: the
+  // file keeps its last completed save. Nothing can be reported from here.
   if (saved) {
     Close();
   } else {
@@ -67,6 +69,7 @@ PagedFilePackage::~PagedFilePackage() {
 void PagedFilePackage::CheckInvariants() const {
   assert(config_.filePath == path_.c_str());
   assert(!headSeeker_ || cache_);
+  assert(!broken_ || cache_);
   assert(openStreams_.empty() || cache_);
   for (const auto& open : openStreams_) {
     assert(open.second != nullptr && open.second->GetIdentifier() == open.first);
@@ -85,6 +88,7 @@ void PagedFilePackage::Close() {
   childFiles_.Clear();
   soundness_.Clear();
   modified_ = false;
+  broken_ = false;
   config_.filePath = path_.c_str();
 }
 
@@ -182,6 +186,7 @@ bool PagedFilePackage::Reload() {
 
 void PagedFilePackage::SwapState(PagedFilePackage& other) {
   std::swap(modified_, other.modified_);
+  std::swap(broken_, other.broken_);
   std::swap(access_, other.access_);
   std::swap(config_, other.config_);
   path_.swap(other.path_);
@@ -195,6 +200,16 @@ void PagedFilePackage::SwapState(PagedFilePackage& other) {
   openStreams_.swap(other.openStreams_);
   config_.filePath = path_.c_str();
   other.config_.filePath = other.path_.c_str();
+}
+
+template <typename Change>
+void PagedFilePackage::Changing(Change change) {
+  try {
+    change();
+  } catch (...) {
+    broken_ = true;
+    throw;
+  }
 }
 
 bool PagedFilePackage::SetUserDataSize(std::uint64_t size) {
@@ -308,7 +323,9 @@ std::uint64_t PagedFilePackage::CreateStream(std::uint64_t size) {
       childFiles_.GetChildFileCount() >= ChildFileTable::ChildFileLimit(config_.streamLimit)) {
     return kNoStream;
   }
-  return AddStream(size);
+  std::uint64_t identifier = kNoStream;
+  Changing([&] { identifier = AddStream(size); });
+  return identifier;
 }
 
 std::uint64_t PagedFilePackage::AddEntry(const StreamEntry& entry) {
@@ -382,7 +399,7 @@ bool PagedFilePackage::RemoveStream(std::uint64_t identifier) {
   ChildFileSeeker::LocateTail(location, childFiles_, identifier);
   if (!IsSound(identifier)) throw FileDataCorruptException();
   const StreamTailRecord* tail = childFiles_.FindTail(identifier);
-  RemoveSoundStream(entry, tail);
+  Changing([&] { RemoveSoundStream(entry, tail); });
   return true;
 }
 
@@ -482,6 +499,7 @@ void PagedFilePackage::CommitSave() {
 
 bool PagedFilePackage::Save() {
   CheckInvariants();
+  if (broken_) throw FileIOException(EIO);
   if (!modified_) return true;
   if (!cache_ || access_ == FilePageCache::Access::kReadOnly) return false;
   if (!WriteHead(GetRestSaveSize())) return false;
@@ -504,6 +522,7 @@ bool PagedFilePackage::Compact(CompactResult* result) {
     } catch (...) {
       // Nothing of the half-done compaction may be saved later: the file
       // goes back to its last save, and the tables with it.
+      broken_ = true;
       modified_ = false;
       if (!Reload()) Close();
       throw;

@@ -34,6 +34,14 @@
 // So no operation frees, moves or writes a page that a damaged table gives
 // to more than one stream, and the sound streams' bytes never change.
 //
+// Broken packages: when RemoveStream, CreateStream or a step of Compact
+// throws after it changed the tables or the cached pages, the change may
+// be half done. The package is then broken: Save throws FileIOException
+// (EIO) and writes nothing, until Reload or Abandon, and the destructor
+// abandons instead of saving, so the file keeps its last completed save.
+// An exception thrown by a check before any change leaves the package as
+// it was, usable. Reads, and writes to streams, go on meanwhile.
+//
 // Reference counted (IDataStreamSet); made by CreateFilePackage and
 // OpenFilePackage. Owns its page cache, allocator, head seeker and tables.
 // Thread-safety: none; one thread at a time, with its streams.
@@ -63,7 +71,8 @@ namespace Tovrel {
 
 class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
  protected:
-  // Saves a modified package (ignoring failure), then closes it.
+  // Saves a modified package (ignoring failure), then closes it; a broken
+  // package is abandoned instead.
   ~PagedFilePackage() override;
 
  public:
@@ -75,7 +84,8 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   // dropped in either case. The former state, if modified, is saved as it
   // goes.
   bool Reload() override;
-  // Writes the tables if modified; see the header comment.
+  // Writes the tables if modified; see the header comment. FileIOException
+  // (EIO), nothing written, while the package is broken.
   bool Save() override;
   std::uint64_t GetTotalStreamSize() const override { return streams_.GetTotalSize(); }
   bool SetUserDataSize(std::uint64_t size) override;
@@ -142,6 +152,8 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   bool Compact(CompactResult* result);
 
   bool IsModified() const { return modified_; }
+  // True from a change that threw half-way until Reload or Abandon.
+  bool IsBroken() const { return broken_; }
   const TableSoundness& GetSoundness() const { return soundness_; }
   const PagedFilePackageConfig& GetConfig() const { return config_; }
   FilePageCache* GetPageCache() const { return cache_.get(); }
@@ -153,6 +165,10 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
 
  private:
   void SwapState(PagedFilePackage& other);
+  // Runs a change of the tables or the cached pages: should it throw, the
+  // package is broken (see the header comment) and the exception goes on.
+  template <typename Change>
+  void Changing(Change change);
   // True when the stream and the child file of its tail are sound.
   bool IsSound(std::uint64_t identifier) const;
   // Stores a new stream's entry under an identifier that no tail record
@@ -191,6 +207,9 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   void CheckInvariants() const;
 
   bool modified_;
+  // Set when a change threw half-way; see the header comment. Invariant:
+  // set only while cache_ is.
+  bool broken_;
   FilePageCache::Access access_;  // how Load opens the file
   // Invariant: config_.filePath points at path_.
   PagedFilePackageConfig config_;
