@@ -9,7 +9,10 @@
 //
 // A file whose data turn out to be damaged, or a file call that fails,
 // raises one of the library's exceptions (all derive from std::exception)
-// from OpenStream, CreateStream, RemoveStream and Save.
+// from OpenStream, CreateStream, RemoveStream and Save. When CreateStream
+// or RemoveStream throws after it began to change the set, the change may
+// be half done: Save then throws and writes nothing until Reload, and the
+// set's end saves nothing, so the file keeps its last completed save.
 //
 // Thread-safety: none; a set and its streams are used by one thread at a
 // time.
@@ -51,7 +54,10 @@ class TOVREL_API IDataStreamSet : public NorvaneGraphics::ARefObject {
   virtual std::uint64_t GetStreamIdentifier(std::uint64_t index) const = 0;
   // The stream, or an empty RefPtr; the same object while it stays open.
   virtual RefPtr<IDataStream> OpenStream(std::uint64_t identifier) = 0;
-  // A new stream of `size` bytes; kNoStream on refusal.
+  // A new stream of `size` bytes; kNoStream on refusal, with nothing
+  // changed. Sizes of 2^31 bytes or more are always refused: a stream's
+  // positions are values of signed 32-bit arithmetic (see IDataStream::Seek),
+  // so the largest stream holds 2^31 - 1 bytes.
   virtual std::uint64_t CreateStream(std::uint64_t size) = 0;
   virtual bool RemoveStream(std::uint64_t identifier) = 0;
 };

@@ -112,14 +112,24 @@ std::uint64_t ChildFileTable::GetChildFileIdentifier(std::uint64_t index) const 
 }
 
 std::uint64_t ChildFileTable::FindRoom(std::uint64_t bytes) const {
-  const std::size_t slot = freeIndex_.FindFirst(bytes);
+  // A closed child file's slot holds 0, which no tail (1 byte at least) fits.
+  const std::size_t slot = freeIndex_.FindFirst(std::max<std::uint64_t>(bytes, 1));
   return slot == FirstFitIndex::kNone ? kNone : children_[slot].record.identifier;
+}
+
+bool ChildFileTable::CloseToNewTails(std::uint64_t childFileIdentifier) {
+  CheckInvariants();
+  const std::size_t slot = SlotOf(childFileIdentifier);
+  if (slot == FirstFitIndex::kNone) return false;
+  children_[slot].closed = true;
+  freeIndex_.Set(slot, 0);
+  return true;
 }
 
 void ChildFileTable::RebuildIndex() {
   std::vector<std::uint64_t> free;
   free.reserve(children_.size());
-  for (const ChildFile& child : children_) free.push_back(child.record.freeBytes);
+  for (const ChildFile& child : children_) free.push_back(RoomOf(child));
   freeIndex_.Assign(free);
 }
 
@@ -127,7 +137,7 @@ std::uint64_t ChildFileTable::AddChildFile(const std::uint64_t (&pages)[kChildFi
   CheckInvariants();
   const std::uint64_t id = identifiers_.Allocate();
   if (id == AdvancedIdentifierAllocator::kNoIdentifier) return kNone;
-  ChildFile child{ChildFileRecord{id, {}, kChildFileSize}, {}, 0};
+  ChildFile child{ChildFileRecord{id, {}, kChildFileSize}, {}, 0, false};
   std::copy(std::begin(pages), std::end(pages), child.record.page);
   if (children_.empty() || children_.back().record.identifier < id) {
     children_.push_back(std::move(child));
@@ -159,7 +169,7 @@ bool ChildFileTable::AddTail(const StreamTailRecord& tail) {
   const std::size_t slot = SlotOf(tail.childFileIdentifier);
   if (slot == FirstFitIndex::kNone) return false;
   ChildFile& child = children_[slot];
-  if (tail.size > child.record.freeBytes || tails_.Find(tail.streamIdentifier) != nullptr ||
+  if (child.closed || tail.size > child.record.freeBytes || tails_.Find(tail.streamIdentifier) != nullptr ||
       tail.streamIdentifier == TailTable::kAbsent || Overlaps(child, tail)) {
     return false;
   }
@@ -168,7 +178,7 @@ bool ChildFileTable::AddTail(const StreamTailRecord& tail) {
   child.tails.push_back(tail.streamIdentifier);
   child.record.freeBytes -= tail.size;
   child.usedEnd = std::max(child.usedEnd, tail.offset + tail.size);
-  freeIndex_.Set(slot, child.record.freeBytes);
+  freeIndex_.Set(slot, RoomOf(child));
   tails_.Insert(stored);
   return true;
 }
@@ -197,7 +207,7 @@ bool ChildFileTable::RemoveTail(std::uint64_t streamIdentifier) {
     child.usedEnd = std::max(child.usedEnd, tail.offset + tail.size);
   }
   child.record.freeBytes = std::min(kChildFileSize, child.record.freeBytes + removed.size);
-  freeIndex_.Set(slot, child.record.freeBytes);
+  freeIndex_.Set(slot, RoomOf(child));
   return true;
 }
 
@@ -229,7 +239,7 @@ bool ChildFileTable::Write(RefPtr<IDataStream>& stream) const {
 void ChildFileTable::ReadChildFile(RefPtr<IDataStream>& stream, std::uint64_t streamLimit) {
   std::uint8_t bytes[ChildFileRecord::kBytes];
   SectionIO::ReadExact(stream, bytes, sizeof bytes);
-  ChildFile child{ChildFileRecord{LittleEndian::Load64(bytes), {}, LittleEndian::Load64(bytes + 72)}, {}, 0};
+  ChildFile child{ChildFileRecord{LittleEndian::Load64(bytes), {}, LittleEndian::Load64(bytes + 72)}, {}, 0, false};
   for (std::uint64_t i = 0; i < kChildFilePages; ++i) child.record.page[i] = LittleEndian::Load64(bytes + 8 + 8 * i);
   const std::uint64_t id = child.record.identifier;
   if (identifiers_.IsAllocated(id)) throw FileDataCorruptException();

@@ -7,7 +7,9 @@
 // stream's identifier. Child files are listed in ascending identifier
 // order, and a tail goes into the first of them with room (first fit,
 // found in O(log n)). Removing streams never removes a child file; only
-// the package's compaction drops the ones it emptied.
+// the package's compaction drops the ones it emptied. A child file may be
+// closed to new tails (the package closes those its damaged table made
+// unsound): first fit passes it over and AddTail refuses it.
 //
 // Saved as a section of the head stream: the child-file count; per child
 // file its 80-byte record, its tail count and the stream identifiers of its
@@ -54,16 +56,19 @@ class ChildFileTable : public IChildFileLookup {
   // Every tail record, by stream identifier.
   const TailTable& GetTails() const { return tails_; }
 
-  // The first child file, in identifier order, with at least `bytes` free;
-  // kNone when no child file has room.
+  // The first child file, in identifier order and open to new tails, with
+  // at least `bytes` free; kNone when no child file has room.
   std::uint64_t FindRoom(std::uint64_t bytes) const;
+  // From now on no new tail goes into the child file (until the table is
+  // cleared or read again); false when there is no such child file.
+  bool CloseToNewTails(std::uint64_t childFileIdentifier);
   // A new, empty child file over `pages`; its identifier, or kNone when no
   // identifier is left.
   std::uint64_t AddChildFile(const std::uint64_t (&pages)[kChildFilePages]);
   // Adds a tail; its indexInChild becomes the child file's tail count.
-  // False when the child file does not exist, has fewer free bytes than
-  // the tail, holds a tail that the new one overlaps, or when the stream
-  // already has a tail.
+  // False when the child file does not exist, is closed to new tails, has
+  // fewer free bytes than the tail, holds a tail that the new one
+  // overlaps, or when the stream already has a tail.
   bool AddTail(const StreamTailRecord& tail);
   // Drops a stream's tail: it leaves its child file's list, the tails
   // behind it move down (index and, for those behind its end, offset), and
@@ -91,6 +96,7 @@ class ChildFileTable : public IChildFileLookup {
     ChildFileRecord record;
     std::vector<std::uint64_t> tails;  // stream identifiers, placement order
     std::uint64_t usedEnd;             // largest offset + size of its tails
+    bool closed;                       // closed to new tails
   };
 
   ChildFile* Child(std::uint64_t identifier);
@@ -100,11 +106,13 @@ class ChildFileTable : public IChildFileLookup {
   void ReadChildFile(RefPtr<IDataStream>& stream, std::uint64_t streamLimit);
   bool ReadTail(const std::uint8_t* bytes, std::uint64_t streamLimit);
   void RebuildIndex();
+  // What first fit sees of a child file: its free bytes, or 0 when closed.
+  static std::uint64_t RoomOf(const ChildFile& child) { return child.closed ? 0 : child.record.freeBytes; }
   void CheckInvariants() const;
 
   // Invariants: children_ is sorted by identifier, the identifiers
   // allocated in identifiers_ are exactly theirs, slot i of freeIndex_ holds
-  // children_[i].record.freeBytes, and every freeBytes is at most 65536.
+  // RoomOf(children_[i]), and every freeBytes is at most 65536.
   std::vector<ChildFile> children_;
   NorvaneGraphics::AdvancedIdentifierAllocator identifiers_;
   FirstFitIndex freeIndex_;

@@ -281,5 +281,29 @@ TEST(ChildFileTableTest, OnlyAChildFileWithoutTailsIsRemovedAndItsIdentifierIsRe
   EXPECT_EQ(table.GetChildFileIdentifier(0), a);
 }
 
+TEST(ChildFileTableTest, AChildFileClosedToNewTailsIsPassedOverButKeepsItsTails) {
+  ChildFileTable table;
+  Section section;
+  section.Number(3).Child(0, 20, 100, {}).Child(1, 30, 60000, {7}).Child(2, 40, 65536, {}).Number(1);
+  section.Tail({7, 1, 0, 0, 5536});
+  ASSERT_TRUE(ReadInto(table, section, 100));
+  EXPECT_EQ(table.FindRoom(200), 1u);
+  ASSERT_TRUE(table.CloseToNewTails(1));
+  EXPECT_FALSE(table.CloseToNewTails(9));
+  EXPECT_EQ(table.FindRoom(200), 2u);
+  EXPECT_EQ(table.FindRoom(100), 0u);
+  EXPECT_FALSE(table.AddTail({8, 1, 0, 5536, 10}));
+  EXPECT_EQ(table.FindChildFile(1)->freeBytes, 60000u);
+  // Its slot stays closed when the index is laid out again.
+  const std::uint64_t pages[kChildFilePages] = {60, 61, 62, 63, 64, 65, 66, 67};
+  ASSERT_TRUE(table.RemoveChildFile(0));
+  EXPECT_EQ(table.AddChildFile(pages), 0u);
+  EXPECT_EQ(table.FindRoom(65536), 0u);
+  EXPECT_EQ(table.FindRoom(65535 - 5536), 0u);
+  ASSERT_TRUE(table.AddTail({9, 0, 0, 0, 65536}));
+  EXPECT_EQ(table.FindRoom(200), 2u);
+  EXPECT_EQ(*table.TailsOf(1), (std::vector<std::uint64_t>{7}));
+}
+
 }  // namespace
 }  // namespace Tovrel

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
 #include <cstring>
 #include <cwchar>
 #include <new>
@@ -26,6 +27,9 @@ namespace {
 
 constexpr std::uint64_t kTailMask = kPageSize - 1;
 constexpr std::uint64_t kPageShift = 13;
+// The largest stream: every position of it, and its end, is a value of
+// signed 32-bit arithmetic, as streams compute positions.
+constexpr std::uint64_t kLargestStream = 0x7FFFFFFF;
 
 // How many of pages[k], pages[k + 1], ... follow each other in the file,
 // up to what one file call moves.
@@ -40,6 +44,7 @@ std::uint64_t RunLength(const std::vector<std::uint64_t>& pages, std::size_t k) 
 PagedFilePackage::PagedFilePackage(const PagedFilePackageConfig& config)
     : modified_(false),
       loadFailure_(LoadFailure::kNone),
+      broken_(false),
       access_(FilePageCache::Access::kUpdate),
       config_(config),
       path_(config.filePath != nullptr ? config.filePath : L""),
@@ -48,16 +53,16 @@ PagedFilePackage::PagedFilePackage(const PagedFilePackageConfig& config)
 }
 
 PagedFilePackage::~PagedFilePackage() {
-  bool saved = true;
-  if (modified_) {
+  bool saved = !broken_;
+  if (saved && modified_) {
     try {
       saved = Save();
     } catch (...) {
       saved = false;
     }
   }
-  // A save that failed half-way is taken back: the file keeps its last
-  // completed save. Nothing can be reported from here.
+  // A save that failed half-way, or a broken package, is taken back: the
+  // file keeps its last completed save. Nothing can be reported from here.
   if (saved) {
     Close();
   } else {
@@ -68,6 +73,7 @@ PagedFilePackage::~PagedFilePackage() {
 void PagedFilePackage::CheckInvariants() const {
   assert(config_.filePath == path_.c_str());
   assert(!headSeeker_ || cache_);
+  assert(!broken_ || cache_);
   assert(openStreams_.empty() || cache_);
   for (const auto& open : openStreams_) {
     assert(open.second != nullptr && open.second->GetIdentifier() == open.first);
@@ -84,7 +90,9 @@ void PagedFilePackage::Close() {
   allocator_->Reset();
   streams_.Clear();
   childFiles_.Clear();
+  soundness_.Clear();
   modified_ = false;
+  broken_ = false;
   config_.filePath = path_.c_str();
 }
 
@@ -143,6 +151,8 @@ bool PagedFilePackage::Load() {
   }
   reader->LoadPagesUpTo(reader->pageCount - 1);
   if (!read) return false;
+  soundness_.Assess(*allocator_, streams_, childFiles_, *reader);
+  for (std::uint64_t child : soundness_.GetUnsoundChildFiles()) childFiles_.CloseToNewTails(child);
   cache_->SetSavedFreePages(allocator_->GetFreePages());
   return true;
 }
@@ -204,6 +214,7 @@ bool PagedFilePackage::Reload() {
 
 void PagedFilePackage::SwapState(PagedFilePackage& other) {
   std::swap(modified_, other.modified_);
+  std::swap(broken_, other.broken_);
   std::swap(access_, other.access_);
   std::swap(config_, other.config_);
   path_.swap(other.path_);
@@ -212,6 +223,7 @@ void PagedFilePackage::SwapState(PagedFilePackage& other) {
   std::swap(streams_, other.streams_);
   std::swap(childFiles_, other.childFiles_);
   std::swap(userData_, other.userData_);
+  std::swap(soundness_, other.soundness_);
   headSeeker_.Swap(other.headSeeker_);
   openStreams_.swap(other.openStreams_);
   config_.filePath = path_.c_str();
@@ -221,6 +233,16 @@ void PagedFilePackage::SwapState(PagedFilePackage& other) {
 bool PagedFilePackage::ReadSavedUserDataTail(std::uint8_t* out, std::uint64_t size) {
   if (!cache_ || !cache_->IsOpen()) return false;
   return SavedHeadTail::Read(*cache_, out, size);
+}
+
+template <typename Change>
+void PagedFilePackage::Changing(Change change) {
+  try {
+    change();
+  } catch (...) {
+    broken_ = true;
+    throw;
+  }
 }
 
 bool PagedFilePackage::SetUserDataSize(std::uint64_t size) {
@@ -261,7 +283,7 @@ RefPtr<IDataStream> PagedFilePackage::OpenStream(std::uint64_t identifier) {
     return RefPtr<IDataStream>();  // no seeker for this stream (size 0 or a broken chain)
   }
   RefPtr<IPagedFileSeeker> base(seeker.Get());
-  RefPtr<ChildFileStream> stream(new ChildFileStream(this, identifier, cache_.get(), base));
+  RefPtr<ChildFileStream> stream(new ChildFileStream(this, identifier, cache_.get(), base, IsSound(identifier)));
   openStreams_[identifier] = stream.Get();
   return RefPtr<IDataStream>(stream.Get());
 }
@@ -325,19 +347,38 @@ std::uint64_t PagedFilePackage::CreateStream(std::uint64_t size) {
   CheckInvariants();
   if (!cache_ || GetNumberOfStreams() >= config_.streamLimit) return kNoStream;
   const std::uint64_t tail = size & kTailMask;
-  const std::uint64_t fullPages = size >> kPageShift;
-  // A stream that no file can hold, or a tail that would need a child file
-  // beyond what a file with this limit may hold (it could not be read
-  // back), is refused before anything changes.
-  if (fullPages > kPageLimit) return kNoStream;
+  // A stream whose positions signed 32-bit arithmetic cannot reach, or a
+  // tail that would need a child file beyond what a file with this limit
+  // may hold (it could not be read back), is refused before anything
+  // changes.
+  if (size > kLargestStream) return kNoStream;
   if (tail != 0 && childFiles_.FindRoom(tail) == ChildFileTable::kNone &&
       childFiles_.GetChildFileCount() >= ChildFileTable::ChildFileLimit(config_.streamLimit)) {
     return kNoStream;
   }
+  std::uint64_t identifier = kNoStream;
+  Changing([&] { identifier = AddStream(size); });
+  return identifier;
+}
+
+std::uint64_t PagedFilePackage::AddEntry(const StreamEntry& entry) {
+  std::vector<std::uint64_t> passedOver;
+  std::uint64_t identifier = streams_.Add(entry);
+  while (identifier != kNoStream && childFiles_.FindTail(identifier) != nullptr) {
+    passedOver.push_back(identifier);
+    identifier = streams_.Add(entry);
+  }
+  for (std::uint64_t id : passedOver) streams_.Remove(id);
+  return identifier;
+}
+
+std::uint64_t PagedFilePackage::AddStream(std::uint64_t size) {
+  const std::uint64_t tail = size & kTailMask;
+  const std::uint64_t fullPages = size >> kPageShift;
   modified_ = true;
   StreamEntry entry{kNoStream, size, 0, fullPages};
   if (fullPages != 0) entry.firstPage = AllocateChain(fullPages);
-  const std::uint64_t identifier = streams_.Add(entry);
+  const std::uint64_t identifier = AddEntry(entry);
   if (identifier == kNoStream) {
     FreeChain(entry.firstPage, fullPages);
     return kNoStream;
@@ -372,28 +413,40 @@ void PagedFilePackage::CompactChildFile(const StreamTailRecord& tail) {
   }
 }
 
+bool PagedFilePackage::IsSound(std::uint64_t identifier) const {
+  if (!soundness_.IsStreamSound(identifier)) return false;
+  const StreamTailRecord* tail = childFiles_.FindTail(identifier);
+  return tail == nullptr || soundness_.IsChildFileSound(tail->childFileIdentifier);
+}
+
 bool PagedFilePackage::RemoveStream(std::uint64_t identifier) {
   CheckInvariants();
   if (openStreams_.count(identifier) != 0) return false;
   const StreamEntry* found = streams_.Find(identifier);
   if (found == nullptr) return true;
   const StreamEntry entry = *found;
-  // The tail is checked (it must lie in its child file's used bytes) and
-  // its bytes closed up before any table changes, so that a corrupt tail
-  // leaves the stream as it was.
+  // The stream must be sound and its tail lie in its child file's used
+  // bytes, checked before anything changes: a damaged stream is left as it
+  // was, and so are the streams its damaged table mixes it up with.
   TailLocation location{};
   ChildFileSeeker::LocateTail(location, childFiles_, identifier);
-  modified_ = true;
+  if (!IsSound(identifier)) throw FileDataCorruptException();
   const StreamTailRecord* tail = childFiles_.FindTail(identifier);
+  Changing([&] { RemoveSoundStream(entry, tail); });
+  return true;
+}
+
+void PagedFilePackage::RemoveSoundStream(const StreamEntry& entry, const StreamTailRecord* tail) {
+  // The tail's bytes are closed up first, before any table changes.
+  modified_ = true;
   if (tail != nullptr) CompactChildFile(*tail);
   FreeChain(entry.firstPage, entry.fullPageCount);
-  if (!streams_.Remove(identifier)) return false;
+  streams_.Remove(entry.identifier);
   if (tail != nullptr) {
     const std::uint64_t child = tail->childFileIdentifier;
-    childFiles_.RemoveTail(identifier);
+    childFiles_.RemoveTail(entry.identifier);
     MoveOpenTails(child);
   }
-  return true;
 }
 
 void PagedFilePackage::MoveOpenTails(std::uint64_t childFileIdentifier) {
@@ -479,6 +532,7 @@ void PagedFilePackage::CommitSave() {
 
 bool PagedFilePackage::Save() {
   CheckInvariants();
+  if (broken_) throw FileIOException(EIO);
   if (!modified_) return true;
   if (!cache_ || !cache_->IsOpen() || access_ == FilePageCache::Access::kReadOnly) return false;
   if (!WriteHead(GetRestSaveSize())) return false;
@@ -489,6 +543,9 @@ bool PagedFilePackage::Save() {
 bool PagedFilePackage::Compact(CompactResult* result) {
   CheckInvariants();
   if (!cache_ || access_ == FilePageCache::Access::kReadOnly || !openStreams_.empty()) return false;
+  // Moving the pages of an unsound stream or child file could overwrite
+  // those of others: a damaged table is refused before anything changes.
+  if (!soundness_.IsSound()) throw FileDataCorruptException();
   if (!Save()) return false;
   CompactResult done;
   done.lengthBefore = cache_->GetFileLength();
@@ -498,6 +555,7 @@ bool PagedFilePackage::Compact(CompactResult* result) {
     } catch (...) {
       // Nothing of the half-done compaction may be saved later: the file
       // goes back to its last save, and the tables with it.
+      broken_ = true;
       modified_ = false;
       if (!Reload()) Close();
       throw;
@@ -518,7 +576,9 @@ bool PagedFilePackage::NeedsCompaction() const {
     const std::uint64_t child = childFiles_.GetChildFileIdentifier(i);
     if (childFiles_.FindChildFile(child)->freeBytes >= smallestLaterTail) return true;
     for (std::uint64_t stream : *childFiles_.TailsOf(child)) {
-      smallestLaterTail = std::min(smallestLaterTail, childFiles_.FindTail(stream)->size);
+      const StreamTailRecord* tail = childFiles_.FindTail(stream);
+      if (tail == nullptr) throw FileDataCorruptException();
+      smallestLaterTail = std::min(smallestLaterTail, tail->size);
     }
     if (childFiles_.TailsOf(child)->empty()) return true;
   }

@@ -24,6 +24,24 @@
 // Save lets the section writers' exceptions pass. OpenStream gives nothing
 // for a stream of size 0 and for one whose whole-page chain is broken.
 //
+// Damaged tables: loading is permissive (a damaged stream does not cost
+// the package its other streams), but Load finds which streams and child
+// files the tables describe soundly (TableSoundness; a head chain page not
+// marked in use fails the load). An unsound stream opens for reading only
+// (Write moves nothing) and RemoveStream refuses it, with
+// FileDataCorruptException before anything changes; no new tail goes into
+// an unsound child file, and Compact refuses while anything is unsound.
+// So no operation frees, moves or writes a page that a damaged table gives
+// to more than one stream, and the sound streams' bytes never change.
+//
+// Broken packages: when RemoveStream, CreateStream or a step of Compact
+// throws after it changed the tables or the cached pages, the change may
+// be half done. The package is then broken: Save throws FileIOException
+// (EIO) and writes nothing, until Reload or Abandon, and the destructor
+// abandons instead of saving, so the file keeps its last completed save.
+// An exception thrown by a check before any change leaves the package as
+// it was, usable. Reads, and writes to streams, go on meanwhile.
+//
 // Reference counted (IDataStreamSet); made by CreateFilePackage and
 // OpenFilePackage. Owns its page cache, allocator, head seeker and tables.
 // Thread-safety: none; one thread at a time, with its streams.
@@ -38,6 +56,7 @@
 
 #include "package/ChildFileTable.h"
 #include "package/StreamTable.h"
+#include "package/TableSoundness.h"
 #include "package/UserData.h"
 #include "pagefile/FilePageCache.h"
 #include "pagefile/IPagedFileSeeker.h"
@@ -52,7 +71,8 @@ namespace Tovrel {
 
 class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
  protected:
-  // Saves a modified package (ignoring failure), then closes it.
+  // Saves a modified package (ignoring failure), then closes it; a broken
+  // package is abandoned instead.
   ~PagedFilePackage() override;
 
  public:
@@ -75,7 +95,8 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   // OpenFilePackage that says why it failed: the package, or null with
   // *why set (never kNone then).
   static RefPtr<PagedFilePackage> Open(const PagedFilePackageConfig& config, LoadFailure* why);
-  // Writes the tables if modified; see the header comment.
+  // Writes the tables if modified; see the header comment. FileIOException
+  // (EIO), nothing written, while the package is broken.
   bool Save() override;
   std::uint64_t GetTotalStreamSize() const override { return streams_.GetTotalSize(); }
   bool SetUserDataSize(std::uint64_t size) override;
@@ -84,8 +105,14 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   std::uint8_t* GetUserData() override;
   std::uint64_t GetNumberOfStreams() const override { return streams_.GetCount(); }
   std::uint64_t GetStreamIdentifier(std::uint64_t index) const override;
+  // An unsound stream (see the header comment) opens for reading only.
   RefPtr<IDataStream> OpenStream(std::uint64_t identifier) override;
+  // kNoStream, nothing changed, for a size of 2^31 bytes or more (a
+  // stream's positions are signed 32-bit values), beyond the stream limit,
+  // or for a tail that would need a child file past what the limit allows.
   std::uint64_t CreateStream(std::uint64_t size) override;
+  // FileDataCorruptException, nothing changed, for an unsound stream or one
+  // whose tail does not lie in its child file; false while it is open.
   bool RemoveStream(std::uint64_t identifier) override;
 
   void ForgetStream(std::uint64_t identifier, const ChildFileStream* stream) override;
@@ -128,9 +155,11 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   // it was or as compacted). Streams keep their identifiers and bytes.
   // Unsaved changes are saved first; a file without free pages is left
   // untouched. False (nothing done) when a stream is open or the package
-  // is read only or not open. A failed file call throws FileIOException:
-  // the file is then as it was, and the package reloaded from it (closed
-  // when that fails too).
+  // is read only or not open. FileDataCorruptException, before anything
+  // is saved or changed, when a stream or child file is unsound: the file
+  // stays untouched and the package usable. A failed file call throws
+  // FileIOException: the file is then as it was, and the package reloaded
+  // from it (closed when that fails too).
   bool Compact(CompactResult* result);
   // True when Compact would change the file (free pages, a file longer
   // than its pages, or a tail that can move to an earlier child file).
@@ -147,6 +176,9 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   bool IsModified() const { return modified_; }
   // The package file's length in bytes as last seen; 0 when not open.
   std::uint64_t GetFileLength() const { return cache_ ? cache_->GetFileLength() : 0; }
+  // True from a change that threw half-way until Reload or Abandon.
+  bool IsBroken() const { return broken_; }
+  const TableSoundness& GetSoundness() const { return soundness_; }
   const PagedFilePackageConfig& GetConfig() const { return config_; }
   FilePageCache* GetPageCache() const { return cache_.get(); }
   PageAllocator& GetAllocator() const { return *allocator_; }
@@ -157,6 +189,18 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
 
  private:
   void SwapState(PagedFilePackage& other);
+  // Runs a change of the tables or the cached pages: should it throw, the
+  // package is broken (see the header comment) and the exception goes on.
+  template <typename Change>
+  void Changing(Change change);
+  // True when the stream and the child file of its tail are sound.
+  bool IsSound(std::uint64_t identifier) const;
+  // Stores a new stream's entry under an identifier that no tail record
+  // names (a damaged table may leave records of streams it lacks);
+  // kNoStream when no identifier is left.
+  std::uint64_t AddEntry(const StreamEntry& entry);
+  void RemoveSoundStream(const StreamEntry& entry, const StreamTailRecord* tail);
+  std::uint64_t AddStream(std::uint64_t size);
   // The four tables from the head stream, in file order.
   bool ReadTables();
   // Drops the cache's unsaved pages and rolls the file back to the last
@@ -187,6 +231,9 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
 
   bool modified_;
   LoadFailure loadFailure_;       // of the last Reload
+  // Set when a change threw half-way; see the header comment. Invariant:
+  // set only while cache_ is.
+  bool broken_;
   FilePageCache::Access access_;  // how Load opens the file
   // Invariant: config_.filePath points at path_.
   PagedFilePackageConfig config_;
@@ -196,6 +243,8 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   StreamTable streams_;
   ChildFileTable childFiles_;
   UserData userData_;
+  // What the last load found unsound; empty after Create.
+  TableSoundness soundness_;
   // The head chain: a reader after Load, a writer after Save; set only
   // while cache_ is.
   RefPtr<IPagedFileSeeker> headSeeker_;

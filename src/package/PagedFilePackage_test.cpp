@@ -4,6 +4,7 @@
 
 #include "pagefile/FileDataCorruptException.h"
 #include "platform/FileFaults.h"
+#include "support/InstalledFileSystem.h"
 #include "support/PackageTesting.h"
 #include "support/TempDir.h"
 #include "tovrel/FilePackage.h"
@@ -178,6 +179,57 @@ TEST_F(PagedFilePackageTest, AStreamNoFileCanHoldIsRefused) {
   EXPECT_EQ(package->CreateStream((kPageLimit + 1) * kPageSize), IDataStreamSet::kNoStream);
   EXPECT_EQ(package->GetNumberOfStreams(), 0u);
   EXPECT_FALSE(package->IsModified());
+}
+
+TEST_F(PagedFilePackageTest, SizesThatSigned32BitPositionsCannotReachAreRefusedAndTheLargestWorks) {
+  Testing::InstalledFileSystem memory;  // sparse: the largest stream costs only the pages written
+  const std::wstring path = L"large.dat";
+  RefPtr<PagedFilePackage> package(new PagedFilePackage(PackageTesting::Config(path, 16)));
+  package->Create();
+  const std::uint64_t table = package->GetAllocator().GetTableLength();
+  for (std::uint64_t size : {std::uint64_t{1} << 31, (std::uint64_t{1} << 32) + 100, std::uint64_t{3} << 30}) {
+    EXPECT_EQ(package->CreateStream(size), IDataStreamSet::kNoStream) << size;
+  }
+  EXPECT_EQ(package->GetNumberOfStreams(), 0u);
+  EXPECT_EQ(package->GetAllocator().GetTableLength(), table);
+  EXPECT_FALSE(package->IsModified());
+
+  const std::uint64_t largest = (std::uint64_t{1} << 31) - 1;
+  const std::uint64_t id = package->CreateStream(largest);
+  ASSERT_NE(id, IDataStreamSet::kNoStream);
+  const std::int32_t middle = (1 << 30) - 8;  // eight bytes before a page boundary
+  const std::vector<std::uint8_t> first = PackageTesting::Bytes(100, 1);
+  const std::vector<std::uint8_t> across = PackageTesting::Bytes(16, 2);
+  const std::uint8_t last = 0xA5;
+  {
+    RefPtr<IDataStream> stream = package->OpenStream(id);
+    ASSERT_TRUE(stream);
+    EXPECT_EQ(stream->GetSize(), largest);
+    EXPECT_EQ(stream->Write(first.data(), first.size()), first.size());
+    ASSERT_TRUE(stream->Seek(0, middle));
+    EXPECT_EQ(stream->Write(across.data(), across.size()), across.size());
+    ASSERT_TRUE(stream->Seek(2, -1));
+    EXPECT_EQ(stream->GetPosition(), largest - 1);
+    EXPECT_EQ(stream->Write(&last, 1), 1u);
+    EXPECT_EQ(stream->GetPosition(), largest);
+    EXPECT_EQ(stream->Write(&last, 1), 0u);  // the end
+  }
+  ASSERT_TRUE(package->Save());
+  ASSERT_TRUE(package->Reload());
+  RefPtr<IDataStream> stream = package->OpenStream(id);
+  ASSERT_TRUE(stream);
+  EXPECT_EQ(stream->GetSize(), largest);
+  std::vector<std::uint8_t> back(100);
+  EXPECT_EQ(stream->Read(back.data(), back.size()), back.size());
+  EXPECT_EQ(back, first);
+  back.resize(16);
+  ASSERT_TRUE(stream->Seek(0, middle));
+  EXPECT_EQ(stream->Read(back.data(), back.size()), back.size());
+  EXPECT_EQ(back, across);
+  ASSERT_TRUE(stream->Seek(2, -1));
+  std::uint8_t end[2] = {};
+  EXPECT_EQ(stream->Read(end, 2), 1u);
+  EXPECT_EQ(end[0], last);
 }
 
 TEST_F(PagedFilePackageTest, RemovingAStreamCompactsItsChildFile) {

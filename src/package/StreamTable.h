@@ -40,6 +40,12 @@ class StreamTable {
   std::uint64_t GetIdentifier(std::uint64_t index) const;
   // The entry of a stream, or null.
   const StreamEntry* Find(std::uint64_t identifier) const;
+  // Calls `visit(const StreamEntry&)` for every entry, in ascending
+  // identifier order.
+  template <class Visit>
+  void ForEach(Visit&& visit) const {
+    entries_.ForEach(visit);
+  }
 
   // Stores `entry` under a new identifier and returns it; kNoStream when
   // the table already holds streamLimit identifiers (or none is left).

@@ -1,10 +1,11 @@
 #include "pagefile/FilePageCache.h"
 
+#include <algorithm>
 #include <atomic>
-#include <iterator>
 #include <cassert>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <memory>
 
 #include "pagefile/FileIOException.h"
@@ -23,6 +24,7 @@ FilePageCache::FilePageCache(const wchar_t* path, std::uint64_t capacity)
       leastRecent_(nullptr),
       zerosFrom_(0),
       savedLength_(0),
+      savedFreeKnown_(false),
       access_(Access::kUpdate),
       journaling_(true) {
   Open(path, capacity);
@@ -37,6 +39,7 @@ FilePageCache::FilePageCache(const wchar_t* path, std::uint64_t capacity, Access
       leastRecent_(nullptr),
       zerosFrom_(0),
       savedLength_(0),
+      savedFreeKnown_(false),
       access_(access),
       journaling_(true) {
   if (access == Access::kReadOnly) {
@@ -112,7 +115,7 @@ void FilePageCache::ReadJournalImages(const std::wstring& path, std::uint64_t* l
   std::vector<std::pair<std::uint64_t, std::vector<std::uint8_t>>> records;
   std::uint64_t savedLength = 0;
   try {
-    if (RollbackJournal::ReadImages(journal, &savedLength, &records)) {
+    if (RollbackJournal::ReadImages(journal, *length, &savedLength, &records)) {
       *length = savedLength;
       // A rollback writes the records in order: the first image of a page
       // is what the file held at the last save.
@@ -136,6 +139,7 @@ void FilePageCache::Adopt(FileHandle* file, const wchar_t* path, std::uint64_t l
   fileLength_ = length;
   savedLength_ = length;
   savedFree_.clear();
+  savedFreeKnown_ = false;
   zerosFrom_ = length;
   capacity_ = capacity == 0 ? 1 : capacity;
   count_ = 0;
@@ -164,6 +168,7 @@ void FilePageCache::Commit() {
   }
   savedLength_ = fileLength_;
   savedFree_.clear();
+  savedFreeKnown_ = false;
 }
 
 void FilePageCache::CloseFile() {
@@ -173,6 +178,7 @@ void FilePageCache::CloseFile() {
   fileLength_ = 0;
   savedLength_ = 0;
   savedFree_.clear();
+  savedFreeKnown_ = false;
   zerosFrom_ = 0;
   capacity_ = 1;
   if (file == nullptr) return;
@@ -209,7 +215,10 @@ void FilePageCache::Rollback() {
   }
 }
 
-void FilePageCache::SetSavedFreePages(std::vector<bool> freePages) { savedFree_ = std::move(freePages); }
+void FilePageCache::SetSavedFreePages(std::vector<bool> freePages) {
+  savedFree_ = std::move(freePages);
+  savedFreeKnown_ = true;
+}
 
 void FilePageCache::FreeAllPages() {
   for (CachedPage*& page : index_) {
@@ -364,20 +373,7 @@ void FilePageCache::CutFile(std::uint64_t pages) {
     if (index_[idx] != nullptr && index_[idx]->pinCount > 0) throw InvalidParameterException();
   }
   BeginJournalIfNeeded();
-  // Every page of the saved state that the cut takes away goes to the
-  // journal first, and the journal to stable storage.
-  std::vector<std::uint8_t> image(kPageSize);
-  for (std::uint64_t idx = pages; idx * kPageSize < savedLength_ && idx * kPageSize < fileLength_; ++idx) {
-    if (!NeedsJournal(idx) || journal_.IsJournaled(idx + kFirstPageId)) continue;
-    const CachedPage* cached = idx < index_.size() ? index_[idx] : nullptr;
-    if (cached != nullptr) {
-      std::memcpy(image.data(), cached->data, kPageSize);  // clean: a dirty page is journaled already
-    } else {
-      PageFileIO::ReadPage(file_, fileLength_, image.data(), idx * kPageSize);
-    }
-    journal_.Append(idx + kFirstPageId, image.data());
-  }
-  journal_.SyncIfNeeded();
+  JournalCutPages(pages);
   errno = 0;
   if (PlatformFile::Truncate(file_, length) != 0) throw FileIOException(errno);
   for (std::uint64_t idx = pages; idx < index_.size(); ++idx) {
@@ -396,7 +392,57 @@ void FilePageCache::CutFile(std::uint64_t pages) {
 }
 
 bool FilePageCache::NeedsJournal(std::uint64_t index) const {
-  return journaling_ && index * kPageSize < savedLength_ && !(index < savedFree_.size() && savedFree_[index]);
+  if (!journaling_ || index * kPageSize >= savedLength_) return false;
+  return !savedFreeKnown_ || (index < savedFree_.size() && !savedFree_[index]);
+}
+
+void FilePageCache::JournalCutPages(std::uint64_t pages) {
+  if (!journaling_) return;
+  // Every page of the saved state that the cut takes away goes to the
+  // journal first (none past the saved table, when it is known), and the
+  // journal to stable storage.
+  std::vector<std::uint8_t> image(kPageSize);
+  std::uint64_t end = std::min(savedLength_, fileLength_);
+  if (savedFreeKnown_) end = std::min<std::uint64_t>(end, savedFree_.size() * kPageSize);
+  for (std::uint64_t idx = pages; idx * kPageSize < end; ++idx) {
+    if (NeedsJournal(idx)) JournalSavedImage(idx, image.data());
+  }
+  // The saved file's last page goes too, in use or not: the records then
+  // reach the saved length, and an opener lets the rollback grow the file
+  // back to it.
+  if (savedLength_ > 0) {
+    const std::uint64_t last = (savedLength_ - 1) / kPageSize;
+    if (last >= pages && last * kPageSize < fileLength_) JournalSavedImage(last, image.data());
+  }
+  journal_.SyncIfNeeded();
+}
+
+void FilePageCache::JournalSavedImage(std::uint64_t index, std::uint8_t* image) {
+  if (journal_.IsJournaled(index + kFirstPageId)) return;
+  // A written page that needs its saved image is journaled already; one
+  // that does not (free in the saved state) is taken as the file holds it.
+  const CachedPage* cached = index < index_.size() ? index_[index] : nullptr;
+  if (cached != nullptr && cached->dirty == 0) {
+    std::memcpy(image, cached->data, kPageSize);
+  } else {
+    ReadFiledImage(index, image);
+  }
+  journal_.Append(index + kFirstPageId, image);
+}
+
+void FilePageCache::ReadFiledImage(std::uint64_t index, std::uint8_t* image) {
+  const std::uint64_t offset = index * kPageSize;
+  if (offset + kPageSize <= fileLength_) {
+    PageFileIO::ReadPage(file_, fileLength_, image, offset);
+    return;
+  }
+  std::memset(image, 0, kPageSize);
+  const auto bytes = static_cast<std::size_t>(fileLength_ - offset);
+  errno = 0;
+  if (PlatformFile::Seek(file_, static_cast<std::int64_t>(offset), SEEK_SET) != 0 ||
+      PlatformFile::Read(image, bytes, 1, file_) != 1) {
+    throw FileIOException(errno);
+  }
 }
 
 void FilePageCache::BeginJournalIfNeeded() {
@@ -589,6 +635,7 @@ void FilePageCache::Unlink(CachedPage* page) {
 void FilePageCache::CheckInvariants() const {
 #ifndef NDEBUG
   assert(capacity_ >= 1);
+  assert(savedFreeKnown_ || savedFree_.empty());
   if (file_ == nullptr) {
     assert(count_ == 0 && fileLength_ == 0 && savedLength_ == 0 && !journal_.IsActive());
   }

@@ -14,8 +14,9 @@
 // state of the file when the cache opened it, or when it last committed, is
 // the saved state. Before a page of the saved state is changed for the
 // first time, its saved image goes to the journal (pages that the package
-// says were free in the saved state, and pages past the saved length, need
-// none), and the journal reaches stable storage before such a page is
+// says were free in the saved state, pages past the end of its saved
+// allocation table, and pages past the saved length, need none), and the
+// journal reaches stable storage before such a page is
 // written back (evicted pages that would each need a sync wait outside the
 // cache, up to the capacity, and share one). Commit (and Close, which
 // commits) writes every changed
@@ -61,7 +62,8 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // Closes any current file, then opens `path` for update ("r+b"), or
   // creates it empty ("w+b") when that fails and no file is there (a file
   // that exists is never emptied), and rolls back a journal left beside
-  // it. Capacity 0 means 1. FileIOException (errno of the failed open, or
+  // it (or sets it aside, when RollbackJournal refuses it as damaged).
+  // Capacity 0 means 1. FileIOException (errno of the failed open, or
   // of the rollback; EBUSY while a living writer holds the journal) when it
   // cannot; the file is then not open.
   bool Open(const wchar_t* path, std::uint64_t capacity);
@@ -69,7 +71,8 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // that may not be written, or one to look at as it is. A journal left
   // beside it is not rolled back but read: its saved images stand in for
   // the file's pages and its saved length for the file's, so the pages read
-  // are those the rollback would give. Obtaining a page for writing, or
+  // are those the rollback would give (a journal refused as damaged is
+  // not read: the file is taken as it is). Obtaining a page for writing, or
   // growing the file, throws FileIOException(EROFS).
   bool OpenReadOnly(const wchar_t* path, std::uint64_t capacity);
   Access GetAccess() const { return access_; }
@@ -96,9 +99,10 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // journal it leaves rolls the file back at the next open.
   void Rollback();
 
-  // Tells which pages of the saved state were free (index: page id - 10);
-  // their images need not be kept. Cleared by Open and Commit until told
-  // again: until then every page of the saved length is kept.
+  // Tells which pages of the saved state were free (index: page id - 10;
+  // pages past the end of `freePages`, the saved allocation table, were
+  // free too); their images need not be kept. Cleared by Open and Commit
+  // until told again: until then every page of the saved length is kept.
   void SetSavedFreePages(std::vector<bool> freePages);
 
   // Finds or loads the page and pins it; returns its 8192 bytes, or null
@@ -138,6 +142,9 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // Cuts the file to `pages` pages (the pages past them are dropped from
   // the cache unwritten). Part of the save under way: a rollback gives the
   // file its saved length back, and the cut is durable at the next Commit.
+  // The saved images of the pages it takes away are journaled first, and
+  // with them the saved file's last page, in use or not, so that the
+  // journal's records explain its saved length (see RollbackJournal).
   // FileIOException on failure; InvalidParameterException for a length
   // not below the file's, or with a page past it still pinned.
   void CutFile(std::uint64_t pages);
@@ -210,6 +217,14 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // state needs it; the page's data must still be that image.
   void ProtectBeforeChange(const CachedPage& page);
   bool NeedsJournal(std::uint64_t index) const;
+  // Journals, before a cut to `pages` pages, the saved images of the pages
+  // it takes away and of the saved file's last page, then syncs.
+  void JournalCutPages(std::uint64_t pages);
+  // Journals the saved image of a page of the file, unless it is already.
+  void JournalSavedImage(std::uint64_t index, std::uint8_t* image);
+  // The page's bytes in the file; a last page that the file's end cuts
+  // short reads as its bytes, then zeros.
+  void ReadFiledImage(std::uint64_t index, std::uint8_t* image);
   void BeginJournalIfNeeded();
   void PushMostRecent(CachedPage* page);
   void Unlink(CachedPage* page);
@@ -245,8 +260,11 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   std::uint64_t zerosFrom_;
   // The file's length in the saved state.
   std::uint64_t savedLength_;
-  // Pages free in the saved state (index: page id - 10); empty: none known.
+  // Pages free in the saved state (index: page id - 10), when
+  // savedFreeKnown_; every page past its end was free too. Unknown: every
+  // page of the saved length is kept. Invariant: empty while unknown.
   std::vector<bool> savedFree_;
+  bool savedFreeKnown_;
   Access access_;
   // Read only: the saved images of a journal found beside the file, by
   // page index; they stand in for the file's pages.

@@ -471,6 +471,79 @@ TEST_F(FilePageCacheTest, PagesFreeInTheSavedStateAreNotJournaled) {
   FileFaults::Reset();
 }
 
+TEST_F(FilePageCacheTest, PagesPastTheSavedTableAreNotJournaledButAllAreWhileTheTableIsUnknown) {
+  Testing::InstalledFileSystem memory;
+  memory.Memory().WriteAll(L"t.bin", Pattern(3, 1));
+  const std::wstring journal = RollbackJournal::PathFor(L"t.bin");
+  {
+    FilePageCache cache(L"t.bin", 4);
+    cache.GetPage(12, false)[0] = 1;  // not known to be free: kept
+    cache.UnpinPage(12);
+    EXPECT_EQ(memory.Memory().ReadAll(journal).size(), RollbackJournal::kHeaderSize + RollbackJournal::kRecordSize);
+  }
+  FilePageCache cache(L"t.bin", 4);
+  cache.SetSavedFreePages({false});  // a table of one page: 11 and 12 lie past it
+  cache.GetPage(12, false)[0] = 2;
+  cache.UnpinPage(12);
+  cache.GetPage(11, false)[0] = 3;
+  cache.UnpinPage(11);
+  EXPECT_FALSE(cache.IsJournalActive());
+  cache.GetPage(10, false)[0] = 4;
+  cache.UnpinPage(10);
+  EXPECT_EQ(memory.Memory().ReadAll(journal).size(), RollbackJournal::kHeaderSize + RollbackJournal::kRecordSize);
+}
+
+TEST_F(FilePageCacheTest, ACutJournalsThePagesInUseItTakesAndTheSavedFilesLastPageOnly) {
+  Testing::InstalledFileSystem memory;
+  const auto bytes = Pattern(6, 5);
+  memory.Memory().WriteAll(L"k.bin", bytes);
+  FilePageCache cache(L"k.bin", 4);
+  // Pages 10 and 11 in use, 12 free, 13 to 15 past the saved table.
+  cache.SetSavedFreePages({false, false, true});
+  cache.CutFile(1);
+  const RollbackJournal::Found found = RollbackJournal::Inspect(L"k.bin");
+  EXPECT_TRUE(found.complete);
+  EXPECT_EQ(found.savedLength, 6 * kPageSize);
+  EXPECT_EQ(found.pageIds, (std::vector<std::uint64_t>{11, 15}));
+  cache.Rollback();
+  auto restored = bytes;
+  std::fill(restored.begin() + 2 * kPageSize, restored.begin() + 5 * kPageSize, 0);  // free: not kept
+  EXPECT_EQ(memory.Memory().ReadAll(L"k.bin"), restored);
+  EXPECT_EQ(cache.GetFileLength(), 6 * kPageSize);
+}
+
+TEST_F(FilePageCacheTest, ACutOfAFileThatEndsMidPageKeepsItsLastBytes) {
+  Testing::InstalledFileSystem memory;
+  auto bytes = Pattern(3, 8);
+  bytes.resize(2 * kPageSize + 100);
+  memory.Memory().WriteAll(L"u.bin", bytes);
+  FilePageCache cache(L"u.bin", 4);
+  cache.SetSavedFreePages({false, true});
+  cache.CutFile(1);
+  EXPECT_EQ(RollbackJournal::Inspect(L"u.bin").pageIds, (std::vector<std::uint64_t>{12}));
+  cache.Rollback();
+  auto restored = bytes;
+  std::fill(restored.begin() + kPageSize, restored.begin() + 2 * kPageSize, 0);
+  EXPECT_EQ(memory.Memory().ReadAll(L"u.bin"), restored);
+}
+
+TEST_F(FilePageCacheTest, AReadOnlyOpenTakesTheFileAsItIsBesideADamagedJournal) {
+  Testing::InstalledFileSystem memory;
+  const auto bytes = Pattern(2, 6);
+  memory.Memory().WriteAll(L"r.bin", bytes);
+  {
+    RollbackJournal journal;
+    journal.Attach(L"r.bin");
+    journal.Begin(std::uint64_t{1} << 40);
+    journal.Append(10, Pattern(1, 99).data());
+  }
+  FilePageCache cache(L"r.bin", 4, FilePageCache::Access::kReadOnly);
+  EXPECT_EQ(cache.GetFileLength(), bytes.size());
+  EXPECT_EQ(cache.GetPage(10, true)[1], bytes[1]);
+  cache.UnpinPage(10);
+  EXPECT_TRUE(memory.Memory().Exists(RollbackJournal::PathFor(L"r.bin").c_str()));
+}
+
 TEST_F(FilePageCacheTest, CuttingTheFileIsUndoneByARollbackAndKeptByACommit) {
   Testing::InstalledFileSystem memory;
   const auto bytes = Pattern(5, 3);

@@ -2,6 +2,7 @@
 
 #include <zlib.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cassert>
 #include <cerrno>
@@ -11,6 +12,7 @@
 
 #include "pagefile/FileIOException.h"
 #include "pagefile/LittleEndian.h"
+#include "pagefile/PageFileIO.h"
 #include "pagefile/PageGeometry.h"
 #include "platform/PlatformFile.h"
 
@@ -88,6 +90,44 @@ void Check(bool ok) {
   if (!ok) throw FileIOException(errno);
 }
 
+void SeekToRecords(FileHandle* journal) {
+  Check(PlatformFile::Seek(journal, static_cast<std::int64_t>(RollbackJournal::kHeaderSize), SEEK_SET) == 0);
+}
+
+// The end of the page of the journal's furthest valid record (0 without
+// one): how long a file its records explain.
+std::uint64_t RecordsEnd(FileHandle* journal, std::uint64_t nonce) {
+  SeekToRecords(journal);
+  std::uint64_t end = 0;
+  std::vector<std::uint8_t> record;
+  while (ReadRecord(journal, nonce, record)) {
+    end = std::max(end, PageOffset(LittleEndian::Load64(record.data())) + kPageSize);
+  }
+  return end;
+}
+
+// True when the saved length is one a package file can have, and either
+// the package file is that long already or the records reach that far: a
+// journal never grows the file past what it explains.
+bool Explained(const Header& header, std::uint64_t packageLength, FileHandle* journal) {
+  if (header.savedLength > kPageLimit * kPageSize) return false;
+  return header.savedLength <= packageLength || header.savedLength <= RecordsEnd(journal, header.nonce);
+}
+
+// The length of the package file at `path`, 0 when it cannot be told.
+std::uint64_t LengthOf(const std::wstring& path) {
+  FileHandle* package = PlatformFile::Open(path.c_str(), "rb");
+  if (package == nullptr) return 0;
+  std::uint64_t length = 0;
+  try {
+    length = PageFileIO::GetFileLength(package);
+  } catch (const FileIOException&) {
+    length = 0;
+  }
+  PlatformFile::Close(package);
+  return length;
+}
+
 }  // namespace
 
 RollbackJournal::RollbackJournal() : file_(nullptr), nonce_(0), unsynced_(false), torn_(false), end_(0) {}
@@ -95,6 +135,8 @@ RollbackJournal::RollbackJournal() : file_(nullptr), nonce_(0), unsynced_(false)
 RollbackJournal::~RollbackJournal() { Abandon(); }
 
 std::wstring RollbackJournal::PathFor(const std::wstring& packagePath) { return packagePath + kSuffix; }
+
+std::wstring RollbackJournal::DamagedPathFor(const std::wstring& packagePath) { return packagePath + kDamagedSuffix; }
 
 void RollbackJournal::Attach(const std::wstring& packagePath) {
   assert(!IsActive());
@@ -233,17 +275,33 @@ void RollbackJournal::Recover(const std::wstring& packagePath, FileHandle* packa
     if (errno == ENOENT) return;  // its writer finished in the meantime
     throw FileIOException(errno);
   }
+  bool explained = true;
   try {
     Header header;
     if (ReadHeader(journal, &header)) {
-      ApplyRecords(journal, package);
-      Invalidate(journal);
+      explained = Explained(header, PageFileIO::GetFileLength(package), journal);
+      if (explained) {
+        ApplyRecords(journal, package);
+        Invalidate(journal);
+      }
     }
   } catch (...) {
     PlatformFile::Close(journal);
     throw;
   }
-  CloseAndRemove(journal, path);
+  if (explained) {
+    CloseAndRemove(journal, path);
+  } else {
+    SetAside(journal, path, DamagedPathFor(packagePath));
+  }
+}
+
+void RollbackJournal::SetAside(FileHandle* journal, const std::wstring& path, const std::wstring& damagedPath) {
+  // Renamed while still locked where the system allows it (POSIX); where it
+  // does not (Windows, a file open without delete sharing), right after.
+  const bool renamed = PlatformFile::Rename(path.c_str(), damagedPath.c_str()) == 0;
+  PlatformFile::Close(journal);
+  if (!renamed && PlatformFile::Rename(path.c_str(), damagedPath.c_str()) != 0) throw FileIOException(errno);
 }
 
 RollbackJournal::Found RollbackJournal::Inspect(const std::wstring& packagePath) {
@@ -261,6 +319,9 @@ RollbackJournal::Found RollbackJournal::Inspect(const std::wstring& packagePath)
     Header header;
     found.complete = ReadHeader(journal, &header);
     found.savedLength = header.savedLength;
+    found.damaged = found.complete && !Explained(header, LengthOf(packagePath), journal);
+    found.complete = found.complete && !found.damaged;
+    SeekToRecords(journal);
     std::vector<std::uint8_t> record;
     while (found.complete && ReadRecord(journal, header.nonce, record)) {
       found.pageIds.push_back(LittleEndian::Load64(record.data()));
@@ -272,11 +333,12 @@ RollbackJournal::Found RollbackJournal::Inspect(const std::wstring& packagePath)
   return found;
 }
 
-bool RollbackJournal::ReadImages(FileHandle* journal, std::uint64_t* savedLength,
+bool RollbackJournal::ReadImages(FileHandle* journal, std::uint64_t packageLength, std::uint64_t* savedLength,
                                  std::vector<std::pair<std::uint64_t, std::vector<std::uint8_t>>>* images) {
   Header header;
-  if (!ReadHeader(journal, &header)) return false;
+  if (!ReadHeader(journal, &header) || !Explained(header, packageLength, journal)) return false;
   *savedLength = header.savedLength;
+  SeekToRecords(journal);
   std::vector<std::uint8_t> record;
   while (ReadRecord(journal, header.nonce, record)) {
     images->emplace_back(LittleEndian::Load64(record.data()),

@@ -14,6 +14,16 @@
 // header is incomplete or damaged belongs to a writer that died before it
 // overwrote anything (the order above guarantees it) and is only deleted.
 //
+// The header's check is no secret, so a journal's saved length is not
+// trusted to grow the package file: a journal is refused as damaged when
+// its saved length is beyond the largest package file (0xFFFF6 pages), or
+// beyond both the package file's length and the end of the page of its
+// furthest record. A refused journal is set aside as
+// "<package>-journal-damaged" (replacing an older one), not applied, and
+// the package file stays as it is. Legitimate journals always pass: a save
+// only grows the file, except the compaction's cut, which journals the
+// saved file's last page before it cuts (see FilePageCache::CutFile).
+//
 // Bytes (little-endian): a 40-byte header {u64 magic "TVRLJRNL", u32
 // version 1, u32 page size 8192, u64 nonce, u64 saved length, u32 CRC-32 of
 // the 36 bytes before it, u32 zero}, then records of 8204 bytes {u64 page
@@ -40,6 +50,7 @@ namespace Tovrel {
 class RollbackJournal {
  public:
   static constexpr const wchar_t* kSuffix = L"-journal";
+  static constexpr const wchar_t* kDamagedSuffix = L"-journal-damaged";
   static constexpr std::uint64_t kMagic = 0x4C4E524A4C525654ULL;  // "TVRLJRNL"
   static constexpr std::uint32_t kVersion = 1;
   static constexpr std::uint64_t kHeaderSize = 40;
@@ -49,7 +60,8 @@ class RollbackJournal {
   struct Found {
     bool present = false;       // a journal file exists
     bool busy = false;          // a living writer holds it
-    bool complete = false;      // its header is whole: it will be rolled back
+    bool complete = false;      // its header is whole and it is not damaged: it will be rolled back
+    bool damaged = false;       // its header is whole, its saved length refused: it will be set aside
     std::uint64_t savedLength = 0;
     std::vector<std::uint64_t> pageIds;  // pages it would write back, in order
   };
@@ -60,6 +72,8 @@ class RollbackJournal {
   RollbackJournal& operator=(const RollbackJournal&) = delete;
 
   static std::wstring PathFor(const std::wstring& packagePath);
+  // Where a journal refused as damaged is set aside.
+  static std::wstring DamagedPathFor(const std::wstring& packagePath);
 
   // Sets the package file this journal protects; nothing is opened.
   void Attach(const std::wstring& packagePath);
@@ -89,19 +103,23 @@ class RollbackJournal {
   void Abandon();
 
   // On open: rolls back a dead writer's journal beside the package file,
-  // deletes an incomplete one. FileIOException(EBUSY) when a living writer
-  // holds it, FileIOException with errno when a call fails; in either case
-  // both files stay as they were.
+  // deletes an incomplete one, sets a damaged one aside (see the header
+  // comment). FileIOException(EBUSY) when a living writer holds it,
+  // FileIOException with errno when a call fails; in either case both
+  // files stay as they were.
   static void Recover(const std::wstring& packagePath, FileHandle* package);
   // What a journal beside the package file holds, without changing anything.
   static Found Inspect(const std::wstring& packagePath);
   // Reads the journal's records into `images` (page id -> 8192 bytes) and
-  // returns the saved length; false when its header is not whole.
-  static bool ReadImages(FileHandle* journal, std::uint64_t* savedLength,
+  // gives the saved length; false when its header is not whole or the
+  // journal is damaged for a package file of `packageLength` bytes.
+  static bool ReadImages(FileHandle* journal, std::uint64_t packageLength, std::uint64_t* savedLength,
                          std::vector<std::pair<std::uint64_t, std::vector<std::uint8_t>>>* images);
 
  private:
   static std::uint64_t ApplyRecords(FileHandle* journal, FileHandle* package);
+  // Renames the journal at `path` to `damagedPath` and closes it.
+  static void SetAside(FileHandle* journal, const std::wstring& path, const std::wstring& damagedPath);
   // Overwrites the magic, so that the journal is never rolled back again.
   static bool Invalidate(FileHandle* journal);
   static void CloseAndRemove(FileHandle* journal, const std::wstring& path);

@@ -48,6 +48,17 @@ class RollbackJournalTest : public ::testing::Test {
     Fs().WriteAll(package_, Pages({9, 9, 3, 9}));
   }
 
+  // A writer that journals the given pages of a three-page file with
+  // their images (of fill 9) and the saved length, then dies.
+  void LeaveAJournalNaming(std::uint64_t savedLength, std::initializer_list<std::uint64_t> pages) {
+    Fs().WriteAll(package_, Pages({1, 2, 3}));
+    RollbackJournal journal;
+    journal.Attach(package_);
+    journal.Begin(savedLength);
+    for (std::uint64_t page : pages) journal.Append(page, Page(9).data());
+    journal.SyncIfNeeded();
+  }
+
   void Recover() {
     FileHandle* package = PlatformFile::Open(package_.c_str(), "r+b");
     ASSERT_NE(package, nullptr);
@@ -192,6 +203,57 @@ TEST_F(RollbackJournalTest, ARecordAfterAFailedAppendTakesThePlaceOfTheTornOne) 
   Fs().WriteAll(package_, Pages({9, 9, 9}));
   Recover();
   EXPECT_EQ(Fs().ReadAll(package_), Pages({1, 9, 3}));
+}
+
+TEST_F(RollbackJournalTest, AJournalNamingALengthNoPackageCanHaveIsSetAsideNotApplied) {
+  LeaveAJournalNaming(std::uint64_t{1} << 40, {10});
+  const Bytes journal = Fs().ReadAll(journal_);
+  const RollbackJournal::Found found = RollbackJournal::Inspect(package_);
+  EXPECT_TRUE(found.damaged);
+  EXPECT_FALSE(found.complete);
+  Recover();
+  EXPECT_EQ(Fs().ReadAll(package_), Pages({1, 2, 3}));
+  EXPECT_FALSE(Fs().Exists(journal_.c_str()));
+  EXPECT_EQ(Fs().ReadAll(RollbackJournal::DamagedPathFor(package_)), journal);
+}
+
+TEST_F(RollbackJournalTest, AJournalThatWouldGrowTheFilePastItsRecordsIsSetAside) {
+  // Six pages saved, the file three long, records up to page 11 only.
+  LeaveAJournalNaming(6 * kPageSize, {11});
+  EXPECT_TRUE(RollbackJournal::Inspect(package_).damaged);
+  Recover();
+  EXPECT_EQ(Fs().ReadAll(package_), Pages({1, 2, 3}));
+  EXPECT_TRUE(Fs().Exists(RollbackJournal::DamagedPathFor(package_).c_str()));
+  EXPECT_FALSE(Fs().Exists(journal_.c_str()));
+}
+
+TEST_F(RollbackJournalTest, AJournalWhoseRecordsReachItsSavedLengthGrowsTheFileBack) {
+  // A cut file: five pages saved, the last journaled, the file three long.
+  LeaveAJournalNaming(5 * kPageSize, {11, 14});
+  const RollbackJournal::Found found = RollbackJournal::Inspect(package_);
+  EXPECT_TRUE(found.complete);
+  EXPECT_FALSE(found.damaged);
+  Recover();
+  EXPECT_EQ(Fs().ReadAll(package_), Pages({1, 9, 3, 0, 9}));
+  EXPECT_FALSE(Fs().Exists(RollbackJournal::DamagedPathFor(package_).c_str()));
+}
+
+TEST_F(RollbackJournalTest, ADamagedJournalSetAsideReplacesAnOlderOne) {
+  Fs().WriteAll(RollbackJournal::DamagedPathFor(package_), Bytes(100, 0x33));
+  LeaveAJournalNaming(7 * kPageSize, {});
+  const Bytes journal = Fs().ReadAll(journal_);
+  Recover();
+  EXPECT_EQ(Fs().ReadAll(RollbackJournal::DamagedPathFor(package_)), journal);
+  EXPECT_EQ(Fs().ReadAll(package_), Pages({1, 2, 3}));
+}
+
+TEST_F(RollbackJournalTest, AJournalThatCannotBeSetAsideStaysAndTheOpenFails) {
+  LeaveAJournalNaming(std::uint64_t{1} << 40, {10});
+  FileFaults::FailNth(FileCall::kRename, 1, EACCES, true);
+  EXPECT_THROW(Recover(), FileIOException);
+  FileFaults::Reset();
+  EXPECT_TRUE(Fs().Exists(journal_.c_str()));
+  EXPECT_EQ(Fs().ReadAll(package_), Pages({1, 2, 3}));
 }
 
 TEST_F(RollbackJournalTest, TheHeaderRecordsTheSavedLengthAndItsOwnCheck) {

@@ -21,7 +21,7 @@
 
 namespace Tovrel {
 
-enum class FileCall : int { kOpen, kSeek, kTell, kRead, kWrite, kFlush, kClose, kSync, kTruncate, kRemove, kAny };
+enum class FileCall : int { kOpen, kSeek, kTell, kRead, kWrite, kFlush, kClose, kSync, kTruncate, kRemove, kRename, kAny };
 
 class FileFaults {
  public:

@@ -38,6 +38,10 @@ class FileSystem {
   virtual FileHandle* OpenLocked(const wchar_t* path, const char* mode, bool* busy) = 0;
   // Deletes a file. 0, or non-zero with errno.
   virtual int Remove(const wchar_t* path) = 0;
+  // Gives the file at `from` the name `to`, replacing a file of that name.
+  // 0, or non-zero with errno (the file may be open where the system
+  // allows that; where it does not, the call fails).
+  virtual int Rename(const wchar_t* from, const wchar_t* to) = 0;
   // True when a file exists at the path.
   virtual bool Exists(const wchar_t* path) = 0;
   // Bytes still available to this process on the volume of `folder`; 0

@@ -123,6 +123,32 @@ int MemoryFileSystem::Remove(const wchar_t* path) {
   return 0;
 }
 
+int MemoryFileSystem::Rename(const wchar_t* from, const wchar_t* to) {
+  std::lock_guard<std::mutex> guard(lock_);
+  if (powerCut_) {
+    errno = EIO;
+    return -1;
+  }
+  if (from == nullptr || to == nullptr) {
+    errno = ENOENT;
+    return -1;
+  }
+  if (IsReadOnly(from) || IsReadOnly(to)) {
+    errno = EACCES;
+    return -1;
+  }
+  const auto found = files_.find(from);
+  if (found == files_.end()) {
+    errno = ENOENT;
+    return -1;
+  }
+  // Open handles keep the file itself, under whichever name it has.
+  std::shared_ptr<File> file = found->second;
+  files_.erase(found);
+  files_[to] = file;
+  return 0;
+}
+
 bool MemoryFileSystem::Exists(const wchar_t* path) {
   std::lock_guard<std::mutex> guard(lock_);
   return path != nullptr && files_.count(path) != 0;

@@ -6,7 +6,7 @@
 // keeps two images of each file: what the system holds (what every reader
 // sees) and what stable storage holds (the bytes as of the file's last
 // Sync), plus the list of writes and length changes made since that sync.
-// Creating and removing files reaches stable storage at once.
+// Creating, renaming and removing files reaches stable storage at once.
 //
 // A power cut (CutPower, or a FileFaults cut) freezes everything: from then
 // on every call fails with EIO and nothing changes. RestorePower then makes
@@ -50,6 +50,7 @@ class MemoryFileSystem : public FileSystem {
   FileHandle* Open(const wchar_t* path, const char* mode) override;
   FileHandle* OpenLocked(const wchar_t* path, const char* mode, bool* busy) override;
   int Remove(const wchar_t* path) override;
+  int Rename(const wchar_t* from, const wchar_t* to) override;
   bool Exists(const wchar_t* path) override;
   std::uint64_t AvailableBytes(const wchar_t* folder) override;
   void CutPower() override;

@@ -101,6 +101,26 @@ TEST_F(MemoryFileSystemTest, ARemovedFileStaysReadableThroughItsOpenHandles) {
   EXPECT_EQ(errno, ENOENT);
 }
 
+TEST_F(MemoryFileSystemTest, ARenamedFileReplacesTheOneAtItsNewNameAndKeepsItsOpenHandles) {
+  Fs().WriteAll(L"old", Bytes{1, 2, 3});
+  Fs().WriteAll(L"new", Bytes{9});
+  FileHandle* file = PlatformFile::Open(L"old", "r+b");
+  ASSERT_NE(file, nullptr);
+  EXPECT_EQ(PlatformFile::Rename(L"old", L"new"), 0);
+  EXPECT_FALSE(PlatformFile::Exists(L"old"));
+  WriteAt(file, 0, {7});
+  EXPECT_EQ(PlatformFile::Sync(file), 0);
+  PlatformFile::Close(file);
+  EXPECT_EQ(Fs().ReadAll(L"new"), (Bytes{7, 2, 3}));
+  errno = 0;
+  EXPECT_NE(PlatformFile::Rename(L"old", L"other"), 0);
+  EXPECT_EQ(errno, ENOENT);
+  Fs().CutPower();
+  EXPECT_NE(PlatformFile::Rename(L"new", L"other"), 0);
+  Fs().RestorePower(1);
+  EXPECT_EQ(Fs().ReadAll(L"new"), (Bytes{7, 2, 3}));  // a rename needs no sync
+}
+
 TEST_F(MemoryFileSystemTest, ALockIsHeldUntilItsHandleCloses) {
   bool busy = false;
   FileHandle* holder = PlatformFile::OpenLocked(L"j", "w+b", &busy);

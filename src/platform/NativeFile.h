@@ -31,6 +31,9 @@ class NativeFile {
   static int Truncate(std::FILE* file, std::uint64_t length);
   // Deletes a file; 0 on success.
   static int Remove(const wchar_t* path);
+  // Renames a file, replacing one already at `to` (rename;
+  // MoveFileExW with MOVEFILE_REPLACE_EXISTING); 0 on success.
+  static int Rename(const wchar_t* from, const wchar_t* to);
   // True when the path names an existing file.
   static bool Exists(const wchar_t* path);
   // The system's path separator: '\\' on Windows, '/' elsewhere.

@@ -40,6 +40,8 @@ FileHandle* NativeFileSystem::OpenLocked(const wchar_t* path, const char* mode, 
 
 int NativeFileSystem::Remove(const wchar_t* path) { return NativeFile::Remove(path); }
 
+int NativeFileSystem::Rename(const wchar_t* from, const wchar_t* to) { return NativeFile::Rename(from, to); }
+
 bool NativeFileSystem::Exists(const wchar_t* path) { return NativeFile::Exists(path); }
 
 std::uint64_t NativeFileSystem::AvailableBytes(const wchar_t* folder) { return DiskSpace::AvailableBytes(folder); }

@@ -22,6 +22,7 @@ class NativeFileSystem : public FileSystem {
   FileHandle* Open(const wchar_t* path, const char* mode) override;
   FileHandle* OpenLocked(const wchar_t* path, const char* mode, bool* busy) override;
   int Remove(const wchar_t* path) override;
+  int Rename(const wchar_t* from, const wchar_t* to) override;
   bool Exists(const wchar_t* path) override;
   std::uint64_t AvailableBytes(const wchar_t* folder) override;
   void CutPower() override;

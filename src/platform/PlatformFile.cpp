@@ -120,6 +120,11 @@ int PlatformFile::Remove(const wchar_t* path) {
   return Counted(result, result != 0);
 }
 
+int PlatformFile::Rename(const wchar_t* from, const wchar_t* to) {
+  if (Faulted(FileCall::kRename)) return -1;
+  return FileSystem::Current().Rename(from, to);
+}
+
 bool PlatformFile::Exists(const wchar_t* path) { return FileSystem::Current().Exists(path); }
 
 std::uint64_t PlatformFile::AvailableBytes(const wchar_t* folder) {

@@ -34,6 +34,7 @@ class PlatformFile {
   // Closes the file and deletes its handle, whatever the result.
   static int Close(FileHandle* file);
   static int Remove(const wchar_t* path);
+  static int Rename(const wchar_t* from, const wchar_t* to);
   static bool Exists(const wchar_t* path);
   // Free bytes available to this process on the volume of `folder` (or the
   // figure a test set through FileFaults).

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <vector>
 
 #include "platform/FileFaults.h"
 #include "support/TempDir.h"
@@ -72,6 +73,20 @@ TEST(PlatformFileTest, ExistsTellsFilesThatAreThere) {
   EXPECT_TRUE(PlatformFile::Exists(path.c_str()));
   EXPECT_EQ(PlatformFile::Remove(path.c_str()), 0);
   EXPECT_FALSE(PlatformFile::Exists(path.c_str()));
+}
+
+TEST(PlatformFileTest, RenameReplacesAFileAtTheNewName) {
+  Testing::TempDir dir;
+  const std::wstring from = dir.File("from.bin");
+  const std::wstring to = dir.File("to.bin");
+  Testing::TempDir::WriteAll(from, {1, 2});
+  Testing::TempDir::WriteAll(to, {3});
+  EXPECT_EQ(PlatformFile::Rename(from.c_str(), to.c_str()), 0);
+  EXPECT_FALSE(PlatformFile::Exists(from.c_str()));
+  EXPECT_EQ(Testing::TempDir::ReadAll(to), (std::vector<std::uint8_t>{1, 2}));
+  errno = 0;
+  EXPECT_NE(PlatformFile::Rename(from.c_str(), to.c_str()), 0);
+  EXPECT_EQ(errno, ENOENT);
 }
 
 TEST(PlatformFileTest, ALockedFileCannotBeLockedAgainUntilItCloses) {

@@ -5,11 +5,15 @@
 namespace Tovrel {
 
 ChildFileStream::ChildFileStream(IStreamOwner* owner, std::uint64_t identifier, FilePageCache* cache,
-                                 RefPtr<IPagedFileSeeker>& seeker)
-    : PagedFileStream(cache, seeker), owner_(owner), identifier_(identifier) {}
+                                 RefPtr<IPagedFileSeeker>& seeker, bool writable)
+    : PagedFileStream(cache, seeker), owner_(owner), identifier_(identifier), writable_(writable) {}
 
 ChildFileStream::~ChildFileStream() {
   if (owner_ != nullptr) owner_->ForgetStream(identifier_, this);
+}
+
+std::uint64_t ChildFileStream::Write(const void* buffer, std::uint64_t count) {
+  return writable_ ? PagedFileStream::Write(buffer, count) : 0;
 }
 
 void ChildFileStream::MoveTail(const TailLocation& tail) {

@@ -34,9 +34,9 @@ class ChildFileStreamTest : public ::testing::Test {
     ASSERT_TRUE(seeker_->AttachStream(allocator_.Get(), StreamEntry{7, 8192, page, 1}, TailLocation{}));
   }
 
-  RefPtr<ChildFileStream> Open(std::uint64_t identifier) {
+  RefPtr<ChildFileStream> Open(std::uint64_t identifier, bool writable = true) {
     RefPtr<IPagedFileSeeker> seeker(seeker_.Get());
-    RefPtr<ChildFileStream> stream(new ChildFileStream(&owner_, identifier, cache_.get(), seeker));
+    RefPtr<ChildFileStream> stream(new ChildFileStream(&owner_, identifier, cache_.get(), seeker, writable));
     owner_.open[identifier] = stream.Get();
     return stream;
   }
@@ -83,6 +83,20 @@ TEST_F(ChildFileStreamTest, ADetachedStreamMovesNothingAndForgetsItsOwner) {
   EXPECT_EQ(stream->GetSize(), 8192u);
   stream.Reset();
   EXPECT_EQ(owner_.calls, 0);
+}
+
+TEST_F(ChildFileStreamTest, AStreamOpenedForReadingOnlyReadsItsBytesAndWritesNone) {
+  const std::uint8_t bytes[4] = {1, 2, 3, 4};
+  ASSERT_EQ(Open(7)->Write(bytes, 4), 4u);
+  RefPtr<ChildFileStream> reader = Open(7, false);
+  EXPECT_FALSE(reader->IsWritable());
+  const std::uint8_t other[4] = {9, 9, 9, 9};
+  EXPECT_EQ(reader->Write(other, 4), 0u);
+  EXPECT_EQ(reader->GetPosition(), 0u);
+  std::uint8_t back[4] = {};
+  EXPECT_EQ(reader->Read(back, 4), 4u);
+  EXPECT_EQ(back[0], 1);
+  EXPECT_EQ(back[3], 4);
 }
 
 }  // namespace

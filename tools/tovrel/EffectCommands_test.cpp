@@ -20,8 +20,8 @@
 #include "platform/WideText.h"
 #include "support/ChildLauncher.h"
 #include "support/EffectTesting.h"
+#include "support/PackagePatch.h"
 #include "support/TempDir.h"
-#include "tool/PackagePatch.h"
 #include "tool/ToolTesting.h"
 #include "tovrel/EffectCacheSystem.h"
 

@@ -46,6 +46,10 @@ LockedPackage::LockedPackage(const UserPath& file, std::uint64_t streamLimit, bo
 std::string LockedPackage::JournalNote() const {
   if (!journal_.present) return "";
   if (journal_.busy) return "a save is under way in another process (its journal is held); checked as the file will be if it fails";
+  if (journal_.damaged) {
+    return "a damaged journal (its saved length is more than its records and the file explain) will be set aside, "
+           "not rolled back, when the library next opens the file; checked as the file is";
+  }
   if (!journal_.complete) {
     return "the journal of a save that was interrupted before it changed the file will be deleted when the library "
            "next opens it";

@@ -6,8 +6,8 @@
 
 #include "ExitStatus.h"
 #include "pagefile/PageGeometry.h"
+#include "support/PackagePatch.h"
 #include "support/TempDir.h"
-#include "tool/PackagePatch.h"
 #include "tool/ToolTesting.h"
 
 namespace Tovrel {

@@ -11,9 +11,9 @@
 
 #include "ExitStatus.h"
 #include "support/EffectTesting.h"
+#include "support/PackagePatch.h"
 #include "support/PackageTesting.h"
 #include "support/TempDir.h"
-#include "tool/PackagePatch.h"
 #include "tool/ToolTesting.h"
 
 namespace Tovrel {

@@ -99,6 +99,10 @@ int NativeFile::Truncate(std::FILE* file, std::uint64_t length) {
 
 int NativeFile::Remove(const wchar_t* path) { return std::remove(WideText::ToUtf8(path).c_str()); }
 
+int NativeFile::Rename(const wchar_t* from, const wchar_t* to) {
+  return std::rename(WideText::ToUtf8(from).c_str(), WideText::ToUtf8(to).c_str());
+}
+
 bool NativeFile::Exists(const wchar_t* path) {
   struct stat status {};
   return stat(WideText::ToUtf8(path).c_str(), &status) == 0;

@@ -67,6 +67,12 @@ int NativeFile::Truncate(std::FILE* file, std::uint64_t length) {
 
 int NativeFile::Remove(const wchar_t* path) { return _wremove(path); }
 
+int NativeFile::Rename(const wchar_t* from, const wchar_t* to) {
+  if (MoveFileExW(from, to, MOVEFILE_REPLACE_EXISTING)) return 0;
+  errno = GetLastError() == ERROR_FILE_NOT_FOUND ? ENOENT : EACCES;
+  return -1;
+}
+
 bool NativeFile::Exists(const wchar_t* path) {
   return GetFileAttributesW(path) != INVALID_FILE_ATTRIBUTES;
 }

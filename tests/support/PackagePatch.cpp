@@ -1,16 +1,29 @@
-#include "tool/PackagePatch.h"
+#include "support/PackagePatch.h"
 
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 #include "pagefile/LittleEndian.h"
 #include "pagefile/PageGeometry.h"
-#include "tool/ToolTesting.h"
 
 namespace Tovrel {
 namespace Testing {
 
-PackagePatch::PackagePatch(const std::filesystem::path& file) : file_(file), bytes_(ToolTesting::ReadFile(file)) {
+namespace {
+
+std::vector<std::uint8_t> ReadFile(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+}  // namespace
+
+PackagePatch::PackagePatch(std::vector<std::uint8_t> bytes) : bytes_(std::move(bytes)) { Parse(); }
+
+PackagePatch::PackagePatch(const std::filesystem::path& file) : file_(file), bytes_(ReadFile(file)) { Parse(); }
+
+void PackagePatch::Parse() {
   if (bytes_.size() < kPageSize || Get(0) != 1 || Get(8) > kFirstPagePayload) {
     throw std::runtime_error("the head stream is not on one page");
   }
@@ -41,6 +54,10 @@ std::uint64_t PackagePatch::ChildFile(std::uint64_t index, int field) const {
   return children_.at(index) + 8 * static_cast<std::uint64_t>(field);
 }
 
+std::uint64_t PackagePatch::ListedTail(std::uint64_t index, std::uint64_t k) const {
+  return children_.at(index) + 80 + 8 + 8 * k;
+}
+
 std::uint64_t PackagePatch::Tail(std::uint64_t index, TailField field) const {
   return tails_ + 8 + 40 * index + 8 * static_cast<std::uint64_t>(field);
 }
@@ -57,9 +74,10 @@ PackagePatch& PackagePatch::Set(std::uint64_t offset, std::uint64_t value) {
 }
 
 void PackagePatch::Save() const {
+  if (file_.empty()) throw std::runtime_error("made from bytes: no file to save to");
   std::ofstream out(file_, std::ios::binary | std::ios::in | std::ios::out);
   out.write(reinterpret_cast<const char*>(bytes_.data()), static_cast<std::streamsize>(bytes_.size()));
-  if (!out.flush()) throw std::runtime_error("cannot write " + ToolTesting::Utf8(file_));
+  if (!out.flush()) throw std::runtime_error("cannot write " + file_.u8string());
 }
 
 }  // namespace Testing
