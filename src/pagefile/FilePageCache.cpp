@@ -76,15 +76,13 @@ bool FilePageCache::Open(const wchar_t* path, std::uint64_t capacity) {
     file = PlatformFile::Open(path, "w+b");
   }
   if (file == nullptr) throw FileIOException(errno);
-  std::uint64_t length = 0;
   try {
     RollbackJournal::Recover(path, file);
-    length = PageFileIO::GetFileLength(file);
+    Adopt(file, path, PageFileIO::GetFileLength(file), Access::kUpdate, capacity);
   } catch (...) {
-    PlatformFile::Close(file);
+    if (file_ != file) PlatformFile::Close(file);
     throw;
   }
-  Adopt(file, path, length, Access::kUpdate, capacity);
   return true;
 }
 
@@ -92,17 +90,16 @@ bool FilePageCache::OpenReadOnly(const wchar_t* path, std::uint64_t capacity) {
   Close();
   FileHandle* file = PlatformFile::Open(path, "rb");
   if (file == nullptr) throw FileIOException(errno);
-  std::uint64_t length = 0;
-  std::map<std::uint64_t, std::vector<std::uint8_t>> images;
   try {
-    length = PageFileIO::GetFileLength(file);
+    std::uint64_t length = PageFileIO::GetFileLength(file);
+    std::map<std::uint64_t, std::vector<std::uint8_t>> images;
     ReadJournalImages(path, &length, &images);
+    Adopt(file, path, length, Access::kReadOnly, capacity);
+    journalImages_.swap(images);
   } catch (...) {
-    PlatformFile::Close(file);
+    if (file_ != file) PlatformFile::Close(file);
     throw;
   }
-  Adopt(file, path, length, Access::kReadOnly, capacity);
-  journalImages_.swap(images);
   return true;
 }
 
@@ -130,11 +127,12 @@ void FilePageCache::ReadJournalImages(const std::wstring& path, std::uint64_t* l
 
 void FilePageCache::Adopt(FileHandle* file, const wchar_t* path, std::uint64_t length, Access access,
                           std::uint64_t capacity) {
-  file_ = file;
+  // What may throw (no memory for the paths) comes first, the file last:
+  // until the cache holds it, the caller closes it on failure.
   path_ = path;
+  journal_.Attach(path_);
   access_ = access;
   journaling_ = IsJournaling();
-  journal_.Attach(path_);
   journalImages_.clear();
   fileLength_ = length;
   savedLength_ = length;
@@ -144,6 +142,7 @@ void FilePageCache::Adopt(FileHandle* file, const wchar_t* path, std::uint64_t l
   capacity_ = capacity == 0 ? 1 : capacity;
   count_ = 0;
   mostRecent_ = leastRecent_ = nullptr;
+  file_ = file;
 }
 
 void FilePageCache::Close() {

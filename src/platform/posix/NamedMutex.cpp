@@ -154,14 +154,13 @@ NamedMutex::NamedMutex(const wchar_t* name) : native_(nullptr), openError_(0) {
     openError_ = EINVAL;
     return;
   }
-  Native* native = new Native{WideText::ToUtf8(name), nullptr};
+  std::unique_ptr<Native> native(new Native{WideText::ToUtf8(name), nullptr});
   native->entry = OpenEntry(native->name);
   if (!native->entry) {
     openError_ = static_cast<std::uint32_t>(errno);
-    delete native;
     return;
   }
-  native_ = native;
+  native_ = native.release();
 }
 
 NamedMutex::~NamedMutex() {
