@@ -56,7 +56,9 @@ if [ -f "$servers/urls" ]; then
 else
   echo "no test servers for the Windows run:"; cat "$servers/log"; exit 1
 fi
-run windows windows Debug -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake
+# The toolchain by its full path: a build folder configured again keeps the
+# path as given, and the install check configures another project with it.
+run windows windows Debug -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/mingw-w64-x86_64.cmake"
 touch "$servers/stop"
 unset TOVREL_TEST_NGINX_URL TOVREL_TEST_FAULT_URL
 echo "=== fuzzing (full output in build/fuzz.log)"
