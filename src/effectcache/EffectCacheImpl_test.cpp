@@ -12,10 +12,12 @@
 #include "effectcache/EffectRecord.h"
 #include "host/Path.h"
 #include "pagefile/LittleEndian.h"
+#include "pagefile/PageGeometry.h"
 #include "platform/FileFaults.h"
 #include "platform/WideText.h"
 #include "effectcache/EffectNameOrder.h"
 #include "support/EffectTesting.h"
+#include "support/PackageLayout.h"
 #include "support/TempDir.h"
 
 namespace Tovrel {
@@ -391,22 +393,38 @@ TEST_F(EffectCacheImplTest, TruncatedAndForeignFilesAreRecreatedEmpty) {
     }
   }
   const auto good = TempDir::ReadAll(CacheFile());
-  for (std::size_t cut : {std::size_t{0}, std::size_t{100}, std::size_t{8192}, good.size() / 2, good.size() - 1}) {
-    SCOPED_TRACE(cut);
-    TempDir::WriteAll(CacheFile(), std::vector<std::uint8_t>(good.begin(), good.begin() + static_cast<long>(cut)));
-    auto cache = Open();
-    EXPECT_TRUE(cache->IsEnabled());  // opened as it is, or recreated empty
-    for (int i = 0; i < 20; ++i) {
-      Tab<unsigned char> data;
-      if (cache->SearchCachedEffects(WStr(std::to_wstring(i)), data)) {
-        EXPECT_EQ(EffectTesting::ToVector(data), EffectTesting::Bytes(40 + i, 3000, i % 2 == 0)) << i;
-      }
-    }
+  const auto shape = EffectTesting::Shape(CacheFile());
+  const Testing::PackageLayout layout(CacheFile());
+  std::vector<std::vector<std::uint8_t>> files;
+  for (std::size_t cut : {std::size_t{0}, std::size_t{100}, std::size_t{8192}, good.size() / 2}) {
+    // Each cut takes part of the index away: what is left is no cache.
+    ASSERT_LT(layout.BytesWithin(shape.header.indexStreamId, cut / kPageSize), shape.indexSize) << cut;
+    files.emplace_back(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(cut));
   }
-  TempDir::WriteAll(CacheFile(), EffectTesting::Bytes(99, 50000, false));
-  auto cache = Open();
-  EXPECT_TRUE(cache->IsEnabled());
-  EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 0u);
+  files.push_back(EffectTesting::Bytes(99, 50000, false));  // not a package at all
+  for (std::size_t f = 0; f < files.size(); ++f) {
+    SCOPED_TRACE(f);
+    TempDir::WriteAll(CacheFile(), files[f]);
+    const auto added = EffectTesting::Bytes(98, 4000, true);
+    {
+      auto cache = Open();
+      ASSERT_TRUE(cache->IsEnabled());
+      EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 0u);
+      for (int i = 0; i < 20; ++i) {
+        Tab<unsigned char> data;
+        EXPECT_FALSE(cache->SearchCachedEffects(WStr(std::to_wstring(i)), data)) << i;
+      }
+      // Usable: what it stores now, another object finds.
+      ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"added"), added.data(), added.size(), false));
+      cache->ForceSaveToFile();
+      EXPECT_TRUE(cache->IsEnabled());
+    }
+    auto again = Open();
+    EXPECT_EQ(again->GetNumberOfEffectsInFile(), 1u);
+    Tab<unsigned char> data;
+    ASSERT_TRUE(again->SearchCachedEffects(WStr(L"added"), data));
+    EXPECT_EQ(EffectTesting::ToVector(data), added);
+  }
 }
 
 // Names that test the index's order: equal lengths that differ only in a
