@@ -64,10 +64,19 @@ void* Allocate(std::size_t size) {
   return block;
 }
 
+// The nothrow forms (std::stable_sort's buffer, which copes without one)
+// come from the same heap, so that the sized delete that returns them
+// matches; as before, they are neither counted nor failed.
+void* AllocateOrNull(std::size_t size) noexcept { return std::malloc(size == 0 ? 1 : size); }
+
 }  // namespace
 
 void* operator new(std::size_t size) { return Allocate(size); }
 void* operator new[](std::size_t size) { return Allocate(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return AllocateOrNull(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return AllocateOrNull(size); }
+void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
+void operator delete[](void* block, const std::nothrow_t&) noexcept { std::free(block); }
 void operator delete(void* block) noexcept { std::free(block); }
 void operator delete[](void* block) noexcept { std::free(block); }
 void operator delete(void* block, std::size_t) noexcept { std::free(block); }
