@@ -8,14 +8,17 @@
 #include <string>
 #include <vector>
 
+#include "effectcache/CacheTimeStamp.h"
 #include "effectcache/EffectCacheHeader.h"
 #include "effectcache/EffectRecord.h"
 #include "host/Path.h"
 #include "pagefile/LittleEndian.h"
+#include "pagefile/PageGeometry.h"
 #include "platform/FileFaults.h"
 #include "platform/WideText.h"
 #include "effectcache/EffectNameOrder.h"
 #include "support/EffectTesting.h"
+#include "support/PackageLayout.h"
 #include "support/TempDir.h"
 
 namespace Tovrel {
@@ -129,6 +132,23 @@ TEST_F(EffectCacheImplTest, APendingEffectWinsOverTheStoredOne) {
   ASSERT_TRUE(cache->SearchCachedEffects(WStr(L"fx"), data));
   EXPECT_EQ(EffectTesting::ToVector(data), pending);
   EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 1u);
+}
+
+TEST_F(EffectCacheImplTest, AMissingNameBesideAPendingOneMissesAndHandsBackNothing) {
+  auto cache = Open();
+  const auto pending = EffectTesting::Bytes(5, 900, true);
+  ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"fx/m"), pending.data(), pending.size(), false));
+  // Names that sort right before and after it, that it begins with, and
+  // that begin with it; none is stored anywhere.
+  for (const wchar_t* missing : {L"fx/l", L"fx/n", L"fx/", L"fx/mm", L"fx/M", L"x/m", L"fx/m/"}) {
+    Tab<unsigned char> data;
+    EXPECT_FALSE(cache->SearchCachedEffects(WStr(missing), data)) << WideText::ToUtf8(missing);
+    EXPECT_EQ(data.Count(), 0u) << WideText::ToUtf8(missing);
+  }
+  Tab<unsigned char> data;
+  ASSERT_TRUE(cache->SearchCachedEffects(WStr(L"fx/m"), data));
+  EXPECT_EQ(EffectTesting::ToVector(data), pending);
+  EXPECT_EQ(cache->GetNumberOfEffectsInMemory(), 1u);
 }
 
 TEST_F(EffectCacheImplTest, DisablingIsAdvisoryOnly) {
@@ -275,6 +295,58 @@ TEST_F(EffectCacheImplTest, TrimmingRemovesTheOldestNonPermanentEffectsUntilBelo
   EXPECT_EQ(EffectTesting::IndexNames(CacheFile()), (std::vector<std::string>{"0"}));
 }
 
+// Trimming at load across equal times, permanent effects and stamps that
+// differ by a millisecond. Every effect has the same bytes, so each one
+// removed takes the same size off and a limit says how many must go.
+class EffectCacheTrimOrderTest : public EffectCacheImplTest {
+ protected:
+  void SetUp() override {
+    {
+      auto cache = Open();
+      for (int i = 0; i < 6; ++i) {
+        ASSERT_TRUE(cache->CacheCompiledEffect(WStr(Name(i).c_str()), bytes_.data(), bytes_.size(), i == 0));
+      }
+    }
+    total_ = EffectTesting::Shape(CacheFile()).totalStreamSize;
+    size_ = EffectTesting::ReadIndex(CacheFile()).at("fx/1").compressedSize;
+    // fx/0 (permanent) is the oldest of all; fx/1 and fx/2 were last used
+    // at one time, then fx/4, then fx/3 a millisecond later, then fx/5.
+    SetLastUsed(0, {2026, 1, 1, 0, 0, 0, 0});
+    SetLastUsed(1, {2026, 2, 1, 0, 0, 0, 0});
+    SetLastUsed(2, {2026, 2, 1, 0, 0, 0, 0});
+    SetLastUsed(3, {2026, 3, 1, 0, 0, 0, 1});
+    SetLastUsed(4, {2026, 3, 1, 0, 0, 0, 0});
+    SetLastUsed(5, {2026, 4, 1, 0, 0, 0, 0});
+  }
+  static std::wstring Name(int i) { return L"fx/" + std::to_wstring(i); }
+  void SetLastUsed(int i, const CacheTimeStamp& when) {
+    EffectTesting::PatchRecord(CacheFile(), WideText::ToUtf8(Name(i)), [&](EffectRecord& r) { r.lastUsed = when; });
+  }
+  // Opens the cache with a limit that `effects` removals reach.
+  std::vector<std::string> LeftAfterRemoving(std::uint64_t effects) {
+    auto cache = Open(total_ - effects * size_ + 1);
+    EXPECT_TRUE(cache->IsEnabled());
+    cache.reset();
+    return EffectTesting::IndexNames(CacheFile());
+  }
+
+  const std::vector<unsigned char> bytes_ = EffectTesting::Bytes(60, 3000, true);
+  std::uint64_t total_ = 0;
+  std::uint64_t size_ = 0;
+};
+
+TEST_F(EffectCacheTrimOrderTest, OfTwoEffectsLastUsedAtOneTimeTheFirstInNameOrderGoesFirst) {
+  EXPECT_EQ(LeftAfterRemoving(1), (std::vector<std::string>{"fx/0", "fx/2", "fx/3", "fx/4", "fx/5"}));
+}
+
+TEST_F(EffectCacheTrimOrderTest, AMillisecondOrdersTwoEffectsAndThePermanentOldestStays) {
+  EXPECT_EQ(LeftAfterRemoving(3), (std::vector<std::string>{"fx/0", "fx/3", "fx/5"}));
+}
+
+TEST_F(EffectCacheTrimOrderTest, EveryEffectButThePermanentOneGoesWhenTheLimitAsksForMore) {
+  EXPECT_EQ(LeftAfterRemoving(6), (std::vector<std::string>{"fx/0"}));
+}
+
 TEST_F(EffectCacheImplTest, ATrimAtLoadIsSavedAtOnceAndAnEmptyIndexKeepsOneByte) {
   {
     auto cache = Open();
@@ -391,22 +463,38 @@ TEST_F(EffectCacheImplTest, TruncatedAndForeignFilesAreRecreatedEmpty) {
     }
   }
   const auto good = TempDir::ReadAll(CacheFile());
-  for (std::size_t cut : {std::size_t{0}, std::size_t{100}, std::size_t{8192}, good.size() / 2, good.size() - 1}) {
-    SCOPED_TRACE(cut);
-    TempDir::WriteAll(CacheFile(), std::vector<std::uint8_t>(good.begin(), good.begin() + static_cast<long>(cut)));
-    auto cache = Open();
-    EXPECT_TRUE(cache->IsEnabled());  // opened as it is, or recreated empty
-    for (int i = 0; i < 20; ++i) {
-      Tab<unsigned char> data;
-      if (cache->SearchCachedEffects(WStr(std::to_wstring(i)), data)) {
-        EXPECT_EQ(EffectTesting::ToVector(data), EffectTesting::Bytes(40 + i, 3000, i % 2 == 0)) << i;
-      }
-    }
+  const auto shape = EffectTesting::Shape(CacheFile());
+  const Testing::PackageLayout layout(CacheFile());
+  std::vector<std::vector<std::uint8_t>> files;
+  for (std::size_t cut : {std::size_t{0}, std::size_t{100}, std::size_t{8192}, good.size() / 2}) {
+    // Each cut takes part of the index away: what is left is no cache.
+    ASSERT_LT(layout.BytesWithin(shape.header.indexStreamId, cut / kPageSize), shape.indexSize) << cut;
+    files.emplace_back(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(cut));
   }
-  TempDir::WriteAll(CacheFile(), EffectTesting::Bytes(99, 50000, false));
-  auto cache = Open();
-  EXPECT_TRUE(cache->IsEnabled());
-  EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 0u);
+  files.push_back(EffectTesting::Bytes(99, 50000, false));  // not a package at all
+  for (std::size_t f = 0; f < files.size(); ++f) {
+    SCOPED_TRACE(f);
+    TempDir::WriteAll(CacheFile(), files[f]);
+    const auto added = EffectTesting::Bytes(98, 4000, true);
+    {
+      auto cache = Open();
+      ASSERT_TRUE(cache->IsEnabled());
+      EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 0u);
+      for (int i = 0; i < 20; ++i) {
+        Tab<unsigned char> data;
+        EXPECT_FALSE(cache->SearchCachedEffects(WStr(std::to_wstring(i)), data)) << i;
+      }
+      // Usable: what it stores now, another object finds.
+      ASSERT_TRUE(cache->CacheCompiledEffect(WStr(L"added"), added.data(), added.size(), false));
+      cache->ForceSaveToFile();
+      EXPECT_TRUE(cache->IsEnabled());
+    }
+    auto again = Open();
+    EXPECT_EQ(again->GetNumberOfEffectsInFile(), 1u);
+    Tab<unsigned char> data;
+    ASSERT_TRUE(again->SearchCachedEffects(WStr(L"added"), data));
+    EXPECT_EQ(EffectTesting::ToVector(data), added);
+  }
 }
 
 // Names that test the index's order: equal lengths that differ only in a

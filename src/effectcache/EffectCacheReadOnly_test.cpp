@@ -3,19 +3,29 @@
 // new effects in memory.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
 
+#ifndef _WIN32
+#include <sys/mount.h>
+#endif
+
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectCacheMaintenance.h"
 #include "platform/FileFaults.h"
+#include "support/ChildLauncher.h"
+#include "support/ChildProcess.h"
 #include "support/EffectTesting.h"
 #include "support/InstalledFileSystem.h"
 #include "support/TempDir.h"
+#include "support/TestRun.h"
+#include "support/UnprivilegedUser.h"
 
 namespace Tovrel {
 namespace {
@@ -145,59 +155,115 @@ TEST_F(EffectCacheReadOnlyTest, MaintenanceIsRefusedAndChangesNothing) {
 }
 
 // The same through the system's own permissions: a file without write
-// permission. Skipped where permissions do not stop this process (root).
-TEST(EffectCacheReadOnlyFileTest, AFileWithoutWritePermissionServesEverySearch) {
-  Testing::TempDir dir;
-  const std::wstring folder = dir.Path().wstring();
-  Fill(folder);
-  const std::filesystem::path file(dir.File("norvaneFxoCache.dat"));
+// permission, opened by a process that the permission stops, in a folder
+// of its own. The file is served read only and never written.
+void ExpectServedReadOnly(const std::filesystem::path& folder, const std::filesystem::path& file) {
   const std::vector<std::uint8_t> before = Testing::TempDir::ReadAll(file.wstring());
-  std::filesystem::permissions(file, std::filesystem::perms::owner_read | std::filesystem::perms::group_read |
-                                         std::filesystem::perms::others_read);
-  const bool stillWritable = std::ofstream(file, std::ios::in | std::ios::out | std::ios::binary).is_open();
-  if (stillWritable) {
-    std::filesystem::permissions(file, std::filesystem::perms::owner_write, std::filesystem::perm_options::add);
-    GTEST_SKIP() << "this process may write files without write permission";
-  }
+  ASSERT_FALSE(before.empty());
+  ASSERT_FALSE(std::ofstream(file, std::ios::in | std::ios::out | std::ios::binary).is_open())
+      << "the permission does not stop this process";
   {
-    EffectCacheImpl cache(WStr(folder.c_str()), 2);
+    EffectCacheImpl cache(WStr(folder.wstring().c_str()), 2);
     ASSERT_TRUE(cache.IsEnabled());
     EXPECT_TRUE(cache.IsReadOnly());
     ExpectEveryEffect(cache);
+    const auto bytes = Bytes(60);
+    EXPECT_TRUE(cache.CacheCompiledEffect(WStr(L"new/one.fxo"), bytes.data(), bytes.size(), false));
+    cache.ForceSaveToFile();
+    EXPECT_TRUE(cache.IsEnabled());
   }
   EXPECT_EQ(Testing::TempDir::ReadAll(file.wstring()), before);
+  EXPECT_FALSE(std::filesystem::exists(folder / "norvaneFxoCache.dat-journal"));
+}
+
+void ExpectAFileWithoutWritePermissionServedReadOnly(const std::filesystem::path& folder) {
+  Fill(folder.wstring());
+  const std::filesystem::path file = folder / "norvaneFxoCache.dat";
+  std::filesystem::permissions(file, std::filesystem::perms::owner_read | std::filesystem::perms::group_read |
+                                         std::filesystem::perms::others_read);
+  ExpectServedReadOnly(folder, file);
+  // Windows removes no file that is read only.
   std::filesystem::permissions(file, std::filesystem::perms::owner_write, std::filesystem::perm_options::add);
 }
 
+// Takes on the account given by its ids (argv[1], argv[2]), then runs the
+// checks above in folder argv[0], which the account owns. Exit status 0
+// when every check held; a failed check prints itself.
+TOVREL_CHILD_ROLE(read_only_file_as_user) {
+  if (argc != 3) return 2;
+  std::string why;
+  if (!Testing::UnprivilegedUser::FromWords(argv[1], argv[2]).Become(&why)) {
+    std::cerr << why << "\n";
+    return 3;
+  }
+  ExpectAFileWithoutWritePermissionServedReadOnly(std::filesystem::u8path(argv[0]));
+  return ::testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0;
+}
+
+// Run as root, whom permissions do not stop, the test gives the folder to
+// an unprivileged account and runs the checks in a child process that
+// takes that account on.
+TEST(EffectCacheReadOnlyFileTest, AFileWithoutWritePermissionServesEverySearch) {
+  Testing::TempDir dir;
+  const std::filesystem::path folder = dir.Path() / "deployed";
+  std::filesystem::create_directories(folder);
+  if (!Testing::UnprivilegedUser::ThisProcessIsPrivileged()) {
+#ifdef _WIN32
+    const std::filesystem::path probe = folder / "probe";
+    { std::ofstream(probe) << "x"; }
+    std::filesystem::permissions(probe, std::filesystem::perms::owner_read);
+    const bool stopped = !std::ofstream(probe, std::ios::in | std::ios::out).is_open();
+    std::filesystem::permissions(probe, std::filesystem::perms::owner_write, std::filesystem::perm_options::add);
+    if (!stopped) GTEST_SKIP() << "the read-only attribute does not stop this process (wine run by root)";
+#endif
+    ExpectAFileWithoutWritePermissionServedReadOnly(folder);
+    return;
+  }
+  Testing::UnprivilegedUser user;
+  std::string why;
+  ASSERT_TRUE(Testing::UnprivilegedUser::Find(&user, &why)) << why;
+  ASSERT_TRUE(user.Own(folder, &why)) << why;
+  std::vector<std::string> words{folder.u8string()};
+  for (const std::string& word : user.ToWords()) words.push_back(word);
+  auto child = Testing::ChildLauncher::Start("read_only_file_as_user", words);
+  ASSERT_NE(child, nullptr);
+  EXPECT_EQ(Testing::ChildLauncher::Finish(*child), 0) << "the checks as an unprivileged user failed (see above)";
+}
+
+#ifndef _WIN32
 // A read-only bind mount of a cache folder: the system refuses every
-// write, whoever asks. Where mounts cannot be made (no privilege, Windows)
-// the test is skipped.
+// write, whoever asks (root included). Made and undone by root alone.
 class ReadOnlyMount {
  public:
   ReadOnlyMount(const std::filesystem::path& source, const std::filesystem::path& target) : target_(target) {
-#ifndef _WIN32
     std::filesystem::create_directories(target);
-    const std::string quiet = " >/dev/null 2>&1";
-    mounted_ = std::system(("mount --bind '" + source.string() + "' '" + target.string() + "'" + quiet).c_str()) == 0;
-    if (mounted_) {
-      readOnly_ = std::system(("mount -o remount,ro,bind '" + target.string() + "'" + quiet).c_str()) == 0;
+    if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+      why_ = std::string("bind mount: ") + std::strerror(errno);
+      return;
     }
-#else
-    (void)source;
-#endif
+    mounted_ = true;
+    if (mount(nullptr, target.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
+      why_ = std::string("remounting it read only: ") + std::strerror(errno);
+      return;
+    }
+    readOnly_ = true;
   }
   ~ReadOnlyMount() {
-    if (mounted_) std::system(("umount '" + target_.string() + "' >/dev/null 2>&1").c_str());
+    if (mounted_) umount(target_.c_str());
   }
-  bool IsReadOnly() const { return mounted_ && readOnly_; }
+  bool IsReadOnly() const { return readOnly_; }
+  // Why no read-only mount was made.
+  const std::string& Why() const { return why_; }
 
  private:
   std::filesystem::path target_;
   bool mounted_ = false;
   bool readOnly_ = false;
+  std::string why_;
 };
 
 TEST(EffectCacheReadOnlyFileTest, ACacheOnAReadOnlyMountServesEverySearch) {
+  if (!Testing::UnprivilegedUser::ThisProcessIsPrivileged()) TOVREL_SKIP_OR_FAIL("only root can make a mount");
   Testing::TempDir dir;
   const std::filesystem::path source = dir.Path() / "source";
   const std::filesystem::path target = dir.Path() / "mounted";
@@ -206,7 +272,8 @@ TEST(EffectCacheReadOnlyFileTest, ACacheOnAReadOnlyMountServesEverySearch) {
   const std::vector<std::uint8_t> before = Testing::TempDir::ReadAll((source / "norvaneFxoCache.dat").wstring());
   {
     ReadOnlyMount mount(source, target);
-    if (!mount.IsReadOnly()) GTEST_SKIP() << "no read-only mount can be made here";
+    if (!mount.IsReadOnly()) TOVREL_SKIP_OR_FAIL("no read-only mount can be made here: " + mount.Why());
+    ASSERT_FALSE(std::ofstream(target / "norvaneFxoCache.dat", std::ios::in | std::ios::out).is_open());
     {
       EffectCacheImpl cache(WStr(target.wstring().c_str()), 2);
       ASSERT_TRUE(cache.IsEnabled());
@@ -221,6 +288,11 @@ TEST(EffectCacheReadOnlyFileTest, ACacheOnAReadOnlyMountServesEverySearch) {
   }
   EXPECT_EQ(Testing::TempDir::ReadAll((source / "norvaneFxoCache.dat").wstring()), before);
 }
+#else
+TEST(EffectCacheReadOnlyFileTest, ACacheOnAReadOnlyMountServesEverySearch) {
+  GTEST_SKIP() << "Windows has no read-only mount that a test can make";
+}
+#endif
 
 }  // namespace
 }  // namespace Tovrel

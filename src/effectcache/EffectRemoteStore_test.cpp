@@ -6,6 +6,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <thread>
 #include <memory>
 #include <string>
@@ -20,6 +21,7 @@
 #include "support/InstalledFileSystem.h"
 #include "support/RemoteServer.h"
 #include "support/TempDir.h"
+#include "support/TestRun.h"
 #include "tovrel/FilePackage.h"
 
 namespace Tovrel {
@@ -107,7 +109,7 @@ class EffectRemoteStoreServerTest : public ::testing::Test {
 // without compiling; then it finds it in its own file with the server gone.
 TEST_F(EffectRemoteStoreServerTest, ASecondWorkstationIsServedByTheTeamTierThenByItsOwnFile) {
   auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
-  if (!server) GTEST_SKIP() << "no nginx here";
+  if (!server) TOVREL_SKIP_OR_FAIL(RemoteServer::WhyNone());
   const EffectRemoteStore::Settings settings = SettingsFor(server->Url() + dir_.Path().filename().string() + "/team");
   const std::wstring first = (dir_.Path() / "first").wstring();
   const std::wstring second = (dir_.Path() / "second").wstring();
@@ -168,7 +170,7 @@ TEST_F(EffectRemoteStoreServerTest, ASecondWorkstationIsServedByTheTeamTierThenB
 // keeps no more than its size limit in memory (the rest are served, not kept).
 TEST_F(EffectRemoteStoreServerTest, EffectsFetchedFromTheStoreCountAgainstTheLimitsOfMemory) {
   auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
-  if (!server) GTEST_SKIP() << "no nginx here";
+  if (!server) TOVREL_SKIP_OR_FAIL(RemoteServer::WhyNone());
   const EffectRemoteStore::Settings settings = SettingsFor(server->Url() + dir_.Path().filename().string() + "/big");
   const auto big = [](int i) { return EffectTesting::Bytes(static_cast<std::uint32_t>(900 + i), 90000, i % 2 == 0); };
   const auto wide = [](int i) { return L"big/" + std::to_wstring(i); };
@@ -221,7 +223,7 @@ TEST_F(EffectRemoteStoreServerTest, EffectsFetchedFromTheStoreCountAgainstTheLim
 
 TEST_F(EffectRemoteStoreServerTest, AReadOnlyStoreIsReadAndNeverWritten) {
   auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
-  if (!server) GTEST_SKIP() << "no nginx here";
+  if (!server) TOVREL_SKIP_OR_FAIL(RemoteServer::WhyNone());
   const std::wstring folder = (dir_.Path() / "ws").wstring();
   fs::create_directories(folder);
   const EffectRemoteStore::Settings settings = SettingsFor(server->Url() + dir_.Path().filename().string() + "/ro", true);
@@ -242,7 +244,7 @@ TEST_F(EffectRemoteStoreServerTest, AReadOnlyStoreIsReadAndNeverWritten) {
 // than the cache's own).
 TEST_F(EffectRemoteStoreServerTest, AFetchedEffectIsStoredAsItCameWithoutBeingCompressedAgain) {
   auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
-  if (!server) GTEST_SKIP() << "no nginx here";
+  if (!server) TOVREL_SKIP_OR_FAIL(RemoteServer::WhyNone());
   const EffectRemoteStore::Settings settings = SettingsFor(server->Url() + dir_.Path().filename().string() + "/asis");
   const std::vector<unsigned char> bytes = Bytes(13);
   const std::vector<std::uint8_t> object = ObjectOf(Name(13), bytes);
@@ -275,7 +277,7 @@ TEST_F(EffectRemoteStoreServerTest, AFetchedEffectIsStoredAsItCameWithoutBeingCo
 // them there.
 TEST_F(EffectRemoteStoreServerTest, AReadOnlyCacheFileSendsItsNewEffectsToTheStoreOnce) {
   auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
-  if (!server) GTEST_SKIP() << "no nginx here";
+  if (!server) TOVREL_SKIP_OR_FAIL(RemoteServer::WhyNone());
   const EffectRemoteStore::Settings settings = SettingsFor(server->Url() + dir_.Path().filename().string() + "/ro");
   const auto bytes = Bytes(7);
   {
@@ -316,7 +318,7 @@ TEST_F(EffectRemoteStoreServerTest, EveryKindOfBadAnswerIsAMiss) {
   const std::string name = "team/asked_for.fxo";
   const std::vector<unsigned char> otherBytes = Bytes(2);
   auto server = RemoteServer::StartFaults(dir_.Path() / "faults");
-  if (!server) GTEST_SKIP() << "no fault server here";
+  if (!server) TOVREL_SKIP_OR_FAIL(RemoteServer::WhyNone());
   // Another name's valid object, for /object/ to answer with.
   const std::vector<std::uint8_t> other = ObjectOf("team/another.fxo", otherBytes);
   ASSERT_EQ(RemoteServer::Put(server->Url() + "ok/x", other), 201);
@@ -381,8 +383,15 @@ TOVREL_CHILD_ROLE(remote_servers) {
   if (argc != 1) return 2;
   const fs::path folder = fs::u8path(argv[0]);
   auto nginx = RemoteServer::StartNginx(folder / "nginx");
+  if (!nginx) {
+    std::cerr << RemoteServer::WhyNone() << "\n";
+    return 3;
+  }
   auto faults = RemoteServer::StartFaults(folder / "faults");
-  if (!nginx || !faults) return 3;
+  if (!faults) {
+    std::cerr << RemoteServer::WhyNone() << "\n";
+    return 3;
+  }
   std::ofstream(folder / "urls.part") << nginx->Url() << " " << faults->Url() << "\n";
   fs::rename(folder / "urls.part", folder / "urls");
   while (!fs::exists(folder / "stop")) std::this_thread::sleep_for(std::chrono::milliseconds(100));

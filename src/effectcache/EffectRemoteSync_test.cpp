@@ -12,6 +12,7 @@
 #include "support/EffectTesting.h"
 #include "support/RemoteServer.h"
 #include "support/TempDir.h"
+#include "support/TestRun.h"
 
 namespace Tovrel {
 namespace {
@@ -61,7 +62,7 @@ class EffectRemoteSyncTest : public ::testing::Test {
 
 TEST_F(EffectRemoteSyncTest, APushedFolderIsPulledIntoAnotherByteForByte) {
   auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
-  if (!server) GTEST_SKIP() << "no nginx here";
+  if (!server) TOVREL_SKIP_OR_FAIL(RemoteServer::WhyNone());
   const EffectRemoteStore::Settings store = StoreAt(server->Url() + dir_.Path().filename().string() + "/team");
   std::uint64_t reported = 0;
   const auto pushed = EffectRemoteSync::Push(WStr(source_.wstring().c_str()), store,
@@ -96,7 +97,7 @@ TEST_F(EffectRemoteSyncTest, APushedFolderIsPulledIntoAnotherByteForByte) {
 
 TEST_F(EffectRemoteSyncTest, PullingEverythingTakesEachObjectTheListingsName) {
   auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
-  if (!server) GTEST_SKIP() << "no nginx here";
+  if (!server) TOVREL_SKIP_OR_FAIL(RemoteServer::WhyNone());
   const EffectRemoteStore::Settings store = StoreAt(server->Url() + dir_.Path().filename().string() + "/all");
   ASSERT_EQ(EffectRemoteSync::Push(WStr(source_.wstring().c_str()), store, nullptr).moved,
             static_cast<std::uint64_t>(kEffects));
@@ -130,7 +131,7 @@ TEST_F(EffectRemoteSyncTest, PullingEverythingTakesEachObjectTheListingsName) {
 
 TEST_F(EffectRemoteSyncTest, AStoreWithoutListingsIsSaidToHaveNone) {
   auto server = RemoteServer::StartFaults(dir_.Path() / "faults");
-  if (!server) GTEST_SKIP() << "no fault server here";
+  if (!server) TOVREL_SKIP_OR_FAIL(RemoteServer::WhyNone());
   const auto pulled = EffectRemoteSync::PullAll(WStr(destination_.wstring().c_str()), StoreAt(server->Url() + "nothing"),
                                                 nullptr);
   EXPECT_TRUE(pulled.noListing);

@@ -80,6 +80,54 @@ TEST(EffectTableTest, OldestFirstOrdersByLastUseAndCanLeaveOutPermanentEntries) 
   EXPECT_EQ(table.OldestFirst(true), (std::vector<std::size_t>{3, 0, 2}));
 }
 
+// A record last used at `when`, permanent or not.
+EffectRecord UsedAt(const CacheTimeStamp& when, std::uint32_t permanent = 0) {
+  EffectRecord record = RecordOf(1);
+  record.lastUsed = when;
+  record.permanent = permanent;
+  return record;
+}
+
+// The names OldestFirst lists, in its order.
+std::vector<std::string> OldestNamesFirst(const EffectTable& table, bool unpinnedOnly) {
+  std::vector<std::string> names;
+  for (std::size_t i : table.OldestFirst(unpinnedOnly)) names.push_back(table.At(i).name);
+  return names;
+}
+
+TEST(EffectTableTest, OldestFirstComparesEveryFieldOfTheStampFromTheYearDownToTheMillisecond) {
+  EffectTable table;
+  // Each later than "b" by one unit of one field only; "c" earlier in every
+  // field but the year.
+  table.AddLoaded("a", UsedAt({2026, 1, 1, 0, 0, 0, 1}));
+  table.AddLoaded("b", UsedAt({2026, 1, 1, 0, 0, 0, 0}));
+  table.AddLoaded("c", UsedAt({2025, 12, 31, 23, 59, 59, 999}));
+  table.AddLoaded("e", UsedAt({2026, 1, 1, 0, 0, 1, 0}));
+  table.AddLoaded("f", UsedAt({2026, 1, 1, 0, 1, 0, 0}));
+  table.AddLoaded("g", UsedAt({2026, 1, 1, 1, 0, 0, 0}));
+  table.AddLoaded("h", UsedAt({2026, 1, 2, 0, 0, 0, 0}));
+  table.AddLoaded("i", UsedAt({2026, 2, 1, 0, 0, 0, 0}));
+  table.AddLoaded("j", UsedAt({2027, 1, 1, 0, 0, 0, 0}));
+  EXPECT_EQ(OldestNamesFirst(table, false), (std::vector<std::string>{"c", "b", "a", "e", "f", "g", "h", "i", "j"}));
+}
+
+TEST(EffectTableTest, OldestFirstKeepsNameOrderAmongEqualTimesAndLeavesPermanentEntriesOutWhereverTheyFall) {
+  EffectTable table;
+  const CacheTimeStamp same{2026, 3, 4, 5, 6, 7, 8};
+  const CacheTimeStamp older{2026, 3, 4, 5, 6, 7, 7};
+  // Added out of name order; name order puts the shorter name first.
+  table.AddLoaded("zz", UsedAt(same));
+  table.AddLoaded("b", UsedAt(same, 1));
+  table.AddLoaded("y", UsedAt(same));
+  table.AddLoaded("aaa", UsedAt(same));
+  table.AddLoaded("x", UsedAt(older, 1));
+  table.AddLoaded("c", UsedAt(same));
+  table.AddLoaded("w", UsedAt(older));
+  ASSERT_EQ(NamesOf(table), (std::vector<std::string>{"b", "c", "w", "x", "y", "zz", "aaa"}));
+  EXPECT_EQ(OldestNamesFirst(table, false), (std::vector<std::string>{"w", "x", "b", "c", "y", "zz", "aaa"}));
+  EXPECT_EQ(OldestNamesFirst(table, true), (std::vector<std::string>{"w", "c", "y", "zz", "aaa"}));
+}
+
 TEST(EffectTableTest, MarkedEntriesAndSingleNamesAreErased) {
   EffectTable table;
   for (const char* name : {"a", "b", "c", "d", "e"}) table.AddLoaded(name, RecordOf(1));

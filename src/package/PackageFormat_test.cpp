@@ -221,5 +221,79 @@ TEST_F(PackageFormatTest, ATruncatedDirectoryDoesNotOpen) {
   EXPECT_FALSE(Open());
 }
 
+// Tail records patched in a saved file. Stream long_ (8192 + 100 bytes)
+// has the child file's first 100 bytes as its tail, stream short_ (50
+// bytes) the 50 right behind them: the child file's used bytes are 150.
+class TailRecordTest : public PackageFormatTest {
+ protected:
+  void SetUp() override {
+    RefPtr<IDataStreamSet> package = Create();
+    long_ = PackageTesting::CreateFilled(package, 8192 + 100, 1);
+    short_ = PackageTesting::CreateFilled(package, 50, 2);
+  }
+  // Gives short_'s tail record this offset and size, in the file.
+  void PatchShortTail(std::uint64_t offset, std::uint64_t size) {
+    auto file = TempDir::ReadAll(path_);
+    const auto payload = HeadPayload(file);
+    ASSERT_LE(payload.size(), kPageSize - 32) << "the head chain is one page";
+    std::uint64_t at = 8 + 8 * At(payload, 0);  // past the allocation table
+    at += 8 + 32 * At(payload, at);              // past the stream table
+    const std::uint64_t children = At(payload, at);
+    at += 8;
+    for (std::uint64_t c = 0; c < children; ++c) at += 88 + 8 * At(payload, at + 80);
+    const std::uint64_t tails = At(payload, at);
+    for (std::uint64_t record = at + 8; record < at + 8 + 40 * tails; record += 40) {
+      if (At(payload, record) != short_) continue;
+      LittleEndian::Store64(file.data() + 32 + record + 24, offset);
+      LittleEndian::Store64(file.data() + 32 + record + 32, size);
+      TempDir::WriteAll(path_, file);
+      return;
+    }
+    FAIL() << "no tail record of stream " << short_;
+  }
+  // The package opens, long_ reads exactly, and short_ reads exactly or,
+  // when `readable` is false, cannot be opened.
+  void ExpectOpensWithShortStream(bool readable) {
+    RefPtr<IDataStreamSet> package = Open();
+    ASSERT_TRUE(package);
+    EXPECT_EQ(PackageTesting::ReadAll(package->OpenStream(long_)), PackageTesting::Bytes(8192 + 100, 1));
+    if (readable) {
+      EXPECT_EQ(PackageTesting::ReadAll(package->OpenStream(short_)), PackageTesting::Bytes(50, 2));
+    } else {
+      EXPECT_THROW(package->OpenStream(short_), FileDataCorruptException);
+    }
+  }
+
+  std::uint64_t long_ = 0;
+  std::uint64_t short_ = 0;
+};
+
+TEST_F(TailRecordTest, ATailEndingAtTheUsedBytesEndReads) {
+  PatchShortTail(100, 50);  // as saved: the last tail ends where the used bytes do
+  ExpectOpensWithShortStream(true);
+}
+
+TEST_F(TailRecordTest, ATailThatStartsAtOrPastTheUsedBytesEndCannotBeOpened) {
+  for (std::uint64_t offset : {std::uint64_t{150}, std::uint64_t{8192}, kChildFileSize - 1}) {
+    SCOPED_TRACE(offset);
+    PatchShortTail(offset, 1);
+    ExpectOpensWithShortStream(false);
+  }
+}
+
+TEST_F(TailRecordTest, ATailThatRunsPastTheUsedBytesEndCannotBeOpened) {
+  PatchShortTail(100, 51);
+  ExpectOpensWithShortStream(false);
+  PatchShortTail(149, 2);
+  ExpectOpensWithShortStream(false);
+}
+
+TEST_F(TailRecordTest, ATailOffsetPastTheChildFileFailsTheLoad) {
+  PatchShortTail(kChildFileSize, 1);
+  EXPECT_FALSE(Open());
+  PatchShortTail(~std::uint64_t{0} - 10, 50);  // offset + size wraps around
+  EXPECT_FALSE(Open());
+}
+
 }  // namespace
 }  // namespace Tovrel

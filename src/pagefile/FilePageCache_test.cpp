@@ -143,6 +143,73 @@ TEST_F(FilePageCacheTest, APageOnlyReadIsDroppedOnEvictionWithoutAWrite) {
   EXPECT_EQ(TempDir::ReadAll(path), bytes);
 }
 
+// Reads pages 10 and 11 of a three-page file into a cache and changes the
+// image of page 10 behind the cache's back, as a stale image differs from
+// a newer save of another process; page 11 stays pinned.
+class PagesOnlyReadTest : public FilePageCacheTest {
+ protected:
+  void SetUp() override {
+    path_ = FileWith(bytes_);
+    cache_.reset(new FilePageCache(path_.c_str(), 4));
+    {
+      PageRef page(cache_.get());
+      std::uint8_t* data = page.AcquireForRead(10);
+      ASSERT_NE(data, nullptr);
+      data[100] ^= 0x5A;
+    }
+    pinned_.reset(new PageRef(cache_.get()));
+    ASSERT_NE(pinned_->AcquireForRead(11), nullptr);
+    FileFaults::StartCounting();
+  }
+  // Nothing was written, and the file is as it was.
+  void ExpectNothingWritten() {
+    EXPECT_EQ(FileFaults::Calls(FileCall::kWrite), 0u);
+    EXPECT_EQ(FileFaults::Calls(FileCall::kTruncate), 0u);
+    FileFaults::Reset();
+    pinned_->Release();
+    cache_->Close();
+    EXPECT_EQ(TempDir::ReadAll(path_), bytes_);
+  }
+
+  const std::vector<std::uint8_t> bytes_ = Pattern(3, 4);
+  std::wstring path_;
+  std::unique_ptr<FilePageCache> cache_;
+  std::unique_ptr<PageRef> pinned_;  // page 11, held
+};
+
+TEST_F(PagesOnlyReadTest, AreNotWrittenAtClose) {
+  cache_->Close();
+  ExpectNothingWritten();
+}
+
+TEST_F(PagesOnlyReadTest, AreNotWrittenAtCommit) {
+  cache_->Commit();
+  EXPECT_TRUE(cache_->IsCached(10));
+  ExpectNothingWritten();
+}
+
+TEST_F(PagesOnlyReadTest, AreNotWrittenAtDiscardAll) {
+  cache_->DiscardAll();
+  EXPECT_FALSE(cache_->IsCached(10));
+  ExpectNothingWritten();
+}
+
+TEST_F(PagesOnlyReadTest, AreNotWrittenByACommitThatWritesAnotherPage) {
+  {
+    PageRef page(cache_.get());
+    page.AcquireForWrite(12)[7] = 0x42;
+  }
+  cache_->Commit();
+  FileFaults::Reset();
+  // The file has page 12's change and page 10 as it was.
+  EXPECT_EQ(TempDir::ReadAll(path_)[100], bytes_[100]);
+  pinned_->Release();
+  cache_->Close();
+  std::vector<std::uint8_t> expected = bytes_;
+  expected[2 * kPageSize + 7] = 0x42;
+  EXPECT_EQ(TempDir::ReadAll(path_), expected);
+}
+
 TEST_F(FilePageCacheTest, APageObtainedForWritingIsWrittenBackOnEviction) {
   // Page 11 was free in the saved state: its old image needs no keeping,
   // and nothing makes its write wait.

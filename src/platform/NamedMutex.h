@@ -11,6 +11,9 @@
 // lock per name, from a process-wide registry, plus an flock on a lock file
 // named after the mutex in /dev/shm (or /tmp).
 //
+// While a test counts them (MutexWaits), every wait is counted, under the
+// mutex's name, for as long as it lasts.
+//
 // A name must not contain path separators. Owned by its creator; destroying
 // it while a thread owns it gives the lock up (Windows: abandons it).
 // Thread-safety: Wait and Release may be called from any thread; the object

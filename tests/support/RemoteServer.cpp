@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "platform/HttpClient.h"
+#include "platform/SystemError.h"
 
 namespace Tovrel {
 namespace Testing {
@@ -16,6 +17,20 @@ namespace {
 
 constexpr const char* kNginx = "/usr/sbin/nginx";
 constexpr const char* kPython = "/usr/bin/python3";
+
+// Why the last start of a server gave none.
+std::string& Why() {
+  static std::string why;
+  return why;
+}
+
+// The first line of what a server wrote to `file` (its messages), if any.
+std::string FirstLineOf(const std::string& file) {
+  std::ifstream in(fs::u8path(file));
+  std::string line;
+  std::getline(in, line);
+  return line.empty() ? std::string() : ": \"" + line + "\"";
+}
 
 std::string UrlFromEnvironment(const char* variable) {
   const char* url = std::getenv(variable);
@@ -64,34 +79,47 @@ int RemoteServer::Put(const std::string& url, const std::vector<std::uint8_t>& b
   return HttpClient::Put(url, bytes.data(), bytes.size(), limits).status;
 }
 
+const std::string& RemoteServer::WhyNone() { return Why(); }
+
 std::unique_ptr<RemoteServer> RemoteServer::StartNginx(const fs::path& folder) {
   if (auto given = Given("TOVREL_TEST_NGINX_URL")) return given;
-  if (!fs::exists(kNginx)) return nullptr;
-  fs::create_directories(folder / "store");
-  for (int attempt = 0; attempt < 8; ++attempt) {
-    const std::uint16_t port = PickPort(attempt);
-    std::ofstream(folder / "nginx.conf") << NginxConfig(folder, port);
-    auto server = Start({kNginx, "-p", folder.string(), "-c", (folder / "nginx.conf").string()},
-                        (folder / "nginx.out").string(), port);
-    if (server) {
-      server->store_ = folder / "store";
-      return server;
-    }
+  if (!fs::exists(kNginx)) {
+    Why() = std::string("no nginx here (no ") + kNginx + ", and TOVREL_TEST_NGINX_URL names no server)";
+    return nullptr;
   }
-  return nullptr;
+  fs::create_directories(folder / "store");
+  const auto command = [&folder](std::uint16_t port) {
+    std::ofstream(folder / "nginx.conf") << NginxConfig(folder, port);
+    return std::vector<std::string>{kNginx, "-p", folder.string(), "-c", (folder / "nginx.conf").string()};
+  };
+  auto server = StartOnAnyPort("nginx", command, (folder / "nginx.out").string());
+  if (server) server->store_ = folder / "store";
+  return server;
 }
 
 std::unique_ptr<RemoteServer> RemoteServer::StartFaults(const fs::path& folder) {
   if (auto given = Given("TOVREL_TEST_FAULT_URL")) return given;
-  if (!fs::exists(kPython)) return nullptr;
+  if (!fs::exists(kPython)) {
+    Why() = std::string("no fault server here (no ") + kPython + ", and TOVREL_TEST_FAULT_URL names no server)";
+    return nullptr;
+  }
   fs::create_directories(folder);
   const std::string script = std::string(TOVREL_TESTS_DIR) + "/remote/fault_server.py";
-  for (int attempt = 0; attempt < 8; ++attempt) {
+  const auto command = [&script](std::uint16_t port) {
+    return std::vector<std::string>{kPython, script, std::to_string(port)};
+  };
+  return StartOnAnyPort("the fault server", command, (folder / "faults.out").string());
+}
+
+std::unique_ptr<RemoteServer> RemoteServer::StartOnAnyPort(const std::string& what, const CommandFor& command,
+                                                           const std::string& output) {
+  constexpr int kPorts = 8;
+  for (int attempt = 0; attempt < kPorts; ++attempt) {
     const std::uint16_t port = PickPort(attempt);
-    auto server = Start({kPython, script, std::to_string(port)},
-                        (folder / "faults.out").string(), port);
+    auto server = Start(command(port), output, port);
     if (server) return server;
   }
+  Why() = what + " did not start on any of " + std::to_string(kPorts) + " ports; on the last, " + Why();
   return nullptr;
 }
 
@@ -101,9 +129,15 @@ std::unique_ptr<RemoteServer> RemoteServer::Start(const std::vector<std::string>
   server->process_.reset(new PlatformProcess);
   server->process_->RedirectOutput(output, output + ".err");
   const std::vector<std::string> arguments(command.begin() + 1, command.end());
-  if (!server->process_->Start(command[0], arguments)) return nullptr;
+  if (!server->process_->Start(command[0], arguments)) {
+    Why() = command[0] + " could not be started (system error " + std::to_string(SystemError::Last()) + ")";
+    return nullptr;
+  }
   server->url_ = "http://127.0.0.1:" + std::to_string(port) + "/";
-  if (!server->WaitUntilAnswering()) return nullptr;
+  if (!server->WaitUntilAnswering()) {
+    Why() += FirstLineOf(output + ".err");
+    return nullptr;
+  }
   return server;
 }
 
@@ -114,10 +148,14 @@ bool RemoteServer::WaitUntilAnswering() {
   limits.maxBodyBytes = 1 << 20;
   for (int i = 0; i < 100; ++i) {
     int exitCode = 0;
-    if (process_->Wait(0, &exitCode)) return false;  // it ended: the port was taken, say
+    if (process_->Wait(0, &exitCode)) {  // it ended: the port was taken, say
+      Why() = "it ended with status " + std::to_string(exitCode);
+      return false;
+    }
     if (HttpClient::Get(url_ + "probe-of-a-name-never-stored", limits).answered) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
+  Why() = "it did not answer at " + url_ + " within 5 s";
   return false;
 }
 

@@ -6,7 +6,9 @@
 // A test process that cannot start Linux programs (the Windows tests under
 // wine) uses servers that its runner started instead, named by the
 // environment variables TOVREL_TEST_NGINX_URL and TOVREL_TEST_FAULT_URL.
-// Null when no server can be had: the test is then skipped.
+// Null when no server can be had, and WhyNone() tells why: the test then
+// ends through TOVREL_SKIP_OR_FAIL (support/TestRun.h), which fails it in
+// the project's own test runs.
 //
 // Owned by the test that starts it. Thread-safety: one thread.
 #ifndef TOVREL_TESTS_REMOTESERVER_H
@@ -14,6 +16,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -39,6 +42,8 @@ class RemoteServer {
   const std::filesystem::path& Store() const { return store_; }
   // Ends the server (the port then refuses connections).
   void Stop();
+  // Why the last StartNginx or StartFaults of this process gave null.
+  static const std::string& WhyNone();
   // A URL on which nothing listens.
   static std::string DeadUrl();
   // PUTs `bytes` to `url` with bounds for a loaded machine; the status (0
@@ -49,9 +54,17 @@ class RemoteServer {
   RemoteServer() = default;
   // The server the test's runner started, named by `variable`; null without one.
   static std::unique_ptr<RemoteServer> Given(const char* variable);
+  // The command that starts a server on a port.
+  using CommandFor = std::function<std::vector<std::string>(std::uint16_t port)>;
+  // Starts the server `what` on one port after another (8 at most); null,
+  // with the reason kept for WhyNone, when it answers on none.
+  static std::unique_ptr<RemoteServer> StartOnAnyPort(const std::string& what, const CommandFor& command,
+                                                      const std::string& output);
   static std::unique_ptr<RemoteServer> Start(const std::vector<std::string>& command, const std::string& output,
                                              std::uint16_t port);
   static std::uint16_t PickPort(int attempt);
+  // True once the server answers; false, with the reason kept for
+  // WhyNone, when it ends first or does not answer within 5 s.
   bool WaitUntilAnswering();
 
   std::unique_ptr<PlatformProcess> process_;

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <regex>
 #include <fstream>
@@ -17,6 +16,7 @@
 #include "effectcache/EffectCacheImpl.h"
 #include "host/AutoMutex.h"
 #include "host/MutexObject.h"
+#include "platform/MutexWaits.h"
 #include "platform/WideText.h"
 #include "support/ChildLauncher.h"
 #include "support/EffectTesting.h"
@@ -366,24 +366,40 @@ TEST_F(EffectCommandsTest, ACacheFileThatIsNoPackageIsUnreadable) {
 }
 
 TEST_F(EffectCommandsTest, ReadingWaitsForTheCachesNamedMutex) {
+  // The reader's wait is looked for in short turns, so that a reader that
+  // never waits is seen to finish; all of them last as long as a child
+  // process may take.
+  constexpr std::uint32_t kLookMilliseconds = 10;
+  constexpr std::uint32_t kLooks = Testing::ChildLauncher::kBoundMilliseconds / kLookMilliseconds;
   const WStr path = EffectCacheImpl::CacheFilePathFor(WStr(WideText::FromUtf8(ToolTesting::Utf8(folder_))));
-  NorvaneSDK::Util::MutexObject mutex(EffectCacheImpl::FileMutexName(path.data()).c_str());
+  const std::wstring name = EffectCacheImpl::FileMutexName(path.data());
+  NorvaneSDK::Util::MutexObject mutex(name.c_str());
   std::atomic<bool> done{false};
   ToolTesting::Result result{};
   std::thread reader;
   {
     NorvaneSDK::Util::AutoMutex hold(mutex);
     ASSERT_TRUE(hold.IsOwner());
+    MutexWaits::StartCounting();
     reader = std::thread([&]() {
       result = Run("list");
       done = true;
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    // The reader reports its wait for the mutex this thread holds (or it
+    // finishes without ever waiting for it); until this thread lets go, it
+    // must not have read anything.
+    bool waiting = false;
+    for (std::uint32_t look = 0; look < kLooks && !waiting && !done; ++look) {
+      waiting = MutexWaits::AwaitWaiter(WideText::ToUtf8(name), kLookMilliseconds);
+    }
+    EXPECT_TRUE(waiting) << "the reader never waited for the cache's mutex";
     EXPECT_FALSE(done.load());
   }
   reader.join();
+  MutexWaits::Reset();
   EXPECT_TRUE(done.load());
   EXPECT_EQ(result.status, ExitStatus::kOk);
+  EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 7) << result.out;
 }
 
 TEST_F(EffectCommandsTest, HelpAtEveryLevel) {

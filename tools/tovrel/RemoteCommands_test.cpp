@@ -12,6 +12,7 @@
 #include "support/EffectTesting.h"
 #include "support/RemoteServer.h"
 #include "support/TempDir.h"
+#include "support/TestRun.h"
 #include "tool/ToolTesting.h"
 
 namespace Tovrel {
@@ -28,7 +29,7 @@ class RemoteCommandsTest : public testing::Test {
  protected:
   void SetUp() override {
     server_ = RemoteServer::StartNginx(dir_.Path() / "nginx");
-    if (!server_) GTEST_SKIP() << "no nginx here";
+    if (!server_) TOVREL_SKIP_OR_FAIL(RemoteServer::WhyNone());
     // A prefix of this test's own: a server the runner started outlives it.
     store_ = server_->Url() + ToolTesting::Utf8(dir_.Path().filename()) + "|timeout-ms=5000|connect-ms=1000";
   }

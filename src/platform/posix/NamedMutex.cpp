@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 
+#include "platform/MutexWaits.h"
 #include "platform/WideText.h"
 #include "platform/posix/LockFile.h"
 
@@ -142,6 +143,25 @@ WaitResult LockAcrossProcesses(LockFile& file, bool forever, Clock::time_point d
   }
 }
 
+// A wait for the mutex: among this process's threads first, then across
+// processes.
+WaitResult WaitOn(Entry& entry, std::uint32_t timeoutMilliseconds) {
+  const bool forever = timeoutMilliseconds == NamedMutex::kInfinite;
+  const Clock::time_point deadline =
+      Clock::now() + std::chrono::milliseconds(forever ? 0 : timeoutMilliseconds);
+  const Claim claim = ClaimInProcess(entry, forever, deadline);
+  if (claim == Claim::kReentered) return WaitResult::kAcquired;
+  if (claim == Claim::kTimedOut) return WaitResult::kTimedOut;
+  const WaitResult result = LockAcrossProcesses(entry.file, forever, deadline);
+  if (result != WaitResult::kAcquired) {
+    UnclaimInProcess(entry);
+    return result;
+  }
+  std::lock_guard<std::mutex> hold(entry.guard);
+  entry.depth = 1;
+  return result;
+}
+
 }  // namespace
 
 struct NamedMutex::Native {
@@ -174,20 +194,13 @@ NamedMutex::WaitResult NamedMutex::Wait(std::uint32_t timeoutMilliseconds) {
     errno = EBADF;
     return WaitResult::kFailed;
   }
-  Entry& entry = *native_->entry;
-  const bool forever = timeoutMilliseconds == kInfinite;
-  const Clock::time_point deadline =
-      Clock::now() + std::chrono::milliseconds(forever ? 0 : timeoutMilliseconds);
-  const Claim claim = ClaimInProcess(entry, forever, deadline);
-  if (claim == Claim::kReentered) return WaitResult::kAcquired;
-  if (claim == Claim::kTimedOut) return WaitResult::kTimedOut;
-  const WaitResult result = LockAcrossProcesses(entry.file, forever, deadline);
-  if (result != WaitResult::kAcquired) {
-    UnclaimInProcess(entry);
-    return result;
+  const bool counted = MutexWaits::Enter(native_->name);
+  const WaitResult result = WaitOn(*native_->entry, timeoutMilliseconds);
+  if (counted) {
+    const int error = errno;
+    MutexWaits::Leave(native_->name);
+    errno = error;
   }
-  std::lock_guard<std::mutex> hold(entry.guard);
-  entry.depth = 1;
   return result;
 }
 

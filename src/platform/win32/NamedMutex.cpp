@@ -2,10 +2,33 @@
 
 #include <windows.h>
 
+#include <string>
+
+#include "platform/MutexWaits.h"
+#include "platform/WideText.h"
+
 namespace Tovrel {
 
+namespace {
+
+NamedMutex::WaitResult WaitOn(HANDLE handle, std::uint32_t timeoutMilliseconds) {
+  switch (WaitForSingleObject(handle, timeoutMilliseconds)) {
+    case WAIT_OBJECT_0:
+      return NamedMutex::WaitResult::kAcquired;
+    case WAIT_ABANDONED:
+      return NamedMutex::WaitResult::kAbandoned;
+    case WAIT_TIMEOUT:
+      return NamedMutex::WaitResult::kTimedOut;
+    default:
+      return NamedMutex::WaitResult::kFailed;
+  }
+}
+
+}  // namespace
+
 struct NamedMutex::Native {
-  HANDLE handle;  // the kernel mutex
+  HANDLE handle;     // the kernel mutex
+  std::string name;  // UTF-8, as MutexWaits counts it
 };
 
 NamedMutex::NamedMutex(const wchar_t* name) : native_(nullptr), openError_(0) {
@@ -13,7 +36,7 @@ NamedMutex::NamedMutex(const wchar_t* name) : native_(nullptr), openError_(0) {
     openError_ = ERROR_INVALID_NAME;
     return;
   }
-  Native* native = new Native{nullptr};
+  Native* native = new Native{nullptr, WideText::ToUtf8(name)};
   native->handle = CreateMutexW(nullptr, FALSE, name);
   if (native->handle == nullptr) {
     openError_ = static_cast<std::uint32_t>(GetLastError());
@@ -34,16 +57,14 @@ NamedMutex::WaitResult NamedMutex::Wait(std::uint32_t timeoutMilliseconds) {
     SetLastError(ERROR_INVALID_HANDLE);
     return WaitResult::kFailed;
   }
-  switch (WaitForSingleObject(native_->handle, timeoutMilliseconds)) {
-    case WAIT_OBJECT_0:
-      return WaitResult::kAcquired;
-    case WAIT_ABANDONED:
-      return WaitResult::kAbandoned;
-    case WAIT_TIMEOUT:
-      return WaitResult::kTimedOut;
-    default:
-      return WaitResult::kFailed;
+  const bool counted = MutexWaits::Enter(native_->name);
+  const WaitResult result = WaitOn(native_->handle, timeoutMilliseconds);
+  if (counted) {
+    const DWORD error = GetLastError();
+    MutexWaits::Leave(native_->name);
+    SetLastError(error);
   }
+  return result;
 }
 
 bool NamedMutex::Release() {

@@ -1,0 +1,44 @@
+// UnprivilegedUser: an account without privileges, for a test that must see
+// the system's permissions stop a process while the test program runs as
+// root (as CI runs it). The test gives a folder to the account, and a child
+// process of the test program takes the account on before it works there.
+//
+// The account is "nobody", which every Debian system has. POSIX only: on
+// Windows, Find finds none and Become fails. Plain value; the statics are
+// safe from any thread.
+#ifndef TOVREL_TESTS_UNPRIVILEGEDUSER_H
+#define TOVREL_TESTS_UNPRIVILEGEDUSER_H
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace Tovrel {
+namespace Testing {
+
+class UnprivilegedUser {
+ public:
+  // True when this process runs as root, whom file permissions do not stop.
+  static bool ThisProcessIsPrivileged();
+  // The account; false, with the reason in *why, when there is none.
+  static bool Find(UnprivilegedUser* user, std::string* why);
+
+  // Makes the account the owner of `folder`; false, with *why, when it cannot.
+  bool Own(const std::filesystem::path& folder, std::string* why) const;
+  // Makes this process the account, its groups dropped, for good; false,
+  // with *why, when that cannot be done or root remains.
+  bool Become(std::string* why) const;
+
+  // The account as words for a child's command line, and back.
+  std::vector<std::string> ToWords() const;
+  static UnprivilegedUser FromWords(const char* userId, const char* groupId);
+
+  std::uint32_t userId = 0;
+  std::uint32_t groupId = 0;
+};
+
+}  // namespace Testing
+}  // namespace Tovrel
+
+#endif
