@@ -1,12 +1,19 @@
-// NativeFile: the system's own C-runtime file calls on wide paths.
+// NativeFile: the system's own file calls on wide paths.
+//
+// Two kinds of file: handles for positional reads and writes on the native
+// handle (POSIX open + pread/pwrite; Windows CreateFileW + ReadFile/WriteFile
+// at an OVERLAPPED offset), which the package file and its journal use with
+// no buffer in between; and C-runtime stdio streams for other files (the
+// profiling log, lists).
 //
 // One implementation per system (posix/, win32/). Only the native file
-// system (NativeFileSystem, StdioFileHandle) calls it; everything else goes
-// through PlatformFile. Results and errno as the C runtime's.
-// Stateless; thread-safety as the C runtime's stdio.
+// system (NativeFileSystem and its handles) calls it; everything else goes
+// through PlatformFile. Failures set errno (Windows errors are translated).
+// Stateless; a handle or stream is used by one thread at a time.
 #ifndef TOVREL_PLATFORM_NATIVEFILE_H
 #define TOVREL_PLATFORM_NATIVEFILE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -14,13 +21,40 @@ namespace Tovrel {
 
 class NativeFile {
  public:
+  // A file open for positional calls: a descriptor on POSIX, a HANDLE on
+  // Windows.
+  using Handle = std::intptr_t;
+  static constexpr Handle kNoHandle = -1;
+
+  // Opens for positional calls with a C-runtime mode's meaning: "rb" an
+  // existing file for reading, "r+b" an existing file for update, "w+b"
+  // creates the file or empties an existing one. kNoHandle with errno set
+  // on failure (EINVAL for another mode).
+  static Handle OpenHandle(const wchar_t* path, const char* mode);
+  // OpenHandle with the file's exclusive lock, taken without waiting: an
+  // flock on POSIX (checked to lie on the file still linked at the path), a
+  // share mode that denies other writers on Windows. "w+b" empties the file
+  // only once the lock is held. kNoHandle with *busy set while another
+  // holds it.
+  static Handle OpenHandleLocked(const wchar_t* path, const char* mode, bool* busy);
+  // Reads up to `bytes` at `offset`: the bytes read (fewer only where the
+  // file ends), or -1 with errno set.
+  static std::int64_t ReadAt(Handle file, void* buffer, std::size_t bytes, std::uint64_t offset);
+  // Writes `bytes` at `offset`, all of them: the bytes written (all), or -1
+  // with errno set (some may have been written).
+  static std::int64_t WriteAt(Handle file, const void* buffer, std::size_t bytes, std::uint64_t offset);
+  // The file's length, or -1 with errno set.
+  static std::int64_t Length(Handle file);
+  // Waits until the file's bytes and length are on stable storage
+  // (fdatasync; FlushFileBuffers). 0, or -1 with errno set.
+  static int SyncHandle(Handle file);
+  // Sets the file's length (zeros when it grows). 0, or -1 with errno set.
+  static int TruncateHandle(Handle file, std::uint64_t length);
+  // Closes the handle. 0, or -1 with errno set (closed all the same).
+  static int CloseHandle(Handle file);
+
   // _wfopen on Windows; fopen of the UTF-8 path elsewhere.
   static std::FILE* Open(const wchar_t* path, const char* mode);
-  // Opens with the file's exclusive lock, taken without waiting: an flock
-  // on POSIX (checked to lie on the file still linked at the path), a
-  // share mode that denies other writers on Windows. "w+b" empties the file
-  // only once the lock is held. Null with *busy set while another holds it.
-  static std::FILE* OpenLocked(const wchar_t* path, const char* mode, bool* busy);
   // 64-bit seek (_fseeki64 / fseeko); 0 on success, non-zero with errno set.
   static int Seek(std::FILE* file, std::int64_t offset, int origin);
   // 64-bit tell (_ftelli64 / ftello); -1 with errno set on failure.

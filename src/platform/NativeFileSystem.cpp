@@ -1,26 +1,43 @@
 #include "platform/NativeFileSystem.h"
 
 #include <cerrno>
+#include <cstring>
 #include <new>
 
 #include "platform/DiskSpace.h"
 #include "platform/NativeFile.h"
 #include "platform/PlatformProcess.h"
+#include "platform/PositionalFileHandle.h"
 #include "platform/StdioFileHandle.h"
 
 namespace Tovrel {
 
 namespace {
 
-FileHandle* Wrap(std::FILE* file) {
-  if (file == nullptr) return nullptr;
+// A handle of type Made over an open file (none when it is `closed`); when
+// there is no memory for it, the file is closed with `close`.
+template <typename Made, typename File, typename Close>
+FileHandle* Wrap(File file, File closed, Close close) {
+  if (file == closed) return nullptr;
   try {
-    return new StdioFileHandle(file);
+    return new Made(file);
   } catch (const std::bad_alloc&) {
-    std::fclose(file);
+    close(file);
     errno = ENOMEM;
     return nullptr;
   }
+}
+
+FileHandle* Wrap(std::FILE* file) { return Wrap<StdioFileHandle>(file, static_cast<std::FILE*>(nullptr), std::fclose); }
+
+FileHandle* Wrap(NativeFile::Handle file) {
+  return Wrap<PositionalFileHandle>(file, NativeFile::kNoHandle, NativeFile::CloseHandle);
+}
+
+// The modes of the package file and its journal ("rb", "r+b", "w+b"), which
+// are read and written with positional calls; other files go through stdio.
+bool Positional(const char* mode) {
+  return std::strcmp(mode, "rb") == 0 || std::strcmp(mode, "r+b") == 0 || std::strcmp(mode, "w+b") == 0;
 }
 
 }  // namespace
@@ -31,11 +48,12 @@ NativeFileSystem& NativeFileSystem::Instance() {
 }
 
 FileHandle* NativeFileSystem::Open(const wchar_t* path, const char* mode) {
+  if (Positional(mode)) return Wrap(NativeFile::OpenHandle(path, mode));
   return Wrap(NativeFile::Open(path, mode));
 }
 
 FileHandle* NativeFileSystem::OpenLocked(const wchar_t* path, const char* mode, bool* busy) {
-  return Wrap(NativeFile::OpenLocked(path, mode, busy));
+  return Wrap(NativeFile::OpenHandleLocked(path, mode, busy));
 }
 
 int NativeFileSystem::Remove(const wchar_t* path) { return NativeFile::Remove(path); }

@@ -1,7 +1,9 @@
-// NativeFileSystem: the system's own file system, through the C runtime.
+// NativeFileSystem: the system's own file system.
 //
-// Files are StdioFileHandles; free space comes from the volume (statvfs,
-// GetDiskFreeSpaceExW). It cannot simulate a power cut: CutPower ends the
+// Files opened "rb", "r+b" or "w+b" (the package file and its journal),
+// and every file opened locked, are PositionalFileHandles; files of other
+// modes (appended logs, written lists) are StdioFileHandles. Free space
+// comes from the volume (statvfs, GetDiskFreeSpaceExW). It cannot simulate a power cut: CutPower ends the
 // process at once, which is what a crash test that asks for it wants.
 // One instance for the process (Instance()); stateless, so every operation
 // may be called from any thread.

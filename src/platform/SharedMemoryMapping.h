@@ -11,7 +11,8 @@
 // POSIX: shm_open under "/" + name (shortened by ObjectName's rule beyond
 // 255 bytes), with every holder keeping a shared flock on a companion lock
 // file; a Close that can then take the exclusive lock without waiting is the
-// last one and unlinks the block, and an Open that can take it finds a block
+// last one and unlinks the block (the companion file itself stays, as every
+// lock file does), and an Open that can take it finds a block
 // left by holders that died and discards it.
 //
 // Handles are owned by the caller and end with Close. Failures return null

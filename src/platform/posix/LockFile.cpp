@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -53,23 +52,6 @@ bool LockFile::Flock(int operation) {
     result = flock(fd_, operation);
   } while (result != 0 && errno == EINTR);
   return result == 0;
-}
-
-bool LockFile::IsLinked() const {
-  // These files are only ever created at their path and unlinked from it,
-  // never renamed or linked elsewhere: an open file that still has a link
-  // is the one at the path. Asking the open file costs no path lookup,
-  // which matters on every lock of a busy cache.
-  struct stat opened {};
-  return fd_ >= 0 && fstat(fd_, &opened) == 0 && opened.st_nlink > 0;
-}
-
-void LockFile::CloseAndRemoveIfUnused() {
-  if (fd_ < 0) return;
-  const int saved = errno;
-  if (Flock(LOCK_EX | LOCK_NB) && IsLinked()) unlink(path_.c_str());
-  errno = saved;
-  Close();
 }
 
 }  // namespace Tovrel

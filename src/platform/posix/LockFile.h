@@ -6,6 +6,12 @@
 // (in /tmp where /dev/shm is missing). A name that would not fit into a file
 // name is shortened by ObjectName's rule.
 //
+// A lock file is created once and never removed, by this process or any
+// other: whoever opens the path meets the one file every other user of the
+// name has open, so no wait has to check that the file it locked is still
+// the linked one. (Builds up to 0.2 removed unused lock files; processes of
+// those builds and of this one must not share a name.)
+//
 // Owns its descriptor, opened close-on-exec so that no child process ever
 // inherits a lock; closing drops any lock held through it. flock locks
 // belong to the open file, so two LockFiles of one path in one process
@@ -36,12 +42,6 @@ class LockFile {
   // flock(operation) on the open file, retried when a signal interrupts;
   // true on success, false with errno set (EWOULDBLOCK: LOCK_NB refused).
   bool Flock(int operation);
-  // True when the open file is still the one linked at Path(); a last user
-  // may have unlinked it, and a lock on an unlinked file guards nothing.
-  bool IsLinked() const;
-  // Removes the file if it is unused: takes the exclusive lock without
-  // waiting and, when it is still linked, unlinks it. Then closes.
-  void CloseAndRemoveIfUnused();
 
  private:
   std::string path_;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <unistd.h>
 
 #include <random>
 #include <string>
@@ -11,40 +12,44 @@ namespace {
 
 std::string UniqueName() { return "tovrel-lockfile-test-" + std::to_string(std::random_device{}()); }
 
-TEST(LockFileTest, AnOpenFileIsLinkedUntilItsLastUserRemovesIt) {
+bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+TEST(LockFileTest, AFileStaysAfterItsLastUserCloses) {
   const std::string name = UniqueName();
-  LockFile first(name, ".lock");
-  LockFile second(name, ".lock");
-  EXPECT_FALSE(first.IsLinked());  // not open yet
-  ASSERT_TRUE(first.Open());
-  ASSERT_TRUE(second.Open());
-  EXPECT_TRUE(first.IsLinked());
-  EXPECT_TRUE(second.IsLinked());
-  // Nobody holds a lock: the first closes and removes the file, and the
-  // second's open file is no longer the one at the path.
-  first.CloseAndRemoveIfUnused();
-  EXPECT_FALSE(second.IsLinked());
-  // A lock taken on it guards nothing; a fresh open makes a linked file.
-  EXPECT_TRUE(second.Flock(LOCK_EX | LOCK_NB));
-  EXPECT_FALSE(second.IsLinked());
-  LockFile third(name, ".lock");
-  ASSERT_TRUE(third.Open());
-  EXPECT_TRUE(third.IsLinked());
-  EXPECT_FALSE(second.IsLinked());
-  third.CloseAndRemoveIfUnused();
+  std::string path;
+  {
+    LockFile first(name, ".lock");
+    ASSERT_TRUE(first.Open());
+    ASSERT_TRUE(first.Flock(LOCK_EX));
+    path = first.Path();
+    EXPECT_TRUE(Exists(path));
+  }
+  EXPECT_TRUE(Exists(path));
+  unlink(path.c_str());
 }
 
-TEST(LockFileTest, AFileInUseIsNotRemoved) {
+TEST(LockFileTest, EveryOpenerOfANameLocksTheSameFileWhoeverClosedBefore) {
   const std::string name = UniqueName();
   LockFile holder(name, ".lock");
-  LockFile other(name, ".lock");
   ASSERT_TRUE(holder.Open());
-  ASSERT_TRUE(holder.Flock(LOCK_SH));
-  ASSERT_TRUE(other.Open());
-  other.CloseAndRemoveIfUnused();  // cannot take the exclusive lock: the file stays
-  EXPECT_TRUE(holder.IsLinked());
-  holder.Flock(LOCK_UN);
-  holder.CloseAndRemoveIfUnused();
+  {
+    // An earlier user of the name comes and goes without a lock held: the
+    // file it leaves is the one everybody still locks.
+    LockFile passing(name, ".lock");
+    ASSERT_TRUE(passing.Open());
+  }
+  ASSERT_TRUE(holder.Flock(LOCK_EX | LOCK_NB));
+  LockFile later(name, ".lock");
+  ASSERT_TRUE(later.Open());
+  EXPECT_FALSE(later.Flock(LOCK_EX | LOCK_NB));
+  EXPECT_EQ(errno, EWOULDBLOCK);
+  ASSERT_TRUE(holder.Flock(LOCK_UN));
+  EXPECT_TRUE(later.Flock(LOCK_EX | LOCK_NB));
+  const std::string path = holder.Path();
+  holder.Close();
+  later.Close();
+  EXPECT_TRUE(Exists(path));
+  unlink(path.c_str());
 }
 
 }  // namespace

@@ -33,7 +33,6 @@ constexpr auto kPollInterval = std::chrono::milliseconds(1);
 // threads of this process queue here rather than on the file.
 struct Entry {
   explicit Entry(const std::string& name) : file(name, ".mutex") {}
-  ~Entry() { file.CloseAndRemoveIfUnused(); }
 
   std::mutex guard;               // protects owner and depth
   std::condition_variable freed;  // notified when owner becomes empty
@@ -74,8 +73,8 @@ std::shared_ptr<Entry> OpenEntry(const std::string& name) {
   return entry;
 }
 
-// Drops one reference; the last one closes (and maybe removes) the lock file
-// while the registry is locked, so that no new opener of the name races it.
+// Drops one reference; the last one closes the lock file while the registry
+// is locked, so that a new opener of the name gets a fresh entry.
 void CloseEntry(std::shared_ptr<Entry>& entry, const std::string& name) {
   Registry& registry = TheRegistry();
   std::lock_guard<std::mutex> hold(registry.lock);
@@ -126,21 +125,11 @@ WaitResult PollFileLock(LockFile& file, Clock::time_point deadline) {
   }
 }
 
-// Takes the exclusive lock on the file now linked at the lock file's path.
-// A last user elsewhere may have removed the file this process had open;
-// its lock would then guard nothing, so the file is opened afresh.
+// Takes the exclusive lock on the name's lock file, which every process of
+// the name has open (lock files are never removed).
 WaitResult LockAcrossProcesses(LockFile& file, bool forever, Clock::time_point deadline) {
-  for (;;) {
-    if (!file.Open()) return WaitResult::kFailed;
-    WaitResult result = WaitResult::kAcquired;
-    if (forever) {
-      if (!file.Flock(LOCK_EX)) result = WaitResult::kFailed;
-    } else {
-      result = PollFileLock(file, deadline);
-    }
-    if (result != WaitResult::kAcquired || file.IsLinked()) return result;
-    file.Close();
-  }
+  if (forever) return file.Flock(LOCK_EX) ? WaitResult::kAcquired : WaitResult::kFailed;
+  return PollFileLock(file, deadline);
 }
 
 // A wait for the mutex: among this process's threads first, then across

@@ -35,47 +35,120 @@ int FlockWithoutWaiting(int fd) {
   return result;
 }
 
+// open's flags for a C-runtime mode that positional handles take, or -1.
+int OpenFlags(const char* mode) {
+  if (std::strcmp(mode, "rb") == 0) return O_RDONLY;
+  if (std::strcmp(mode, "r+b") == 0) return O_RDWR;
+  if (std::strcmp(mode, "w+b") == 0) return O_RDWR | O_CREAT | O_TRUNC;
+  return -1;
+}
+
+int CloseKeepingErrno(int fd) {
+  const int error = errno;
+  close(fd);
+  errno = error;
+  return -1;
+}
+
 }  // namespace
 
 std::FILE* NativeFile::Open(const wchar_t* path, const char* mode) {
   return std::fopen(WideText::ToUtf8(path).c_str(), mode);
 }
 
-std::FILE* NativeFile::OpenLocked(const wchar_t* path, const char* mode, bool* busy) {
-  *busy = false;
+NativeFile::Handle NativeFile::OpenHandle(const wchar_t* path, const char* mode) {
+  const int flags = OpenFlags(mode);
+  if (flags < 0) {
+    errno = EINVAL;
+    return kNoHandle;
+  }
   const std::string utf8 = WideText::ToUtf8(path);
-  const bool create = mode[0] == 'w';
+  int fd = -1;
+  do {
+    fd = open(utf8.c_str(), flags | O_CLOEXEC, 0666);
+  } while (fd < 0 && errno == EINTR);
+  return fd < 0 ? kNoHandle : fd;
+}
+
+NativeFile::Handle NativeFile::OpenHandleLocked(const wchar_t* path, const char* mode, bool* busy) {
+  *busy = false;
+  const int flags = OpenFlags(mode);
+  if (flags < 0) {
+    errno = EINVAL;
+    return kNoHandle;
+  }
+  const std::string utf8 = WideText::ToUtf8(path);
   for (int attempt = 0; attempt < kLockAttempts; ++attempt) {
-    const int fd = open(utf8.c_str(), O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0666);
-    if (fd < 0) return nullptr;
+    // Emptying waits for the lock: the file is cut only once it is ours.
+    const int fd = open(utf8.c_str(), (flags & ~O_TRUNC) | O_CLOEXEC, 0666);
+    if (fd < 0) return kNoHandle;
     if (FlockWithoutWaiting(fd) != 0) {
-      const int error = errno;
-      close(fd);
-      *busy = error == EWOULDBLOCK;
-      errno = error;
-      return nullptr;
+      *busy = errno == EWOULDBLOCK;
+      return CloseKeepingErrno(fd);
     }
     if (!StillLinked(fd, utf8)) {
       close(fd);
       continue;
     }
-    if (create && ftruncate(fd, 0) != 0) {
-      const int error = errno;
-      close(fd);
-      errno = error;
-      return nullptr;
-    }
-    std::FILE* file = fdopen(fd, "r+b");
-    if (file == nullptr) {
-      const int error = errno;
-      close(fd);
-      errno = error;
-    }
-    return file;
+    if ((flags & O_TRUNC) != 0 && ftruncate(fd, 0) != 0) return CloseKeepingErrno(fd);
+    return fd;
   }
   errno = ENOENT;
-  return nullptr;
+  return kNoHandle;
 }
+
+std::int64_t NativeFile::ReadAt(Handle file, void* buffer, std::size_t bytes, std::uint64_t offset) {
+  auto* at = static_cast<std::uint8_t*>(buffer);
+  std::size_t done = 0;
+  while (done < bytes) {
+    const ssize_t got = pread(static_cast<int>(file), at + done, bytes - done, static_cast<off_t>(offset + done));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return -1;
+    if (got == 0) break;
+    done += static_cast<std::size_t>(got);
+  }
+  return static_cast<std::int64_t>(done);
+}
+
+std::int64_t NativeFile::WriteAt(Handle file, const void* buffer, std::size_t bytes, std::uint64_t offset) {
+  const auto* at = static_cast<const std::uint8_t*>(buffer);
+  std::size_t done = 0;
+  while (done < bytes) {
+    const ssize_t put = pwrite(static_cast<int>(file), at + done, bytes - done, static_cast<off_t>(offset + done));
+    if (put < 0 && errno == EINTR) continue;
+    if (put < 0) return -1;
+    if (put == 0) {
+      errno = ENOSPC;
+      return -1;
+    }
+    done += static_cast<std::size_t>(put);
+  }
+  return static_cast<std::int64_t>(done);
+}
+
+std::int64_t NativeFile::Length(Handle file) {
+  struct stat status {};
+  if (fstat(static_cast<int>(file), &status) != 0) return -1;
+  return static_cast<std::int64_t>(status.st_size);
+}
+
+int NativeFile::SyncHandle(Handle file) {
+  int result = 0;
+  do {
+    result = fdatasync(static_cast<int>(file));
+  } while (result != 0 && errno == EINTR);
+  return result;
+}
+
+int NativeFile::TruncateHandle(Handle file, std::uint64_t length) {
+  int result = 0;
+  do {
+    result = ftruncate(static_cast<int>(file), static_cast<off_t>(length));
+  } while (result != 0 && errno == EINTR);
+  return result;
+}
+
+int NativeFile::CloseHandle(Handle file) { return close(static_cast<int>(file)); }
 
 int NativeFile::Seek(std::FILE* file, std::int64_t offset, int origin) {
   return fseeko(file, static_cast<off_t>(offset), origin);

@@ -37,14 +37,12 @@ struct Block {
   }
 
   // Gives this holder's lock up; when no other holder is left, removes the
-  // block and the companion file, as the system frees a mapping whose last
-  // handle closes.
+  // block, as the system frees a mapping whose last handle closes. The
+  // companion file stays (lock files are never removed), so every holder
+  // of the name always locks the same file.
   void DropHold() {
     holders.Flock(LOCK_UN);
-    if (holders.Flock(LOCK_EX | LOCK_NB) && holders.IsLinked()) {
-      shm_unlink(shmName.c_str());
-      unlink(holders.Path().c_str());
-    }
+    if (holders.Flock(LOCK_EX | LOCK_NB)) shm_unlink(shmName.c_str());
     holders.Close();
   }
 
