@@ -78,7 +78,7 @@ __attribute__((no_sanitize("coverage"))) std::vector<std::wstring> NamesFrom(con
 // that the run spends its time on the file, which is what it explores.
 void KeepSharedObjects(const std::wstring& file) {
   static NorvaneSDK::Util::MutexObject mutex(Tovrel::EffectCacheImpl::FileMutexName(file).c_str());
-  static const std::wstring stampName = Tovrel::EffectCacheImpl::SharedObjectBaseName(file) + L"_timestamp";
+  static const std::wstring stampName = Tovrel::EffectCacheImpl::TimeStampName(file);
   static Tovrel::MultiProcessTimeStamp stamp;
   static NorvaneSDK::Util::MutexObject stampMutex((stampName + L"_mutex").c_str());
   static const bool owned =

@@ -99,7 +99,7 @@ bool EffectCacheImpl::InitializeTimeStamp() {
   // unusable until the stamp can be had.
   if (stampReady_) return true;
   try {
-    stampReady_ = timeStamp_.Initialize((SharedObjectBaseName(cacheFilePath_.data()) + L"_timestamp").c_str());
+    stampReady_ = timeStamp_.Initialize(TimeStampName(cacheFilePath_.data()).c_str());
   } catch (const std::exception&) {
     stampReady_ = false;
   }
@@ -191,7 +191,11 @@ WStr EffectCacheImpl::CacheFilePathFor(const WStr& cacheFolder) {
 }
 
 std::wstring EffectCacheImpl::FileMutexName(const std::wstring& cacheFilePath) {
-  return SharedObjectBaseName(cacheFilePath) + L"_mutex";
+  return SharedObjectBaseName(PlatformFile::CanonicalPath(cacheFilePath.c_str())) + L"_mutex";
+}
+
+std::wstring EffectCacheImpl::TimeStampName(const std::wstring& cacheFilePath) {
+  return SharedObjectBaseName(PlatformFile::CanonicalPath(cacheFilePath.c_str())) + L"_timestamp";
 }
 
 std::wstring EffectCacheImpl::SharedObjectBaseName(const std::wstring& cacheFilePath) {

@@ -175,9 +175,12 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // The cache file of a folder: the folder, a separator unless it ends in
   // one, then kCacheFileName; empty for an empty folder.
   static WStr CacheFilePathFor(const WStr& cacheFolder);
-  // The name of the named mutex that guards a cache file, in every process
-  // that uses it: its shared-object base name + "_mutex".
+  // The names of the named mutex that guards a cache file and of its shared
+  // time stamp, in every process that uses it, whatever path leads there:
+  // the shared-object base name of the file's canonical path + "_mutex" or
+  // + "_timestamp".
   static std::wstring FileMutexName(const std::wstring& cacheFilePath);
+  static std::wstring TimeStampName(const std::wstring& cacheFilePath);
 
  private:
   struct PendingEffect {

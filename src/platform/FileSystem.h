@@ -18,6 +18,7 @@
 #define TOVREL_PLATFORM_FILESYSTEM_H
 
 #include <cstdint>
+#include <string>
 
 #include "platform/FileHandle.h"
 
@@ -44,6 +45,12 @@ class FileSystem {
   virtual int Rename(const wchar_t* from, const wchar_t* to) = 0;
   // True when a file exists at the path.
   virtual bool Exists(const wchar_t* path) = 0;
+  // The one path every path to this file resolves to: absolute, with no
+  // "." or ".." and no symbolic link (on Windows also in the letter case
+  // stored on disk, with long names). A missing file is resolved through
+  // its folder. The path itself when it cannot be resolved (a missing
+  // folder) and on file systems without links.
+  virtual std::wstring CanonicalPath(const wchar_t* path) { return path; }
   // Bytes still available to this process on the volume of `folder`; 0
   // when it cannot be told.
   virtual std::uint64_t AvailableBytes(const wchar_t* folder) = 0;

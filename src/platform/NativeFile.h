@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <string>
 
 namespace Tovrel {
 
@@ -70,6 +71,11 @@ class NativeFile {
   static int Rename(const wchar_t* from, const wchar_t* to);
   // True when the path names an existing file.
   static bool Exists(const wchar_t* path);
+  // The canonical path of an existing file or folder (realpath;
+  // GetFinalPathNameByHandleW without its "\\?\" prefix), or of a missing
+  // file in an existing folder (the folder's, the separator and the name).
+  // Empty when neither resolves.
+  static std::wstring CanonicalPath(const wchar_t* path);
   // The system's path separator: '\\' on Windows, '/' elsewhere.
   static wchar_t Separator();
 };

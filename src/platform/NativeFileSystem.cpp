@@ -62,6 +62,11 @@ int NativeFileSystem::Rename(const wchar_t* from, const wchar_t* to) { return Na
 
 bool NativeFileSystem::Exists(const wchar_t* path) { return NativeFile::Exists(path); }
 
+std::wstring NativeFileSystem::CanonicalPath(const wchar_t* path) {
+  std::wstring canonical = NativeFile::CanonicalPath(path);
+  return canonical.empty() ? std::wstring(path) : canonical;
+}
+
 std::uint64_t NativeFileSystem::AvailableBytes(const wchar_t* folder) { return DiskSpace::AvailableBytes(folder); }
 
 void NativeFileSystem::CutPower() { PlatformProcess::ExitNow(kPowerCutExitCode); }

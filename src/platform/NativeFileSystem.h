@@ -26,6 +26,7 @@ class NativeFileSystem : public FileSystem {
   int Remove(const wchar_t* path) override;
   int Rename(const wchar_t* from, const wchar_t* to) override;
   bool Exists(const wchar_t* path) override;
+  std::wstring CanonicalPath(const wchar_t* path) override;
   std::uint64_t AvailableBytes(const wchar_t* folder) override;
   void CutPower() override;
 

@@ -127,6 +127,8 @@ int PlatformFile::Rename(const wchar_t* from, const wchar_t* to) {
 
 bool PlatformFile::Exists(const wchar_t* path) { return FileSystem::Current().Exists(path); }
 
+std::wstring PlatformFile::CanonicalPath(const wchar_t* path) { return FileSystem::Current().CanonicalPath(path); }
+
 std::uint64_t PlatformFile::AvailableBytes(const wchar_t* folder) {
   std::uint64_t figure = 0;
   if (FileFaults::AvailableBytesOverride(&figure)) return figure;

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "platform/WideText.h"
@@ -41,6 +42,15 @@ int OpenFlags(const char* mode) {
   if (std::strcmp(mode, "r+b") == 0) return O_RDWR;
   if (std::strcmp(mode, "w+b") == 0) return O_RDWR | O_CREAT | O_TRUNC;
   return -1;
+}
+
+// realpath into `resolved`; false when the path does not resolve.
+bool Resolve(const std::string& path, std::string* resolved) {
+  char* real = realpath(path.c_str(), nullptr);
+  if (real == nullptr) return false;
+  resolved->assign(real);
+  std::free(real);
+  return true;
 }
 
 int CloseKeepingErrno(int fd) {
@@ -179,6 +189,20 @@ int NativeFile::Rename(const wchar_t* from, const wchar_t* to) {
 bool NativeFile::Exists(const wchar_t* path) {
   struct stat status {};
   return stat(WideText::ToUtf8(path).c_str(), &status) == 0;
+}
+
+std::wstring NativeFile::CanonicalPath(const wchar_t* path) {
+  const std::string utf8 = WideText::ToUtf8(path);
+  std::string resolved;
+  if (utf8.empty()) return std::wstring();
+  if (Resolve(utf8, &resolved)) return WideText::FromUtf8(resolved);
+  // A missing file: its folder's canonical path and its own name.
+  const std::size_t slash = utf8.find_last_of('/');
+  const std::string folder = slash == std::string::npos ? "." : (slash == 0 ? "/" : utf8.substr(0, slash));
+  const std::string name = slash == std::string::npos ? utf8 : utf8.substr(slash + 1);
+  if (name.empty() || name == "." || name == ".." || !Resolve(folder, &resolved)) return std::wstring();
+  if (resolved.back() != '/') resolved.push_back('/');
+  return WideText::FromUtf8(resolved + name);
 }
 
 wchar_t NativeFile::Separator() { return L'/'; }

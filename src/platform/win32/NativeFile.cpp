@@ -84,6 +84,32 @@ NativeFile::Handle OpenShared(const wchar_t* path, const char* mode, bool shareW
   return reinterpret_cast<NativeFile::Handle>(file);
 }
 
+// The final path of an existing file or folder as the system stores it
+// (long names, the letter case on disk, links followed), without the
+// "\\?\" prefix ("\\?\UNC\server" becomes "\\server"); empty when it
+// cannot be had.
+std::wstring FinalPath(const wchar_t* path) {
+  const HANDLE file = CreateFileW(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                  OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+  if (file == INVALID_HANDLE_VALUE) return std::wstring();
+  std::wstring buffer(MAX_PATH, L'\0');
+  DWORD length = 0;
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    length = GetFinalPathNameByHandleW(file, &buffer[0], static_cast<DWORD>(buffer.size()),
+                                       FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+    if (length < buffer.size()) break;
+    buffer.resize(length + 1);
+  }
+  ::CloseHandle(file);
+  if (length == 0 || length >= buffer.size()) return std::wstring();
+  buffer.resize(length);
+  const std::wstring unc = L"\\\\?\\UNC\\";
+  const std::wstring local = L"\\\\?\\";
+  if (buffer.compare(0, unc.size(), unc) == 0) return L"\\\\" + buffer.substr(unc.size());
+  if (buffer.compare(0, local.size(), local) == 0) return buffer.substr(local.size());
+  return buffer;
+}
+
 }  // namespace
 
 NativeFile::Handle NativeFile::OpenHandle(const wchar_t* path, const char* mode) {
@@ -198,6 +224,21 @@ int NativeFile::Rename(const wchar_t* from, const wchar_t* to) {
 
 bool NativeFile::Exists(const wchar_t* path) {
   return GetFileAttributesW(path) != INVALID_FILE_ATTRIBUTES;
+}
+
+std::wstring NativeFile::CanonicalPath(const wchar_t* path) {
+  std::wstring resolved = FinalPath(path);
+  if (!resolved.empty()) return resolved;
+  // A missing file: its folder's final path and its own name.
+  const std::wstring whole(path);
+  const std::size_t separator = whole.find_last_of(L"\\/");
+  const std::wstring folder = separator == std::wstring::npos ? L"." : whole.substr(0, separator + 1);
+  const std::wstring name = separator == std::wstring::npos ? whole : whole.substr(separator + 1);
+  if (name.empty() || name == L"." || name == L"..") return std::wstring();
+  resolved = FinalPath(folder.c_str());
+  if (resolved.empty()) return std::wstring();
+  if (resolved.back() != L'\\') resolved.push_back(L'\\');
+  return resolved + name;
 }
 
 wchar_t NativeFile::Separator() { return L'\\'; }
