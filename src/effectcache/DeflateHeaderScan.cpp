@@ -19,12 +19,18 @@ constexpr std::uint8_t kPrecodeOrder[kPrecodeSymbols] = {16, 17, 18, 0, 8,  7, 9
                                                          11, 4,  12, 3, 13, 2, 14, 1, 15};
 
 // Up to 16 bits from bit `at` on, least significant first as deflate packs
-// them, with zeros for bits past the end.
+// them, with zeros for bits past the end. Eight bytes are read at once
+// where there are eight: a header is read a few bits at a time, hundreds
+// of times per effect.
 unsigned Peek(const std::uint8_t* data, std::size_t size, std::uint64_t at, unsigned count) {
   const std::size_t byte = static_cast<std::size_t>(at >> 3);
-  std::uint32_t window = 0;
-  for (std::size_t i = 0; i < 3 && byte + i < size; ++i) window |= static_cast<std::uint32_t>(data[byte + i]) << (8 * i);
-  return (window >> (at & 7)) & ((1u << count) - 1);
+  std::uint64_t window = 0;
+  if (byte + 8 <= size) {
+    for (std::size_t i = 0; i < 8; ++i) window |= static_cast<std::uint64_t>(data[byte + i]) << (8 * i);
+  } else {
+    for (std::size_t i = 0; byte + i < size; ++i) window |= static_cast<std::uint64_t>(data[byte + i]) << (8 * i);
+  }
+  return static_cast<unsigned>(window >> (at & 7)) & ((1u << count) - 1);
 }
 
 // Takes `count` bits (at most 16) at `at` into `value`; false, taking
@@ -48,8 +54,9 @@ bool Complete(const std::uint8_t* lengths, unsigned count) {
 }
 
 // The codewords of a complete precode as a table of the next seven bits
-// (taken least significant first): each entry's symbol and length.
-void PrecodeTable(const std::uint8_t* lengths, std::uint8_t* symbols, std::uint8_t* bits) {
+// (taken least significant first): each entry its symbol, and its length
+// in bits times 256.
+void PrecodeTable(const std::uint8_t* lengths, std::uint16_t* table) {
   unsigned counts[kMaxPrecodeBits + 1] = {};
   for (unsigned s = 0; s < kPrecodeSymbols; ++s) ++counts[lengths[s]];
   counts[0] = 0;
@@ -67,45 +74,56 @@ void PrecodeTable(const std::uint8_t* lengths, std::uint8_t* symbols, std::uint8
     unsigned reversed = 0;
     for (unsigned b = 0; b < length; ++b) reversed |= ((codeword >> b) & 1u) << (length - 1 - b);
     for (unsigned index = reversed; index < (1u << kMaxPrecodeBits); index += 1u << length) {
-      symbols[index] = static_cast<std::uint8_t>(s);
-      bits[index] = static_cast<std::uint8_t>(length);
+      table[index] = static_cast<std::uint16_t>(s | length << 8);
     }
   }
 }
 
-// Reads a dynamic block's header after its first three bits, as zlib's
-// inflate does, and tells whether zlib accepts it with complete codes.
-bool DynamicHeaderStrict(const std::uint8_t* data, std::size_t size, std::uint64_t& at) {
-  unsigned literalLengthCodes = 0, distanceCodes = 0, precodeLengths = 0;
-  if (!Take(data, size, at, 5, literalLengthCodes) || !Take(data, size, at, 5, distanceCodes) ||
-      !Take(data, size, at, 4, precodeLengths)) {
-    return false;
-  }
-  literalLengthCodes += 257;
-  distanceCodes += 1;
-  precodeLengths += 4;
-  if (literalLengthCodes > kMaxLiteralLengthCodes || distanceCodes > kMaxDistanceCodes) return false;
+// Reads a dynamic block's header from bit `at` (after its first three
+// bits), as zlib's inflate does, and tells whether zlib accepts it with
+// complete codes. The bits are held in a word (zeros past the end, where
+// the count of bits taken tells that the header ran out): a code length's
+// codeword decides where the next starts, so that is all the work waits on.
+bool DynamicHeaderStrict(const std::uint8_t* data, std::size_t size, std::uint64_t at) {
+  const std::uint64_t end = static_cast<std::uint64_t>(size) * 8;
+  std::size_t next = static_cast<std::size_t>(at >> 3);
+  std::uint64_t word = 0;
+  unsigned held = 0;
+  const auto refill = [&] {
+    for (; held <= 56; held += 8, ++next) word |= static_cast<std::uint64_t>(next < size ? data[next] : 0) << held;
+  };
+  const auto take = [&](unsigned count) {
+    const unsigned value = static_cast<unsigned>(word) & ((1u << count) - 1);
+    word >>= count;
+    held -= count;
+    at += count;
+    return value;
+  };
+  refill();
+  word >>= at & 7;
+  held -= static_cast<unsigned>(at & 7);
 
+  const unsigned literalLengthCodes = 257 + take(5);
+  const unsigned distanceCodes = 1 + take(5);
+  const unsigned precodeLengths = 4 + take(4);
+  if (literalLengthCodes > kMaxLiteralLengthCodes || distanceCodes > kMaxDistanceCodes) return false;
   std::uint8_t precode[kPrecodeSymbols] = {};
   for (unsigned i = 0; i < precodeLengths; ++i) {
-    unsigned length = 0;
-    if (!Take(data, size, at, 3, length)) return false;
-    precode[kPrecodeOrder[i]] = static_cast<std::uint8_t>(length);
+    if (held < 3) refill();
+    precode[kPrecodeOrder[i]] = static_cast<std::uint8_t>(take(3));
   }
   if (!Complete(precode, kPrecodeSymbols)) return false;
-  std::uint8_t symbols[1u << kMaxPrecodeBits];
-  std::uint8_t bits[1u << kMaxPrecodeBits];
-  PrecodeTable(precode, symbols, bits);
+  std::uint16_t table[1u << kMaxPrecodeBits];
+  PrecodeTable(precode, table);
 
   const unsigned total = literalLengthCodes + distanceCodes;
   std::uint8_t lengths[kMaxLiteralLengthCodes + kMaxDistanceCodes];
-  const std::uint64_t end = static_cast<std::uint64_t>(size) * 8;
   unsigned have = 0;
   while (have < total) {
-    const unsigned index = Peek(data, size, at, kMaxPrecodeBits);
-    if (at + bits[index] > end) return false;
-    at += bits[index];
-    const unsigned symbol = symbols[index];
+    if (held < kMaxPrecodeBits + 7) refill();
+    const unsigned entry = table[static_cast<unsigned>(word) & ((1u << kMaxPrecodeBits) - 1)];
+    take(entry >> 8);
+    const unsigned symbol = entry & 0xFF;
     if (symbol < 16) {
       lengths[have++] = static_cast<std::uint8_t>(symbol);
       continue;
@@ -113,23 +131,21 @@ bool DynamicHeaderStrict(const std::uint8_t* data, std::size_t size, std::uint64
     // 16 repeats the length before 3 to 6 times, 17 and 18 give 3 to 10
     // and 11 to 138 zeros; zlib refuses a repeat with nothing before it
     // and one past the lengths the header announced.
-    unsigned extra = 0, repeat = 0;
+    unsigned repeat = 0;
     std::uint8_t value = 0;
     if (symbol == 16) {
-      if (have == 0 || !Take(data, size, at, 2, extra)) return false;
+      if (have == 0) return false;
       value = lengths[have - 1];
-      repeat = 3 + extra;
+      repeat = 3 + take(2);
     } else if (symbol == 17) {
-      if (!Take(data, size, at, 3, extra)) return false;
-      repeat = 3 + extra;
+      repeat = 3 + take(3);
     } else {
-      if (!Take(data, size, at, 7, extra)) return false;
-      repeat = 11 + extra;
+      repeat = 11 + take(7);
     }
     if (repeat > total - have) return false;
     while (repeat-- > 0) lengths[have++] = value;
   }
-  return lengths[kEndOfBlock] != 0 && Complete(lengths, literalLengthCodes) &&
+  return at <= end && lengths[kEndOfBlock] != 0 && Complete(lengths, literalLengthCodes) &&
          Complete(lengths + literalLengthCodes, distanceCodes);
 }
 
