@@ -47,14 +47,16 @@ constexpr std::uint64_t kTrailerBytes = 4;
 // and every status, is zlib's.
 //
 // What is taken: a header as compress2 writes it (0x78, no dictionary,
-// its check right: zlib reads the same window size and method, and there
-// is no dictionary for it to ask for); deflate data whose block headers
-// DeflateHeaderScan finds strict (libdeflate and zlib then decode the
-// blocks alike, refuse alike, and end them at the same bit); and a
-// successful decode into at most destLen bytes, the Adler-32 of the bytes
-// equal to the four bytes after the deflate data, as libdeflate checks.
-// Bytes past the trailer are ignored, as uncompress ignores them. Room of
-// no bytes goes to uncompress, which decodes into a byte of its own then.
+// its check right: deflate with the 32 KiB window, the largest, under
+// which zlib refuses no distance the format can code, and no dictionary
+// for zlib to ask for); deflate data whose block headers DeflateHeaderScan
+// finds strict (libdeflate and zlib then decode the blocks alike, refuse
+// alike, and end them at the same bit); and a successful decode into at
+// most destLen bytes (fewer are a success, as for uncompress), the
+// Adler-32 of the bytes equal to the four bytes after the deflate data, as
+// libdeflate checks. Bytes past those four are ignored, as uncompress
+// ignores them. Room of no bytes goes to uncompress, which decodes into a
+// byte of its own then.
 bool DecodedByLibdeflate(std::uint8_t* dest, std::uint64_t& destLen, const std::uint8_t* source,
                          std::uint64_t sourceLen) {
   if (sourceLen < kHeaderBytes + kTrailerBytes || destLen == 0 || source[0] != kMethodAndWindow ||
