@@ -1,13 +1,15 @@
 // EffectWorkload: what every store in the effect cache benchmark saves and
 // looks up: 10,000 seeded effects of 2 KiB to 64 KiB (log-uniform), shaped
 // like shader bytecode, with their names (wide for the library, UTF-8 for
-// the peers), and the one compression every store uses (zlib level 2). One
+// the peers), and the one compression every store uses (zlib level 2),
+// decoded by zlib's uncompress or by libdeflate. One
 // immutable instance, built on the first call of Get and owned by it, lives
 // until the program ends; once built it may be read from any thread.
 // Header-only, used by the effect cache benchmark and its peers.
 #ifndef TOVREL_BENCH_EFFECTWORKLOAD_H
 #define TOVREL_BENCH_EFFECTWORKLOAD_H
 
+#include <libdeflate.h>
 #include <zlib.h>
 
 #include <cmath>
@@ -56,15 +58,27 @@ class EffectWorkload {
     for (std::size_t b = 0; b < kSizeBytes; ++b) out[b] = static_cast<unsigned char>(size >> (8 * b));
   }
 
-  // Uncompresses a value Pack made into `out` (kMaxEffectBytes at least);
-  // false when it is not one.
-  static bool Unpack(const unsigned char* value, std::size_t size, unsigned char* out) {
+  // Decodes the zlib stream `compressed` (`size` bytes) of an effect of
+  // `expected` bytes into `out`: with uncompress, or with libdeflate when
+  // its decompressor is given. True when it decodes to exactly that many.
+  static bool Decode(const unsigned char* compressed, std::size_t size, std::size_t expected, unsigned char* out,
+                     libdeflate_decompressor* libdeflate) {
+    if (libdeflate != nullptr) {
+      return libdeflate_zlib_decompress(libdeflate, compressed, size, out, expected, nullptr) == LIBDEFLATE_SUCCESS;
+    }
+    uLongf length = static_cast<uLongf>(expected);
+    return uncompress(out, &length, compressed, static_cast<uLong>(size)) == Z_OK && length == expected;
+  }
+
+  // Uncompresses a value Pack made into `out` (kMaxEffectBytes at least),
+  // with uncompress or with libdeflate's decompressor when given; false
+  // when it is not one.
+  static bool Unpack(const unsigned char* value, std::size_t size, unsigned char* out,
+                     libdeflate_decompressor* libdeflate = nullptr) {
     if (size < kSizeBytes) return false;
     std::uint32_t expected = 0;
     for (std::size_t b = 0; b < kSizeBytes; ++b) expected |= static_cast<std::uint32_t>(value[b]) << (8 * b);
-    uLongf length = kMaxEffectBytes;
-    return uncompress(out, &length, value + kSizeBytes, static_cast<uLong>(size - kSizeBytes)) == Z_OK &&
-           length == expected;
+    return expected <= kMaxEffectBytes && Decode(value + kSizeBytes, size - kSizeBytes, expected, out, libdeflate);
   }
 
   std::vector<std::wstring> names;

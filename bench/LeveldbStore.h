@@ -58,14 +58,14 @@ class LeveldbStore {
   }
 
   // Looks up every name (a copy of its value) and uncompresses its bytes
-  // into one buffer.
-  void SearchAll(const EffectWorkload& w) {
+  // into one buffer (with libdeflate when given its decompressor).
+  void SearchAll(const EffectWorkload& w, libdeflate_decompressor* libdeflate = nullptr) {
     std::vector<unsigned char> buffer(EffectWorkload::kMaxEffectBytes);
     std::string value;
     for (std::size_t i = 0; i < w.effects.size(); ++i) {
       Check(db_->Get(leveldb::ReadOptions(), w.utf8Names[i], &value));
       if (!EffectWorkload::Unpack(reinterpret_cast<const unsigned char*>(value.data()), value.size(),
-                                  buffer.data())) {
+                                  buffer.data(), libdeflate)) {
         std::abort();
       }
     }

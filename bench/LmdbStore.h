@@ -61,8 +61,9 @@ class LmdbStore {
   }
 
   // Looks up every name in one read transaction and uncompresses its bytes
-  // from the map into one buffer.
-  void SearchAll(const EffectWorkload& w) {
+  // from the map into one buffer (with libdeflate when given its
+  // decompressor).
+  void SearchAll(const EffectWorkload& w, libdeflate_decompressor* libdeflate = nullptr) {
     std::vector<unsigned char> buffer(EffectWorkload::kMaxEffectBytes);
     MDB_txn* txn = nullptr;
     Check(mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn), "mdb_txn_begin");
@@ -70,7 +71,8 @@ class LmdbStore {
       MDB_val key{w.utf8Names[i].size(), const_cast<char*>(w.utf8Names[i].data())};
       MDB_val data{};
       Check(mdb_get(txn, dbi_, &key, &data), "mdb_get");
-      if (!EffectWorkload::Unpack(static_cast<const unsigned char*>(data.mv_data), data.mv_size, buffer.data())) {
+      if (!EffectWorkload::Unpack(static_cast<const unsigned char*>(data.mv_data), data.mv_size, buffer.data(),
+                                  libdeflate)) {
         std::abort();
       }
     }

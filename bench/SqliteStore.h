@@ -11,7 +11,6 @@
 #define TOVREL_BENCH_SQLITESTORE_H
 
 #include <sqlite3.h>
-#include <zlib.h>
 
 #include <cstdlib>
 #include <string>
@@ -59,17 +58,20 @@ class SqliteStore {
     sqlite3_finalize(insert);
   }
 
-  // Looks up every name and uncompresses its bytes into one buffer.
-  void SearchAll(const EffectWorkload& w) {
+  // Looks up every name and uncompresses its bytes into one buffer (with
+  // libdeflate when given its decompressor).
+  void SearchAll(const EffectWorkload& w, libdeflate_decompressor* libdeflate = nullptr) {
     sqlite3_stmt* select = nullptr;
     sqlite3_prepare_v2(db_, "SELECT size, data FROM effects WHERE name = ?", -1, &select, nullptr);
     std::vector<unsigned char> buffer(EffectWorkload::kMaxEffectBytes);
     for (std::size_t i = 0; i < w.effects.size(); ++i) {
       sqlite3_bind_text(select, 1, w.utf8Names[i].c_str(), -1, SQLITE_STATIC);
       if (sqlite3_step(select) != SQLITE_ROW) std::abort();
-      uLongf length = static_cast<uLongf>(sqlite3_column_int64(select, 0));
-      if (uncompress(buffer.data(), &length, static_cast<const Bytef*>(sqlite3_column_blob(select, 1)),
-                     static_cast<uLong>(sqlite3_column_bytes(select, 1))) != Z_OK) {
+      const auto size = static_cast<std::size_t>(sqlite3_column_int64(select, 0));
+      if (size > buffer.size() ||
+          !EffectWorkload::Decode(static_cast<const unsigned char*>(sqlite3_column_blob(select, 1)),
+                                  static_cast<std::size_t>(sqlite3_column_bytes(select, 1)), size, buffer.data(),
+                                  libdeflate)) {
         std::abort();
       }
       sqlite3_reset(select);

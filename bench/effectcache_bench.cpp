@@ -7,9 +7,11 @@
 //   with the peer's default durability: SQLite (WAL, synchronous FULL),
 //   LMDB (synced commits) and LevelDB (unsynced writes to its log).
 // - Cold search: a new cache object on the saved folder looks up every
-//   name; against uncompress of the same compressed bytes alone, and
-//   against each peer opened afresh looking up the same names and
-//   uncompressing them.
+//   name; against uncompress of the same compressed bytes alone and
+//   libdeflate's decoding of them alone, and against each peer opened
+//   afresh looking up the same names and uncompressing them, with zlib's
+//   uncompress and again with libdeflate (so that the storage's share can
+//   be told from the decoder's).
 // - Each store's time runs from opening it to the return of its last call;
 //   closing it is reported apart (the SQLite checkpoint, the LevelDB
 //   compaction still under way).
@@ -19,6 +21,7 @@
 // - Our save alone and our search alone, for profiles (PerfPhase marks
 //   both phases in every benchmark).
 #include <benchmark/benchmark.h>
+#include <libdeflate.h>
 #include <zlib.h>
 
 #include <filesystem>
@@ -63,6 +66,20 @@ double UncompressAll(const EffectWorkload& w, const std::vector<std::vector<unsi
     uncompress(buffer.data(), &length, compressed[i].data(), static_cast<uLong>(compressed[i].size()));
   }
   return Seconds(start);
+}
+
+double LibdeflateAll(const EffectWorkload& w, const std::vector<std::vector<unsigned char>>& compressed) {
+  std::vector<unsigned char> buffer(EffectWorkload::kMaxEffectBytes);
+  libdeflate_decompressor* decompressor = libdeflate_alloc_decompressor();
+  if (decompressor == nullptr) std::abort();
+  const auto start = Clock::now();
+  for (std::size_t i = 0; i < compressed.size(); ++i) {
+    EffectWorkload::Decode(compressed[i].data(), compressed[i].size(), w.effects[i].size(), buffer.data(),
+                           decompressor);
+  }
+  const double seconds = Seconds(start);
+  libdeflate_free_decompressor(decompressor);
+  return seconds;
 }
 
 // Seconds to cache every effect and save, from constructing the cache to
@@ -122,10 +139,13 @@ PeerTimes TimePeer(const std::filesystem::path& path, Phase phase) {
   return times;
 }
 
-// A peer's save into a new store at `path`, then its cold search there.
+// A peer's save into a new store at `path`, then its cold search there
+// with uncompress, then another with libdeflate (its decompressor made
+// before the store is opened).
 struct PeerRun {
   PeerTimes save;
   PeerTimes search;
+  PeerTimes searchLibdeflate;
 };
 
 template <class Store>
@@ -133,12 +153,17 @@ PeerRun RunPeer(const std::filesystem::path& path, const EffectWorkload& w) {
   PeerRun run;
   run.save = TimePeer<Store>(path, [&w](Store& store) { store.SaveAll(w); });
   run.search = TimePeer<Store>(path, [&w](Store& store) { store.SearchAll(w); });
+  libdeflate_decompressor* decompressor = libdeflate_alloc_decompressor();
+  if (decompressor == nullptr) std::abort();
+  run.searchLibdeflate =
+      TimePeer<Store>(path, [&w, decompressor](Store& store) { store.SearchAll(w, decompressor); });
+  libdeflate_free_decompressor(decompressor);
   return run;
 }
 
 void BM_EffectCacheSaveAndSearch(benchmark::State& state) {
   const EffectWorkload& w = EffectWorkload::Get();
-  double ours = 0, oursClose = 0, compress = 0, search = 0, uncompressTime = 0, open = 0;
+  double ours = 0, oursClose = 0, compress = 0, search = 0, uncompressTime = 0, libdeflateTime = 0, open = 0;
   double unjournaled = 0, syncs = 0, saves = 0;
   PeerRun sqlite, lmdb, leveldb;
   std::size_t compressedBytes = 0;
@@ -164,6 +189,7 @@ void BM_EffectCacheSaveAndSearch(benchmark::State& state) {
       search = CacheSearchAll(w, dir.Path().wstring(), &open);
     }
     uncompressTime = UncompressAll(w, compressed);
+    libdeflateTime = LibdeflateAll(w, compressed);
     sqlite = RunPeer<Bench::SqliteStore>(dir.Path() / "effects.sqlite", w);
     std::filesystem::create_directory(dir.Path() / "effects.lmdb");
     lmdb = RunPeer<Bench::LmdbStore>(dir.Path() / "effects.lmdb", w);
@@ -187,9 +213,13 @@ void BM_EffectCacheSaveAndSearch(benchmark::State& state) {
   state.counters["leveldb_close_ms"] = leveldb.save.closeSeconds * 1e3;
   state.counters["search_MiBps"] = mib / search;
   state.counters["search_vs_uncompress"] = uncompressTime / search;
+  state.counters["search_vs_libdeflate"] = libdeflateTime / search;
   state.counters["search_vs_sqlite"] = sqlite.search.seconds / search;
   state.counters["search_vs_lmdb"] = lmdb.search.seconds / search;
   state.counters["search_vs_leveldb"] = leveldb.search.seconds / search;
+  state.counters["search_vs_sqlite_libdeflate"] = sqlite.searchLibdeflate.seconds / search;
+  state.counters["search_vs_lmdb_libdeflate"] = lmdb.searchLibdeflate.seconds / search;
+  state.counters["search_vs_leveldb_libdeflate"] = leveldb.searchLibdeflate.seconds / search;
   state.counters["open_ms"] = open * 1e3;
 }
 BENCHMARK(BM_EffectCacheSaveAndSearch)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);

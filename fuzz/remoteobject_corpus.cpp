@@ -1,6 +1,7 @@
 // Writes the remote object fuzz target's seed corpus: objects the library
 // itself makes (name length byte, name, object), one file each in the
-// folder given as the only argument.
+// folder given as the only argument, their effects compressed at level 6,
+// and at the cache's level 2 and at level 0.
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -13,10 +14,10 @@
 namespace {
 
 void Write(const std::filesystem::path& folder, const std::string& file, const std::string& name,
-           const std::vector<std::uint8_t>& bytes, bool permanent) {
+           const std::vector<std::uint8_t>& bytes, bool permanent, int level = 6) {
   std::vector<std::uint8_t> compressed(Tovrel::EffectCompression::CompressBound(bytes.size()));
   std::uint64_t length = compressed.size();
-  Tovrel::EffectCompression::CompressEffect(compressed.data(), length, bytes.data(), bytes.size(), 6);
+  Tovrel::EffectCompression::CompressEffect(compressed.data(), length, bytes.data(), bytes.size(), level);
   const std::vector<std::uint8_t> object =
       Tovrel::RemoteEffectObject::Encode(name, permanent, bytes.size(), compressed.data(), length);
   std::ofstream out(folder / file, std::ios::binary);
@@ -41,5 +42,11 @@ int main(int argc, char** argv) {
   Write(folder, "text", "fx/water.fxo", text, false);
   Write(folder, "noise-permanent", "fx/fire.fxo", noise, true);
   Write(folder, "one-byte", "a", std::vector<std::uint8_t>(1, 7), false);
+  // At the cache's level: one block of dynamic codes, which libdeflate
+  // decodes; and stored blocks (level 0).
+  std::vector<std::uint8_t> bytecode(2500);
+  for (std::size_t i = 0; i < bytecode.size(); ++i) bytecode[i] = static_cast<std::uint8_t>((i * 37) % 23 + i / 300);
+  Write(folder, "bytecode-level-2", "fx/sky.fxo", bytecode, false, 2);
+  Write(folder, "noise-level-0", "fx/ash.fxo", noise, false, 0);
   return 0;
 }

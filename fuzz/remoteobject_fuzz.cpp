@@ -1,14 +1,38 @@
 // Fuzzes what a remote store answers: the first byte gives the length of
 // the name searched for, the next bytes are that name, the rest is the
 // answer. Whatever the answer, Decode refuses it or gives exactly the
-// effect its header describes, for exactly that name.
+// effect its header describes, for exactly that name. The compressed bytes
+// the answer's header points at are decoded by the library as they would
+// be (in room for the size the header gives) and in other rooms, and each
+// time the status, length and every byte of the buffer must be what zlib's
+// uncompress gives: the search's decoder is libdeflate wherever it gives
+// the same, which this compares on every input the fuzzer makes.
+#include <zlib.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
+#include "effectcache/EffectCompression.h"
 #include "effectcache/RemoteEffectObject.h"
 #include "pagefile/LittleEndian.h"
+
+namespace {
+
+// Aborts unless DecompressEffect gives what uncompress gives for `source`
+// in `room` bytes, the buffer compared whole with 16 bytes past the room.
+void CompareWithUncompress(const std::uint8_t* source, std::size_t size, std::uint64_t room) {
+  std::vector<std::uint8_t> theirs(room + 16, 0xEE), ours(room + 16, 0xEE);
+  uLongf theirLength = static_cast<uLongf>(room);
+  const int theirStatus = uncompress(theirs.data(), &theirLength, source, static_cast<uLong>(size));
+  std::uint64_t ourLength = room;
+  const int ourStatus = Tovrel::EffectCompression::DecompressEffect(ours.data(), ourLength, source, size);
+  if (ourStatus != theirStatus || ourLength != theirLength || ours != theirs) std::abort();
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
@@ -17,6 +41,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string name(reinterpret_cast<const char*>(data + 1), nameLength);
   const std::uint8_t* object = data + 1 + nameLength;
   const std::size_t objectSize = size - 1 - nameLength;
+  // The compressed bytes: after the header and the name the header gives,
+  // to the end of the answer.
+  constexpr std::size_t kHeader = Tovrel::RemoteEffectObject::kHeaderSize;
+  if (objectSize >= kHeader) {
+    const std::uint64_t objectName = Tovrel::LittleEndian::Load32(object + 16);
+    const std::uint64_t recorded = Tovrel::LittleEndian::Load32(object + 20);
+    if (objectName <= objectSize - kHeader && recorded <= (std::uint64_t{1} << 20)) {
+      const std::uint8_t* compressed = object + kHeader + objectName;
+      const std::size_t compressedSize = objectSize - kHeader - static_cast<std::size_t>(objectName);
+      for (std::uint64_t room : {recorded, recorded + 1, recorded / 2, std::uint64_t{0}}) {
+        CompareWithUncompress(compressed, compressedSize, room);
+      }
+    }
+  }
   Tab<unsigned char> effect;
   bool permanent = false;
   const auto result = Tovrel::RemoteEffectObject::Decode(object, objectSize, name, &permanent, effect);

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the effect cache benchmark optimised, runs its combined benchmark
-# (save and cold search beside compress2, uncompress, SQLite, LMDB and
-# LevelDB) N times, 5 unless told, and prints every counter of every run
+# (save and cold search beside compress2, uncompress, libdeflate, SQLite,
+# LMDB and LevelDB, the peers decoding with zlib and with libdeflate) N times, 5 unless told, and prints every counter of every run
 # with its median: the figures of the README table. The load before each
 # run is printed too: the machine may be shared.
 # Usage: tools/bench-median.sh [N [benchmark options...]]

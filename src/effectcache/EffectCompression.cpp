@@ -2,7 +2,10 @@
 
 #include <zlib.h>
 
-#include "effectcache/Adler32.h"
+#include <cstring>
+
+#include "effectcache/DeflateHeaderScan.h"
+#include "effectcache/LibdeflateInflater.h"
 
 namespace Tovrel {
 
@@ -38,33 +41,37 @@ constexpr std::uint8_t kPresetDictionary = 0x20;
 constexpr std::uint64_t kHeaderBytes = 2;
 constexpr std::uint64_t kTrailerBytes = 4;
 
-// The deflate data inflated alone and checked with Adler32; true only for a
-// stream that uncompress would take, giving the same bytes. Anything else
-// (another header, a damaged or short stream, too little room) is left to
-// uncompress itself, so that every outcome, and every status, is zlib's.
-bool InflateChecked(std::uint8_t* dest, std::uint64_t& destLen, const std::uint8_t* source,
-                    std::uint64_t sourceLen) {
-  if (static_cast<uInt>(destLen) != destLen || static_cast<uInt>(sourceLen) != sourceLen) return false;
+// The stream decoded by libdeflate, into dest only when it is one that
+// uncompress takes, with the same bytes; false, dest untouched, for
+// anything else, which is left to uncompress itself so that every outcome,
+// and every status, is zlib's.
+//
+// What is taken: a header as compress2 writes it (0x78, no dictionary,
+// its check right: deflate with the 32 KiB window, the largest, under
+// which zlib refuses no distance the format can code, and no dictionary
+// for zlib to ask for); deflate data whose block headers DeflateHeaderScan
+// finds strict (libdeflate and zlib then decode the blocks alike, refuse
+// alike, and end them at the same bit); and a successful decode into at
+// most destLen bytes (fewer are a success, as for uncompress), the
+// Adler-32 of the bytes equal to the four bytes after the deflate data, as
+// libdeflate checks. Bytes past those four are ignored, as uncompress
+// ignores them. Room of no bytes goes to uncompress, which decodes into a
+// byte of its own then.
+bool DecodedByLibdeflate(std::uint8_t* dest, std::uint64_t& destLen, const std::uint8_t* source,
+                         std::uint64_t sourceLen) {
   if (sourceLen < kHeaderBytes + kTrailerBytes || destLen == 0 || source[0] != kMethodAndWindow ||
       (source[1] & kPresetDictionary) != 0 || (source[0] * 256u + source[1]) % 31 != 0) {
     return false;
   }
-  z_stream stream = {};
-  if (inflateInit2(&stream, -MAX_WBITS) != Z_OK) return false;
-  stream.next_in = const_cast<Bytef*>(source + kHeaderBytes);
-  stream.avail_in = static_cast<uInt>(sourceLen - kHeaderBytes);
-  stream.next_out = dest;
-  stream.avail_out = static_cast<uInt>(destLen);
-  const int result = inflate(&stream, Z_FINISH);
-  const std::uint64_t produced = stream.total_out;
-  const std::uint64_t left = stream.avail_in;
-  inflateEnd(&stream);
-  if (result != Z_STREAM_END || left < kTrailerBytes) return false;
-  const std::uint8_t* trailer = source + sourceLen - left;
-  const std::uint32_t expected = static_cast<std::uint32_t>(trailer[0]) << 24 |
-                                 static_cast<std::uint32_t>(trailer[1]) << 16 |
-                                 static_cast<std::uint32_t>(trailer[2]) << 8 | trailer[3];
-  if (Adler32::Update(Adler32::kStart, dest, static_cast<std::size_t>(produced)) != expected) return false;
+  const auto size = static_cast<std::size_t>(sourceLen);
+  if (!DeflateHeaderScan::Strict(source + kHeaderBytes, size - kHeaderBytes - kTrailerBytes)) return false;
+  const std::uint8_t* bytes = nullptr;
+  std::size_t produced = 0;
+  if (!LibdeflateInflater::ForThisThread().Inflate(source, size, static_cast<std::size_t>(destLen), bytes,
+                                                   produced)) {
+    return false;
+  }
+  if (produced != 0) std::memcpy(dest, bytes, produced);
   destLen = produced;
   return true;
 }
@@ -75,7 +82,7 @@ int EffectCompression::DecompressEffect(std::uint8_t* dest, std::uint64_t& destL
                                         std::uint64_t sourceLen) {
   uLongf length = static_cast<uLongf>(destLen);
   if (length != destLen || static_cast<uLong>(sourceLen) != sourceLen) return kBufferError;
-  if (InflateChecked(dest, destLen, source, sourceLen)) return kOk;
+  if (DecodedByLibdeflate(dest, destLen, source, sourceLen)) return kOk;
   const int result = uncompress(dest, &length, source, static_cast<uLong>(sourceLen));
   destLen = length;
   return result;

@@ -2,8 +2,10 @@
 //
 // An effect is stored as one complete zlib stream (header, deflate data,
 // Adler-32 trailer), exactly as zlib's compress2 writes it, and read back
-// whole as uncompress reads it. Compress writes into a buffer of CompressBound
-// bytes. Stateless; safe from any thread.
+// whole as uncompress reads it, decoded by libdeflate where that gives
+// what uncompress gives. Compress writes into a buffer of CompressBound
+// bytes. Safe from any thread: decompression keeps libdeflate's
+// decompressor and a buffer per thread (LibdeflateInflater).
 #ifndef TOVREL_EFFECTCACHE_EFFECTCOMPRESSION_H
 #define TOVREL_EFFECTCACHE_EFFECTCOMPRESSION_H
 
@@ -35,9 +37,12 @@ class EffectCompression {
 
   // Decompresses a whole zlib stream into dest (destLen bytes of room; on
   // success the decompressed size). Returns what zlib's uncompress returns,
-  // with the same bytes: a stream as compress2 writes it is inflated and
-  // its Adler-32 checked here (Adler32, faster than zlib's own check);
-  // every other input goes to uncompress itself.
+  // with the same length and the same bytes in dest, those past the length
+  // untouched: a stream that libdeflate decodes as zlib does (see
+  // DeflateHeaderScan) is decoded and its Adler-32 checked by libdeflate;
+  // every other input, and every stream libdeflate refuses, goes to
+  // uncompress itself. kMemoryError comes from uncompress alone: without
+  // memory for libdeflate the stream goes to uncompress.
   static int DecompressEffect(std::uint8_t* dest, std::uint64_t& destLen, const std::uint8_t* source,
                               std::uint64_t sourceLen);
 };

@@ -1,10 +1,16 @@
 #include "effectcache/EffectCompression.h"
 
 #include <gtest/gtest.h>
+#include <libdeflate.h>
 #include <zlib.h>
 
 #include <random>
+#include <string>
 #include <vector>
+
+#include "effectcache/DeflateHeaderScan.h"
+#include "effectcache/LibdeflateInflater.h"
+#include "support/LenientStreams.h"
 
 namespace Tovrel {
 namespace {
@@ -111,7 +117,11 @@ TEST(EffectCompressionTest, DamagedStreamsAreRefusedByDecompression) {
 }
 
 
-// What zlib's uncompress gives for `source` with `room` bytes of room.
+// What zlib's uncompress gives for `source` with `room` bytes of room, and
+// what DecompressEffect gives: status, length and the whole buffer, past
+// the room too (a buffer of kGuard more bytes, all 0xEE to start with).
+constexpr std::uint64_t kGuard = 16;
+
 struct Outcome {
   int status;
   std::uint64_t length;
@@ -120,21 +130,38 @@ struct Outcome {
 };
 
 Outcome ByUncompress(const std::vector<std::uint8_t>& source, std::uint64_t room) {
-  Outcome outcome{0, room, std::vector<std::uint8_t>(room + 1, 0xEE)};
+  Outcome outcome{0, room, std::vector<std::uint8_t>(room + kGuard, 0xEE)};
   uLongf length = static_cast<uLongf>(room);
   outcome.status = uncompress(outcome.bytes.data(), &length, source.data(), static_cast<uLong>(source.size()));
   outcome.length = length;
-  if (outcome.status == Z_OK) outcome.bytes.resize(length);
   return outcome;
 }
 
 Outcome ByDecompressEffect(const std::vector<std::uint8_t>& source, std::uint64_t room) {
-  Outcome outcome{0, room, std::vector<std::uint8_t>(room + 1, 0xEE)};
+  Outcome outcome{0, room, std::vector<std::uint8_t>(room + kGuard, 0xEE)};
   outcome.status = EffectCompression::DecompressEffect(outcome.bytes.data(), outcome.length, source.data(),
                                                        source.size());
-  if (outcome.status == Z_OK) outcome.bytes.resize(outcome.length);
   return outcome;
 }
+
+// Compares both for `source` in each room; counts the comparisons and
+// those where zlib succeeded.
+struct Comparison {
+  std::size_t compared = 0;
+  std::size_t succeeded = 0;
+  ::testing::AssertionResult Check(const std::vector<std::uint8_t>& source, std::uint64_t room) {
+    const Outcome expected = ByUncompress(source, room);
+    const Outcome actual = ByDecompressEffect(source, room);
+    ++compared;
+    if (expected.status == Z_OK) ++succeeded;
+    if (actual == expected) return ::testing::AssertionSuccess();
+    std::size_t at = 0;
+    while (at < expected.bytes.size() && expected.bytes[at] == actual.bytes[at]) ++at;
+    return ::testing::AssertionFailure() << "room " << room << " source " << source.size() << " zlib "
+                                         << expected.status << "/" << expected.length << " ours " << actual.status
+                                         << "/" << actual.length << " first differing byte " << at;
+  }
+};
 
 TEST(EffectCompressionTest, DecompressionGivesWhatUncompressGivesForEveryDamage) {
   // Streams as the cache writes them, then damaged in every way a file can
@@ -185,6 +212,179 @@ TEST(EffectCompressionTest, DecompressionGivesWhatUncompressGivesForEveryDamage)
   }
   EXPECT_GT(compared, 1000u);
   EXPECT_GT(succeeded, 50u);  // the unharmed streams, and those harmed only past their end
+}
+
+// Inputs of every shape the streams come in: nothing, one byte, short
+// text (fixed codes), compressible and random bytes of one block, and
+// inputs of several blocks (dynamic blocks before the last; stored blocks).
+std::vector<std::vector<std::uint8_t>> Inputs() {
+  std::vector<std::vector<std::uint8_t>> inputs{{}, {0x42}};
+  const std::string text = "float4 main(float2 uv : TEXCOORD0) : SV_Target { return tex.Sample(s, uv); }";
+  inputs.emplace_back(text.begin(), text.end());
+  std::vector<std::uint8_t> compressible = RandomBytes(5000, 21);
+  for (std::size_t i = 0; i < compressible.size(); i += 2) compressible[i] = static_cast<std::uint8_t>(i % 13);
+  inputs.push_back(compressible);
+  inputs.push_back(RandomBytes(5000, 22));
+  std::mt19937 random(23);
+  std::vector<std::uint8_t> letters(150000);
+  for (auto& b : letters) b = static_cast<std::uint8_t>('a' + random() % 20);
+  inputs.push_back(letters);
+  inputs.push_back(RandomBytes(140000, 24));
+  return inputs;
+}
+
+std::vector<std::uint8_t> Compress2(const std::vector<std::uint8_t>& input, int level) {
+  uLongf length = compressBound(static_cast<uLong>(input.size()));
+  std::vector<std::uint8_t> stream(length);
+  EXPECT_EQ(compress2(stream.data(), &length, input.data(), static_cast<uLong>(input.size()), level), Z_OK);
+  stream.resize(length);
+  return stream;
+}
+
+std::vector<std::uint64_t> Rooms(std::uint64_t size) {
+  std::vector<std::uint64_t> rooms{0, 1, size, size + 1, size + 300};
+  if (size > 1) rooms.push_back(size - 1);
+  return rooms;
+}
+
+TEST(EffectCompressionTest, StreamsOfEveryLevelAndShapeInEveryRoom) {
+  Comparison comparison;
+  const std::uint64_t decodedBefore = LibdeflateInflater::ForThisThread().Decoded();
+  std::size_t strict = 0, fitting = 0, decodable = 0;
+  for (const auto& input : Inputs()) {
+    for (int level = 0; level <= 9; ++level) {
+      const auto stream = Compress2(input, level);
+      const bool scanned = DeflateHeaderScan::Strict(stream.data() + 2, stream.size() - 6);
+      if (scanned) ++strict;
+      for (std::uint64_t room : Rooms(input.size())) {
+        ASSERT_TRUE(comparison.Check(stream, room)) << "input " << input.size() << " level " << level;
+        // uncompress decodes into a byte of its own for no room: one byte
+        // decoded there is a success, of length 0.
+        if (room >= input.size() || (room == 0 && input.size() == 1)) ++fitting;
+        if (scanned && room >= input.size() && room > 0) ++decodable;
+      }
+    }
+  }
+  EXPECT_EQ(comparison.succeeded, fitting);
+  // libdeflate decoded each stream it should, in each room that held it:
+  // all but those of fixed codes and of dynamic blocks before the last.
+  EXPECT_GE(strict, 30u);
+  EXPECT_EQ(LibdeflateInflater::ForThisThread().Decoded() - decodedBefore, decodable);
+}
+
+TEST(EffectCompressionTest, EveryBitOfSmallStreamsFlipped) {
+  // A stored, a fixed-code and two dynamic streams, each bit flipped in
+  // turn: header, block headers, codes, data, trailer.
+  std::vector<std::vector<std::uint8_t>> streams;
+  const auto inputs = Inputs();
+  streams.push_back(Compress2(inputs[2], 0));
+  streams.push_back(Compress2(inputs[2], 6));
+  std::vector<std::uint8_t> shader(600);
+  for (std::size_t i = 0; i < shader.size(); ++i) shader[i] = static_cast<std::uint8_t>((i * 37) % 23 + (i / 50));
+  streams.push_back(Compress2(shader, 2));
+  streams.push_back(Compress2(shader, 9));
+  ASSERT_TRUE(DeflateHeaderScan::Strict(streams[2].data() + 2, streams[2].size() - 6));
+  Comparison comparison;
+  for (const auto& stream : streams) {
+    const uLongf size = static_cast<uLongf>(stream == streams[0] || stream == streams[1] ? inputs[2].size()
+                                                                                          : shader.size());
+    for (std::size_t bit = 0; bit < stream.size() * 8; ++bit) {
+      auto flipped = stream;
+      flipped[bit / 8] ^= static_cast<std::uint8_t>(1u << (bit % 8));
+      for (std::uint64_t room : {std::uint64_t{size} - 1, std::uint64_t{size}, std::uint64_t{size} + 64}) {
+        ASSERT_TRUE(comparison.Check(flipped, room)) << "stream " << stream.size() << " bit " << bit;
+      }
+    }
+  }
+  EXPECT_GT(comparison.compared, 9000u);
+}
+
+TEST(EffectCompressionTest, EveryCutEveryTrailerAndTrailingBytes) {
+  const auto inputs = Inputs();
+  Comparison comparison;
+  for (const auto& input : {inputs[2], inputs[3]}) {
+    for (int level : {0, 2, 6}) {
+      const auto stream = Compress2(input, level);
+      for (std::size_t cut = 0; cut < stream.size(); ++cut) {
+        const std::vector<std::uint8_t> shorter(stream.begin(), stream.begin() + static_cast<std::ptrdiff_t>(cut));
+        for (std::uint64_t room : {std::uint64_t{input.size()}, std::uint64_t{input.size()} + 9}) {
+          ASSERT_TRUE(comparison.Check(shorter, room)) << "cut at " << cut;
+        }
+      }
+      for (std::size_t at = stream.size() - 4; at < stream.size(); ++at) {
+        for (int value = 0; value < 256; value += 17) {
+          auto trailer = stream;
+          trailer[at] = static_cast<std::uint8_t>(trailer[at] ^ value);
+          ASSERT_TRUE(comparison.Check(trailer, input.size())) << "trailer byte " << at << " ^ " << value;
+        }
+      }
+      auto longer = stream;
+      for (int extra = 1; extra <= 9; ++extra) {
+        longer.push_back(static_cast<std::uint8_t>(extra * 29));
+        ASSERT_TRUE(comparison.Check(longer, input.size())) << extra;
+        ASSERT_TRUE(comparison.Check(longer, input.size() + 100)) << extra;
+      }
+      auto twice = stream;
+      twice.insert(twice.end(), stream.begin(), stream.end());
+      ASSERT_TRUE(comparison.Check(twice, input.size()));
+      ASSERT_TRUE(comparison.Check(twice, 2 * input.size()));
+    }
+  }
+  EXPECT_GT(comparison.succeeded, 100u);
+}
+
+TEST(EffectCompressionTest, WhatLibdeflateAloneTakesAndZlibRefusesGoesToZlib) {
+  const auto streams = Testing::LenientStreams::All();
+  ASSERT_GE(streams.size(), 12u);
+  libdeflate_decompressor* libdeflate = libdeflate_alloc_decompressor();
+  ASSERT_NE(libdeflate, nullptr);
+  Comparison comparison;
+  for (const auto& stream : streams) {
+    // Each is a stream libdeflate takes whole and zlib refuses.
+    std::vector<std::uint8_t> out(70000);
+    std::size_t produced = 0;
+    EXPECT_EQ(libdeflate_zlib_decompress(libdeflate, stream.bytes.data(), stream.bytes.size(), out.data(),
+                                         out.size(), &produced),
+              LIBDEFLATE_SUCCESS)
+        << stream.name;
+    EXPECT_EQ(produced, stream.decoded.size()) << stream.name;
+    EXPECT_NE(ByUncompress(stream.bytes, 70000).status, Z_OK) << stream.name;
+    for (std::uint64_t room : Rooms(stream.decoded.size())) {
+      ASSERT_TRUE(comparison.Check(stream.bytes, room)) << stream.name;
+    }
+    ASSERT_TRUE(comparison.Check(stream.bytes, 70000)) << stream.name;
+  }
+  libdeflate_free_decompressor(libdeflate);
+  EXPECT_EQ(comparison.succeeded, 0u);
+}
+
+TEST(EffectCompressionTest, AnEmptyStoredStreamGivesNoBytes) {
+  // A last stored block of no bytes and the Adler-32 of nothing.
+  const std::vector<std::uint8_t> empty{0x78, 0x01, 0x01, 0x00, 0x00, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x01};
+  const std::uint64_t before = LibdeflateInflater::ForThisThread().Decoded();
+  Comparison comparison;
+  for (std::uint64_t room : {0u, 1u, 5u}) ASSERT_TRUE(comparison.Check(empty, room));
+  EXPECT_EQ(comparison.succeeded, 3u);
+  EXPECT_EQ(LibdeflateInflater::ForThisThread().Decoded(), before + 2);  // room 0 is uncompress's
+}
+
+TEST(EffectCompressionTest, ManyRandomDamagesOfStreamsAsTheCacheWritesThem) {
+  std::mt19937 random(31);
+  Comparison comparison;
+  for (int n = 0; n < 300; ++n) {
+    const std::size_t size = 1 + random() % 3000;
+    std::vector<std::uint8_t> input = RandomBytes(size, static_cast<unsigned>(n));
+    for (std::size_t i = 0; i < size; i += 1 + random() % 4) input[i] = static_cast<std::uint8_t>(i % 5);
+    const auto stream = Compress2(input, static_cast<int>(random() % 10));
+    for (int k = 0; k < 10; ++k) {
+      auto damaged = stream;
+      const int changes = 1 + static_cast<int>(random() % 3);
+      for (int c = 0; c < changes; ++c) damaged[random() % damaged.size()] ^= static_cast<std::uint8_t>(1 + random() % 255);
+      ASSERT_TRUE(comparison.Check(damaged, size)) << n << " " << k;
+      ASSERT_TRUE(comparison.Check(damaged, size + 40)) << n << " " << k;
+    }
+  }
+  EXPECT_EQ(comparison.compared, 6000u);
 }
 
 }  // namespace
