@@ -56,9 +56,11 @@ if [ "$(cat "$mingw_libdeflate/debian-version" 2> /dev/null || true)" != "$libde
   done
   apt_source=(apt-get -q -o Dir::Etc::SourceList="$work/none.list" -o Dir::Etc::SourceParts="$work/parts"
               -o Dir::State::Lists="$work/lists" -o Dir::Cache="$work/cache" -o APT::Sandbox::User="$(id -un)")
-  "${apt_source[@]}" update > "$work/update.log" 2>&1 || { cat "$work/update.log"; exit 1; }
+  # A suite without source indices (another vendor's) fails the update but
+  # not the fetch from Debian's: only the fetch decides.
+  "${apt_source[@]}" update > "$work/update.log" 2>&1 || true
   (cd "$work/source" && "${apt_source[@]}" source "libdeflate=$libdeflate_version") > "$work/source.log" 2>&1 ||
-    { cat "$work/source.log"; exit 1; }
+    { cat "$work/update.log" "$work/source.log"; exit 1; }
   tree=$(find "$work/source" -mindepth 1 -maxdepth 1 -type d -name 'libdeflate-*')
   make -C "$tree" -j2 CC=x86_64-w64-mingw32-gcc-posix AR=x86_64-w64-mingw32-ar libdeflatestatic.lib \
     > "$work/build.log" 2>&1 || { cat "$work/build.log"; exit 1; }
