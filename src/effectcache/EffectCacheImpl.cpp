@@ -194,6 +194,13 @@ std::wstring EffectCacheImpl::FileMutexName(const std::wstring& cacheFilePath) {
   return SharedObjectBaseName(PlatformFile::CanonicalPath(cacheFilePath.c_str())) + L"_mutex";
 }
 
+std::string EffectCacheImpl::OwnerNote(const std::wstring& cacheFilePath) {
+  const std::int64_t owner = PlatformFile::OtherOwner(cacheFilePath.c_str());
+  if (owner < 0) return std::string();
+  return "the cache file belongs to another user (user id " + std::to_string(owner) +
+         "): a cache is written only by the user who owns its file, and served read only to others";
+}
+
 std::wstring EffectCacheImpl::TimeStampName(const std::wstring& cacheFilePath) {
   return SharedObjectBaseName(PlatformFile::CanonicalPath(cacheFilePath.c_str())) + L"_timestamp";
 }
@@ -387,14 +394,21 @@ EffectCacheImpl::OpenOutcome EffectCacheImpl::OpenCacheFile() {
   try {
     AutoMutex hold(*fileMutex_);
     if (!hold.IsOwner()) return OpenOutcome::kUnavailable;
-    PagedFilePackage::LoadFailure why = PagedFilePackage::LoadFailure::kNone;
-    RefPtr<PagedFilePackage> opened = PagedFilePackage::Open(config_, &why);
-    if (opened) {
-      package_ = RefPtr<IDataStreamSet>(opened.Get());
-    } else if (why == PagedFilePackage::LoadFailure::kCorrupt) {
-      return OpenOutcome::kCorrupt;
-    } else if (!OpenReadOnlyIfNotWritable()) {
-      return OpenOutcome::kUnavailable;
+    if (PlatformFile::OtherOwner(config_.filePath) >= 0) {
+      // Named objects belong to their user: another user's hosts lock and
+      // stamp the file through objects this process cannot meet, so it
+      // reads their file and never writes it.
+      if (!OpenReadOnly()) return OpenOutcome::kUnavailable;
+    } else {
+      PagedFilePackage::LoadFailure why = PagedFilePackage::LoadFailure::kNone;
+      RefPtr<PagedFilePackage> opened = PagedFilePackage::Open(config_, &why);
+      if (opened) {
+        package_ = RefPtr<IDataStreamSet>(opened.Get());
+      } else if (why == PagedFilePackage::LoadFailure::kCorrupt) {
+        return OpenOutcome::kCorrupt;
+      } else if (!OpenReadOnlyIfNotWritable()) {
+        return OpenOutcome::kUnavailable;
+      }
     }
     const OpenOutcome loaded = LoadView();
     if (loaded != OpenOutcome::kOpened) DropPackage();
@@ -419,6 +433,10 @@ bool EffectCacheImpl::OpenReadOnlyIfNotWritable() {
   probe = PlatformFile::Open(config_.filePath, "rb");
   if (probe == nullptr) return false;
   PlatformFile::Close(probe);
+  return OpenReadOnly();
+}
+
+bool EffectCacheImpl::OpenReadOnly() {
   RefPtr<PagedFilePackage> package(new PagedFilePackage(config_));
   if (!package->LoadReadOnly()) return false;
   package_ = RefPtr<IDataStreamSet>(package.Get());

@@ -154,7 +154,8 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // is then as its last save left it).
   bool CompactFile(PagedFilePackage::CompactResult* result);
 
-  // True when the cache file could only be opened for reading.
+  // True when the cache file is only read: it could only be opened for
+  // reading, or it belongs to another user (see OwnerNote).
   bool IsReadOnly() const;
   // Gives the cache a remote store (see EffectRemoteStore), or none with
   // null. A store named by the environment variable
@@ -181,6 +182,10 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // + "_timestamp".
   static std::wstring FileMutexName(const std::wstring& cacheFilePath);
   static std::wstring TimeStampName(const std::wstring& cacheFilePath);
+  // Why a cache file is served read only to this process although it may
+  // write it: the file belongs to another user (whose named objects this
+  // process cannot meet). Empty when it does not.
+  static std::string OwnerNote(const std::wstring& cacheFilePath);
 
  private:
   struct PendingEffect {
@@ -245,6 +250,7 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   std::uint64_t GetSizeLimit() const;
   bool SaveToFile();
   bool OpenReadOnlyIfNotWritable();
+  bool OpenReadOnly();
   bool SaveDirectory();
   bool SaveCounts(bool zero);
   bool Search(const std::string& key, Tab<unsigned char>& data);

@@ -51,6 +51,13 @@ class FileSystem {
   // its folder. The path itself when it cannot be resolved (a missing
   // folder) and on file systems without links.
   virtual std::wstring CanonicalPath(const wchar_t* path) { return path; }
+  // The user id of the file's owner when it exists and belongs to a user
+  // other than the one this process runs as; -1 otherwise (a missing file,
+  // and always on systems whose named objects are not per user).
+  virtual std::int64_t OtherOwner(const wchar_t* path) {
+    (void)path;
+    return -1;
+  }
   // Bytes still available to this process on the volume of `folder`; 0
   // when it cannot be told.
   virtual std::uint64_t AvailableBytes(const wchar_t* folder) = 0;

@@ -9,7 +9,8 @@
 //
 // Windows: a kernel mutex (CreateMutexW). POSIX: one in-process recursive
 // lock per name, from a process-wide registry, plus an flock on a lock file
-// named after the mutex in /dev/shm (or /tmp). The lock file is created once
+// named after the mutex in the user's own object folder (ObjectFolder: no
+// other user can open it or make it first). The lock file is created once
 // and never removed, so a wait locks without checking which file is linked.
 //
 // While a test counts them (MutexWaits), every wait is counted, under the

@@ -76,6 +76,10 @@ class NativeFile {
   // file in an existing folder (the folder's, the separator and the name).
   // Empty when neither resolves.
   static std::wstring CanonicalPath(const wchar_t* path);
+  // The owner's user id when the file exists and belongs to another user
+  // than this process's effective one (POSIX); -1 otherwise, and always on
+  // Windows, where named objects are the session's, not a file's owner's.
+  static std::int64_t OtherOwner(const wchar_t* path);
   // The system's path separator: '\\' on Windows, '/' elsewhere.
   static wchar_t Separator();
 };

@@ -62,6 +62,8 @@ int NativeFileSystem::Rename(const wchar_t* from, const wchar_t* to) { return Na
 
 bool NativeFileSystem::Exists(const wchar_t* path) { return NativeFile::Exists(path); }
 
+std::int64_t NativeFileSystem::OtherOwner(const wchar_t* path) { return NativeFile::OtherOwner(path); }
+
 std::wstring NativeFileSystem::CanonicalPath(const wchar_t* path) {
   std::wstring canonical = NativeFile::CanonicalPath(path);
   return canonical.empty() ? std::wstring(path) : canonical;

@@ -27,6 +27,7 @@ class NativeFileSystem : public FileSystem {
   int Rename(const wchar_t* from, const wchar_t* to) override;
   bool Exists(const wchar_t* path) override;
   std::wstring CanonicalPath(const wchar_t* path) override;
+  std::int64_t OtherOwner(const wchar_t* path) override;
   std::uint64_t AvailableBytes(const wchar_t* folder) override;
   void CutPower() override;
 

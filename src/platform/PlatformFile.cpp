@@ -129,6 +129,8 @@ bool PlatformFile::Exists(const wchar_t* path) { return FileSystem::Current().Ex
 
 std::wstring PlatformFile::CanonicalPath(const wchar_t* path) { return FileSystem::Current().CanonicalPath(path); }
 
+std::int64_t PlatformFile::OtherOwner(const wchar_t* path) { return FileSystem::Current().OtherOwner(path); }
+
 std::uint64_t PlatformFile::AvailableBytes(const wchar_t* folder) {
   std::uint64_t figure = 0;
   if (FileFaults::AvailableBytesOverride(&figure)) return figure;

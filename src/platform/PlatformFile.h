@@ -38,6 +38,7 @@ class PlatformFile {
   static int Rename(const wchar_t* from, const wchar_t* to);
   static bool Exists(const wchar_t* path);
   static std::wstring CanonicalPath(const wchar_t* path);
+  static std::int64_t OtherOwner(const wchar_t* path);
   // Free bytes available to this process on the volume of `folder` (or the
   // figure a test set through FileFaults).
   static std::uint64_t AvailableBytes(const wchar_t* folder);

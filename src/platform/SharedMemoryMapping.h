@@ -8,8 +8,9 @@
 // handles; after the last one is closed, the next Open finds nothing and the
 // next Create makes the block afresh, zero-filled.
 //
-// POSIX: shm_open under "/" + name (shortened by ObjectName's rule beyond
-// 255 bytes), with every holder keeping a shared flock on a companion lock
+// POSIX: a file named after the block (shortened by ObjectName's rule
+// beyond 255 bytes) in the user's own object folder (ObjectFolder), mapped
+// shared, with every holder keeping a shared flock on a companion lock
 // file; a Close that can then take the exclusive lock without waiting is the
 // last one and unlinks the block (the companion file itself stays, as every
 // lock file does), and an Open that can take it finds a block

@@ -7,6 +7,7 @@
 #ifndef _WIN32
 #include <grp.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 #endif
@@ -39,6 +40,36 @@ bool UnprivilegedUser::Find(UnprivilegedUser* user, std::string* why) {
   return true;
 }
 
+bool UnprivilegedUser::Make(const std::string& name, const std::string& group, const std::filesystem::path& home,
+                            UnprivilegedUser* user, std::string* why) {
+  if (!ThisProcessIsPrivileged()) {
+    *why = "only root can make accounts";
+    return false;
+  }
+  std::filesystem::create_directories(home);
+  const std::string quiet = " > /dev/null 2>&1";
+  const bool known = getpwnam(name.c_str()) != nullptr;
+  const std::string account = known ? "usermod -d '" + home.string() + "' -g " + group + " " + name
+                                    : "useradd -M -d '" + home.string() + "' -g " + group +
+                                          " -s /usr/sbin/nologin " + name;
+  if (std::system(("groupadd -f " + group + quiet).c_str()) != 0 || std::system((account + quiet).c_str()) != 0) {
+    *why = "groupadd or useradd failed for " + name;
+    return false;
+  }
+  const passwd* entry = getpwnam(name.c_str());
+  if (entry == nullptr) {
+    *why = "the account " + name + " was not made";
+    return false;
+  }
+  user->userId = entry->pw_uid;
+  user->groupId = entry->pw_gid;
+  if (chown(home.c_str(), user->userId, user->groupId) != 0 || chmod(home.c_str(), 0700) != 0) {
+    *why = Failed("giving " + home.string() + " to " + name);
+    return false;
+  }
+  return true;
+}
+
 bool UnprivilegedUser::Own(const std::filesystem::path& folder, std::string* why) const {
   if (chown(folder.c_str(), userId, groupId) == 0) return true;
   *why = Failed("giving " + folder.string() + " to " + kAccount);
@@ -51,11 +82,11 @@ bool UnprivilegedUser::Become(std::string* why) const {
     return false;
   }
   if (setgid(groupId) != 0 || setuid(userId) != 0) {
-    *why = Failed(std::string("becoming ") + kAccount);
+    *why = Failed("becoming user " + std::to_string(userId));
     return false;
   }
   if (geteuid() == 0 || getegid() == 0) {
-    *why = "still root after becoming " + std::string(kAccount);
+    *why = "still root after becoming user " + std::to_string(userId);
     return false;
   }
   return true;
@@ -67,6 +98,12 @@ bool UnprivilegedUser::ThisProcessIsPrivileged() { return false; }
 
 bool UnprivilegedUser::Find(UnprivilegedUser*, std::string* why) {
   *why = "Windows has no account to drop to";
+  return false;
+}
+
+bool UnprivilegedUser::Make(const std::string&, const std::string&, const std::filesystem::path&,
+                            UnprivilegedUser*, std::string* why) {
+  *why = "Windows has no accounts a test can make";
   return false;
 }
 

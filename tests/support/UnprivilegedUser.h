@@ -23,6 +23,11 @@ class UnprivilegedUser {
   static bool ThisProcessIsPrivileged();
   // The account; false, with the reason in *why, when there is none.
   static bool Find(UnprivilegedUser* user, std::string* why);
+  // An account of the test's own, `name` in group `group` (both made with
+  // groupadd and useradd when missing), whose home is `home` (made, and
+  // given to it, mode 0700). Root only; false, with *why, otherwise.
+  static bool Make(const std::string& name, const std::string& group, const std::filesystem::path& home,
+                   UnprivilegedUser* user, std::string* why);
 
   // Makes the account the owner of `folder`; false, with *why, when it cannot.
   bool Own(const std::filesystem::path& folder, std::string* why) const;

@@ -16,6 +16,7 @@
 #include "TextFormat.h"
 #include "ToolError.h"
 #include "VerifyReport.h"
+#include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectCacheMaintenance.h"
 #include "effectcache/EffectCacheStats.h"
 #include "effectcache/EffectIndex.h"
@@ -321,7 +322,9 @@ int EffectCommands::Put(const CommandLine& line, Console& console) {
     const CacheFile check(folder);  // refuses a file the library would replace
   }
   if (!StoreThroughLibrary(folder, name, bytes, line.Has("--permanent"))) {
-    throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved");
+    const std::string owner = EffectCacheImpl::OwnerNote(CacheFile::FileOf(folder).Absolute());
+    throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved" +
+                                             (owner.empty() ? "" : ": " + owner));
   }
   const CacheFile cache(folder);
   const CacheFile::Entry* stored = cache.Find(name);

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "platform/ObjectName.h"
+#include "platform/posix/ObjectFolder.h"
 
 namespace Tovrel {
 
@@ -15,25 +16,25 @@ namespace {
 
 constexpr std::size_t kFileNameLimit = 255;
 
-// /dev/shm when this process may create files there, else /tmp.
-const std::string& Directory() {
-  static const std::string directory = access("/dev/shm", W_OK | X_OK) == 0 ? "/dev/shm" : "/tmp";
-  return directory;
-}
-
 }  // namespace
 
 LockFile::LockFile(const std::string& name, const char* suffix) : fd_(-1) {
+  const std::string folder = ObjectFolder::Path();
+  if (folder.empty()) return;  // Open fails: no folder of this user's own
   const std::size_t room = kFileNameLimit - std::strlen(suffix);
-  path_ = Directory() + "/" + ObjectName::Shorten(name, room) + suffix;
+  path_ = folder + "/" + ObjectName::Shorten(name, room) + suffix;
 }
 
 LockFile::~LockFile() { Close(); }
 
 bool LockFile::Open() {
   if (fd_ >= 0) return true;
+  if (path_.empty()) {
+    errno = EACCES;
+    return false;
+  }
   do {
-    fd_ = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    fd_ = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   } while (fd_ < 0 && errno == EINTR);
   return fd_ >= 0;
 }

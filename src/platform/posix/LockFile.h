@@ -2,9 +2,10 @@
 // object.
 //
 // The POSIX stand-in for the kernel's own bookkeeping of named objects: the
-// lock files of named mutexes and of shared-memory holders live in /dev/shm
-// (in /tmp where /dev/shm is missing). A name that would not fit into a file
-// name is shortened by ObjectName's rule.
+// lock files of named mutexes and of shared-memory holders live in the
+// user's own object folder (ObjectFolder), opened without following links.
+// A name that would not fit into a file name is shortened by ObjectName's
+// rule.
 //
 // A lock file is created once and never removed, by this process or any
 // other: whoever opens the path meets the one file every other user of the

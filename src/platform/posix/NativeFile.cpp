@@ -205,6 +205,12 @@ std::wstring NativeFile::CanonicalPath(const wchar_t* path) {
   return WideText::FromUtf8(resolved + name);
 }
 
+std::int64_t NativeFile::OtherOwner(const wchar_t* path) {
+  struct stat status {};
+  if (stat(WideText::ToUtf8(path).c_str(), &status) != 0 || status.st_uid == geteuid()) return -1;
+  return static_cast<std::int64_t>(status.st_uid);
+}
+
 wchar_t NativeFile::Separator() { return L'/'; }
 
 }  // namespace Tovrel

@@ -8,6 +8,7 @@
 
 #include <cassert>
 #include <cerrno>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <string>
@@ -15,19 +16,26 @@
 #include "platform/ObjectName.h"
 #include "platform/WideText.h"
 #include "platform/posix/LockFile.h"
+#include "platform/posix/ObjectFolder.h"
 
 namespace Tovrel {
 
 namespace {
 
-// "/" + name must fit into 255 bytes.
-constexpr std::size_t kShmNameLimit = 254;
+// A block's file name: the name, shortened to leave room for the suffix.
+constexpr std::size_t kFileNameLimit = 255;
+constexpr const char* kBlockSuffix = ".block";
+
+std::string BlockPath(const std::string& name) {
+  const std::string folder = ObjectFolder::Path();
+  if (folder.empty()) return std::string();
+  return folder + "/" + ObjectName::Shorten(name, kFileNameLimit - std::strlen(kBlockSuffix)) + kBlockSuffix;
+}
 
 // What a handle stands for: one open block and this holder's shared lock on
 // the block's companion file.
 struct Block {
-  explicit Block(const std::string& name)
-      : shmName("/" + ObjectName::Shorten(name, kShmNameLimit)), holders(name, ".holders") {}
+  explicit Block(const std::string& name) : path(BlockPath(name)), holders(name, ".holders") {}
 
   ~Block() {
     const int error = errno;
@@ -42,11 +50,11 @@ struct Block {
   // of the name always locks the same file.
   void DropHold() {
     holders.Flock(LOCK_UN);
-    if (holders.Flock(LOCK_EX | LOCK_NB)) shm_unlink(shmName.c_str());
+    if (holders.Flock(LOCK_EX | LOCK_NB)) unlink(path.c_str());
     holders.Close();
   }
 
-  std::string shmName;  // name for shm_open
+  std::string path;     // the block's file in the user's object folder
   LockFile holders;     // held shared while this handle lives
   int fd = -1;          // the shared-memory object, or -1
   // Invariant: view is null exactly when viewBytes is 0.
@@ -76,7 +84,7 @@ void* SharedMemoryMapping::Open(const wchar_t* name) {
     return nullptr;
   }
   if (errno != EWOULDBLOCK || !block->holders.Flock(LOCK_SH)) return nullptr;
-  block->fd = shm_open(block->shmName.c_str(), O_RDWR, 0);
+  block->fd = open(block->path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
   if (block->fd < 0) return nullptr;
   return block.release();
 }
@@ -89,7 +97,7 @@ void* SharedMemoryMapping::Create(const wchar_t* name, std::uint32_t bytes) {
   }
   auto block = std::make_unique<Block>(WideText::ToUtf8(name));
   if (!block->holders.Open() || !block->holders.Flock(LOCK_SH)) return nullptr;
-  block->fd = shm_open(block->shmName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+  block->fd = open(block->path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (block->fd < 0) return nullptr;
   if (ftruncate(block->fd, static_cast<off_t>(bytes)) != 0) return nullptr;
   return block.release();

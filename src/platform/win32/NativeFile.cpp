@@ -241,6 +241,8 @@ std::wstring NativeFile::CanonicalPath(const wchar_t* path) {
   return resolved + name;
 }
 
+std::int64_t NativeFile::OtherOwner(const wchar_t*) { return -1; }
+
 wchar_t NativeFile::Separator() { return L'\\'; }
 
 }  // namespace Tovrel
