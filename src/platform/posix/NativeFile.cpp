@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "platform/WideText.h"
 
@@ -44,12 +45,12 @@ int OpenFlags(const char* mode) {
   return -1;
 }
 
-// realpath into `resolved`; false when the path does not resolve.
+// realpath into `resolved`; false when the path does not resolve. The
+// system's buffer is freed even when copying it runs out of memory.
 bool Resolve(const std::string& path, std::string* resolved) {
-  char* real = realpath(path.c_str(), nullptr);
-  if (real == nullptr) return false;
-  resolved->assign(real);
-  std::free(real);
+  const std::unique_ptr<char, void (*)(void*)> real(realpath(path.c_str(), nullptr), std::free);
+  if (!real) return false;
+  resolved->assign(real.get());
   return true;
 }
 
