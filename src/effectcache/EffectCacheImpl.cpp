@@ -191,7 +191,11 @@ WStr EffectCacheImpl::CacheFilePathFor(const WStr& cacheFolder) {
 }
 
 std::wstring EffectCacheImpl::FileMutexName(const std::wstring& cacheFilePath) {
-  return SharedObjectBaseName(PlatformFile::CanonicalPath(cacheFilePath.c_str())) + L"_mutex";
+  return CanonicalBaseName(cacheFilePath) + L"_mutex";
+}
+
+std::wstring EffectCacheImpl::CanonicalBaseName(const std::wstring& cacheFilePath) {
+  return SharedObjectBaseName(PlatformFile::CanonicalPath(cacheFilePath.c_str()));
 }
 
 std::string EffectCacheImpl::OwnerNote(const std::wstring& cacheFilePath) {
@@ -202,7 +206,7 @@ std::string EffectCacheImpl::OwnerNote(const std::wstring& cacheFilePath) {
 }
 
 std::wstring EffectCacheImpl::TimeStampName(const std::wstring& cacheFilePath) {
-  return SharedObjectBaseName(PlatformFile::CanonicalPath(cacheFilePath.c_str())) + L"_timestamp";
+  return CanonicalBaseName(cacheFilePath) + L"_timestamp";
 }
 
 std::wstring EffectCacheImpl::SharedObjectBaseName(const std::wstring& cacheFilePath) {

@@ -188,6 +188,9 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   static std::string OwnerNote(const std::wstring& cacheFilePath);
 
  private:
+  // The shared-object base name of the file's canonical path.
+  static std::wstring CanonicalBaseName(const std::wstring& cacheFilePath);
+
   struct PendingEffect {
     Tab<unsigned char> bytes;
     std::uint32_t permanent;

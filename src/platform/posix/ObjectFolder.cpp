@@ -56,10 +56,13 @@ std::string ObjectFolder::Choose(const std::string& sharedParent, const std::str
 }
 
 std::string ObjectFolder::Path() {
-  static std::mutex lock;
-  static std::string chosen;
+  // Never destroyed, so that named objects of static lifetime may still be
+  // made and closed while the process exits.
+  static std::mutex* const lock = new std::mutex;
+  static std::string* const held = new std::string;
+  std::string& chosen = *held;
   const unsigned userId = geteuid();
-  std::lock_guard<std::mutex> hold(lock);
+  std::lock_guard<std::mutex> hold(*lock);
   if (!chosen.empty() && IsPrivate(chosen, userId)) return chosen;
   chosen = Choose(SharedParent(), HomeOf(userId), userId);
   return chosen;
