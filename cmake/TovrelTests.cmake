@@ -87,7 +87,7 @@ add_test(NAME exports
 
 # The installed library used from another project (tests/install/check.sh).
 # A sanitized build is not one to install.
-if(NOT TOVREL_SANITIZE)
+if(NOT TOVREL_SANITIZE AND NOT TOVREL_TSAN)
   add_test(NAME install
     COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/tests/install/check.sh ${TOVREL_SYSTEM} ${CMAKE_BINARY_DIR}
             ${TOVREL_INSTALL_CHECK_TOOL} $<IF:$<BOOL:${TOVREL_WERROR}>,ON,OFF>)

@@ -77,8 +77,8 @@ __attribute__((no_sanitize("coverage"))) std::vector<std::wstring> NamesFrom(con
 // calls would: the cache's waits re-enter them without a system call, so
 // that the run spends its time on the file, which is what it explores.
 void KeepSharedObjects(const std::wstring& file) {
-  static NorvaneSDK::Util::MutexObject mutex(Tovrel::EffectCacheImpl::FileMutexName(file).c_str());
-  static const std::wstring stampName = Tovrel::EffectCacheImpl::TimeStampName(file);
+  static NorvaneSDK::Util::MutexObject mutex(Tovrel::CacheFileNames::FileMutexName(file).c_str());
+  static const std::wstring stampName = Tovrel::CacheFileNames::TimeStampName(file);
   static Tovrel::MultiProcessTimeStamp stamp;
   static NorvaneSDK::Util::MutexObject stampMutex((stampName + L"_mutex").c_str());
   static const bool owned =

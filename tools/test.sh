@@ -38,12 +38,29 @@ check_skips() {  # build folder, system
   skipped=$((skipped + $(sed -n 's/^skipped: //p' "$1.skips.log")))
 }
 
+# The tests of code that runs on several threads, under ThreadSanitizer:
+# only the programs that hold them are built, and only those tests run.
+tsan() {
+  local dir=build/tsan
+  echo "=== $dir (RelWithDebInfo, ThreadSanitizer)"
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVREL_WERROR=ON -DTOVREL_TSAN=ON > "$dir.configure.log" 2>&1 || {
+    cat "$dir.configure.log"; exit 1; }
+  cmake --build "$dir" -j "$jobs" --target platform_tests package_tests effectcache_tests
+  export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
+  "$dir/platform_tests" --gtest_brief=1 --gtest_filter='ReaderWriterLockTest.*:PositionalFileHandleTest.ReadAt*:MemoryFileSystemTest.ReadAt*'
+  "$dir/package_tests" --gtest_brief=1 --gtest_filter='DirectStreamReaderTest.*'
+  "$dir/effectcache_tests" --gtest_brief=1 --gtest_filter='EffectCacheParallelTest.*:CacheFileLockTest.*'
+  unset TSAN_OPTIONS
+  passed=$((passed + 3))
+}
+
 passed=0
 skipped=0
 
 mkdir -p build
 run linux linux Release
 run sanitize linux Debug -DTOVREL_SANITIZE=ON
+tsan
 wine wineboot --init > /dev/null 2>&1 || true
 # The Windows tests cannot start Linux programs: the Linux test program
 # serves nginx and the fault server for them while they run.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 #include <new>
+#include <shared_mutex>
 #include <utility>
 #include <vector>
 
@@ -12,6 +13,7 @@
 #include "effectcache/EffectCacheStats.h"
 #include "effectcache/EffectPayload.h"
 #include "effectcache/UserDataBlock.h"
+#include "package/DirectStreamReader.h"
 #include "host/AutoMutex.h"
 #include "host/Path.h"
 #include "host/TabOutOfRangeException.h"
@@ -29,9 +31,6 @@
 namespace Tovrel {
 
 namespace {
-
-using NorvaneSDK::Util::AutoMutex;
-using NorvaneSDK::Util::MutexObject;
 
 static_assert(EffectCacheImpl::kEffectSizeLimit == EffectIndex::kEffectSizeLimit, "one effect size limit");
 static_assert(EffectCacheImpl::kEffectNameSizeLimit == EffectIndex::kNameSizeLimit, "one name size limit");
@@ -81,9 +80,9 @@ EffectCacheImpl::EffectCacheImpl(const WStr& cacheFolder, int compressionLevel, 
     NorvaneSDK::Util::Path folder(folderPath_.data());
     folder.AddTrailingSeparator();
     folderPath_ = WStr(folder.GetCStr());
-    cacheFilePath_ = CacheFilePathFor(cacheFolder);
+    cacheFilePath_ = CacheFileNames::CacheFilePathFor(cacheFolder);
   }
-  fileMutex_.reset(new MutexObject(FileMutexName(cacheFilePath_.data()).c_str()));
+  fileLock_.reset(new CacheFileLock(cacheFilePath_.data()));
   config_.filePath = cacheFilePath_.data();
   journalPath_ = RollbackJournal::PathFor(cacheFilePath_.data());
   config_.cachePageCount = kCachePageCount;
@@ -99,7 +98,7 @@ bool EffectCacheImpl::InitializeTimeStamp() {
   // unusable until the stamp can be had.
   if (stampReady_) return true;
   try {
-    stampReady_ = timeStamp_.Initialize(TimeStampName(cacheFilePath_.data()).c_str());
+    stampReady_ = timeStamp_.Initialize(CacheFileNames::TimeStampName(cacheFilePath_.data()).c_str());
   } catch (const std::exception&) {
     stampReady_ = false;
   }
@@ -120,7 +119,7 @@ bool EffectCacheImpl::EnsureOpen() {
   openAttempted_ = true;
   lastOpenAttempt_ = now;
   if (!InitializeTimeStamp()) return false;
-  AutoMutex hold(*fileMutex_);
+  CacheFileLock::Hold hold(*fileLock_);
   if (!hold.IsOwner()) return false;
   // Only a file proven damaged or foreign (or missing) is replaced; one
   // that could not be read as it is stays untouched for a later try.
@@ -131,7 +130,7 @@ bool EffectCacheImpl::EnsureOpen() {
 }
 
 void EffectCacheImpl::SetRemoteStore(const EffectRemoteStore::Settings* settings) {
-  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::lock_guard<ReaderWriterLock> guard(lock_);
   CountRemoteWork();
   remote_.reset(settings != nullptr ? new EffectRemoteStore(*settings) : nullptr);
   remoteCounted_ = EffectRemoteStore::Counts{};
@@ -162,13 +161,14 @@ bool EffectCacheImpl::SetRemoteStore(const wchar_t* text) {
 }
 
 EffectRemoteStore::Counts EffectCacheImpl::GetRemoteCounts() const {
-  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::shared_lock<ReaderWriterLock> shared(lock_);
   return remote_ ? remote_->GetCounts() : EffectRemoteStore::Counts{};
 }
 
 EffectCacheImpl::~EffectCacheImpl() {
-  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::lock_guard<ReaderWriterLock> guard(lock_);
   try {
+    FoldSearchCounts();
     SaveToFile();
     profile_.AppendToConfiguredLog();
   } catch (...) {
@@ -178,45 +178,9 @@ EffectCacheImpl::~EffectCacheImpl() {
   {
     // The package ends under the mutex: nothing it does then can race
     // another process's save.
-    AutoMutex hold(*fileMutex_);
+    CacheFileLock::Hold hold(*fileLock_);
     DropPackage();
   }
-}
-
-WStr EffectCacheImpl::CacheFilePathFor(const WStr& cacheFolder) {
-  if (cacheFolder.isNull()) return WStr();
-  NorvaneSDK::Util::Path file(cacheFolder.data());
-  file.AddTrailingSeparator();
-  return WStr(std::wstring(file.GetCStr()) + kCacheFileName);
-}
-
-std::wstring EffectCacheImpl::FileMutexName(const std::wstring& cacheFilePath) {
-  return CanonicalBaseName(cacheFilePath) + L"_mutex";
-}
-
-std::wstring EffectCacheImpl::CanonicalBaseName(const std::wstring& cacheFilePath) {
-  return SharedObjectBaseName(PlatformFile::CanonicalPath(cacheFilePath.c_str()));
-}
-
-std::string EffectCacheImpl::OwnerNote(const std::wstring& cacheFilePath) {
-  const std::int64_t owner = PlatformFile::OtherOwner(cacheFilePath.c_str());
-  if (owner < 0) return std::string();
-  return "the cache file belongs to another user (user id " + std::to_string(owner) +
-         "): a cache is written only by the user who owns its file, and served read only to others";
-}
-
-std::wstring EffectCacheImpl::TimeStampName(const std::wstring& cacheFilePath) {
-  return CanonicalBaseName(cacheFilePath) + L"_timestamp";
-}
-
-std::wstring EffectCacheImpl::SharedObjectBaseName(const std::wstring& cacheFilePath) {
-  std::wstring base;
-  base.reserve(cacheFilePath.size());
-  for (wchar_t c : cacheFilePath) {
-    const bool keep = (c >= L'a' && c <= L'z') || (c >= L'A' && c <= L'Z') || (c >= L'0' && c <= L'9');
-    base.push_back(keep ? c : L'_');
-  }
-  return base;
 }
 
 bool EffectCacheImpl::CacheCompiledEffect(const WStr& name, const unsigned char* data, std::size_t size,
@@ -224,7 +188,7 @@ bool EffectCacheImpl::CacheCompiledEffect(const WStr& name, const unsigned char*
   if (data == nullptr || size < 1 || size > kEffectSizeLimit) return false;
   std::string key;
   if (!Utf8Name(name, &key) || key.empty() || key.size() > kEffectNameSizeLimit) return false;
-  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::lock_guard<ReaderWriterLock> guard(lock_);
   CheckInvariants();
   if (!EnsureOpen()) return false;
   const std::uint64_t adds = EffectRecord::kSize + (8 + key.size()) + (8 + size);
@@ -249,40 +213,40 @@ bool EffectCacheImpl::CacheCompiledEffect(const WStr& name, const unsigned char*
 }
 
 void EffectCacheImpl::ForceSaveToFile() {
-  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::lock_guard<ReaderWriterLock> guard(lock_);
   SaveToFile();
 }
 
 std::size_t EffectCacheImpl::GetNumberOfEffectsInFile() const {
-  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::shared_lock<ReaderWriterLock> shared(lock_);
   return fileEffects_.Size();
 }
 
 std::size_t EffectCacheImpl::GetNumberOfEffectsInMemory() const {
-  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::shared_lock<ReaderWriterLock> shared(lock_);
   return pendingEffects_.size();
 }
 
 std::uint64_t EffectCacheImpl::GetPendingBytes() const {
-  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::shared_lock<ReaderWriterLock> shared(lock_);
   return pendingBytes_;
 }
 
 bool EffectCacheImpl::IsEnabled() const {
-  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::lock_guard<ReaderWriterLock> guard(lock_);
   // A cache whose file could not be read yet tries again here too: hosts
   // ask this before they use the cache. (The object itself is never const.)
   return const_cast<EffectCacheImpl*>(this)->EnsureOpen() && enabled_;
 }
 
 void EffectCacheImpl::SetEnabled(bool enabled) {
-  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::lock_guard<ReaderWriterLock> guard(lock_);
   enabled_ = enabled;
 }
 
 void EffectCacheImpl::ListCachedEffects(const wchar_t* file) {
   if (file == nullptr) return;
-  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::lock_guard<ReaderWriterLock> guard(lock_);
   FileHandle* out = PlatformFile::Open(file, "wb");
   if (out == nullptr) return;
   std::string text = "\xEF\xBB\xBF";
@@ -297,57 +261,175 @@ void EffectCacheImpl::ListCachedEffects(const wchar_t* file) {
 bool EffectCacheImpl::SearchCachedEffects(const WStr& name, Tab<unsigned char>& data) {
   std::string key;
   if (name.isNull() || !Utf8Name(name, &key)) return false;
-  std::lock_guard<std::recursive_mutex> guard(lock_);
-  CheckInvariants();
-  if (!EnsureOpen()) return false;
   const bool found = Search(key, data);
-  ++(found ? counts_.hits : counts_.misses);
+  (found ? searchHits_ : searchMisses_).fetch_add(1, std::memory_order_relaxed);
   return found;
 }
 
+namespace {
+
+// A search's compressed bytes, kept between the searches of one thread so
+// that each one does not allocate its own.
+std::vector<std::uint8_t>& SearchBuffer() {
+  thread_local std::vector<std::uint8_t> buffer;
+  return buffer;
+}
+
+}  // namespace
+
 bool EffectCacheImpl::Search(const std::string& key, Tab<unsigned char>& data) {
-  const auto pending = pendingEffects_.find(key);
-  if (pending != pendingEffects_.end() && pending->second.bytes.Count() > 0) {
-    data.ZeroCount();
-    data.Append(pending->second.bytes.Count(), pending->second.bytes.Addr(0));
-    return true;
+  std::vector<std::uint8_t>& compressed = SearchBuffer();
+  EffectRecord record{};
+  Found found = FindShared(key, data, &record, compressed);
+  // Bytes that fail their checks are looked at again under the locks:
+  // the view that found them may be stale, or they are damaged.
+  if (found == Found::kStored && Decode(record, compressed, data) == EffectPayload::Result::kOk) return true;
+  if (found == Found::kStored || found == Found::kLocked) found = FindLocked(key, data, &record, compressed, false);
+  if (found == Found::kStored) {
+    if (Decode(record, compressed, data) == EffectPayload::Result::kOk) return true;
+    NoteDamaged(key, record);
+    found = Found::kDamaged;
   }
-  {
-    AutoMutex hold(*fileMutex_);
-    if (!hold.IsOwner()) return false;
-    try {
-      // A view that could not be brought up to date is not searched: its
-      // tables may name pages that another process has since reused.
-      if (RefreshIfChanged() && FindInFile(key, data)) return true;
-      // Bytes that failed their checks may be another save's, read through
-      // tables that a save behind the shared stamp's back made stale: when
-      // the file's mark says so, the view is loaded again and read again.
-      if (damaged_.count(key) != 0 && !FileMarkIsKnown()) {
-        staleView_ = true;
-        damaged_.erase(key);
-        if (RefreshIfChanged() && FindInFile(key, data)) return true;
-      }
-    } catch (const std::bad_alloc&) {
-      throw;
-    } catch (const NorvaneSDK::Util::TabOutOfRangeException&) {
-      throw;
-    } catch (const std::exception&) {
-      return false;  // a damaged file: the search misses
+  if (found == Found::kDamaged) {
+    // Bytes that failed their checks may be another save's, read through
+    // tables that a save behind the shared stamp's back made stale: when
+    // the file's mark says so, the view is loaded again and read again.
+    found = FindLocked(key, data, &record, compressed, true);
+    if (found == Found::kStored) {
+      if (Decode(record, compressed, data) == EffectPayload::Result::kOk) return true;
+      NoteDamaged(key, record);
+      found = Found::kDamaged;
     }
   }
-  return FetchFromRemote(key, data);
+  if (found == Found::kPending) return true;
+  return (found == Found::kMissing || found == Found::kDamaged) && FetchFromRemote(key, data);
+}
+
+EffectCacheImpl::Found EffectCacheImpl::FindPending(const std::string& key, Tab<unsigned char>& data) const {
+  const auto pending = pendingEffects_.find(key);
+  if (pending == pendingEffects_.end() || pending->second.bytes.Count() == 0) return Found::kLocked;
+  data.ZeroCount();
+  data.Append(pending->second.bytes.Count(), pending->second.bytes.Addr(0));
+  return Found::kPending;
+}
+
+EffectCacheImpl::Found EffectCacheImpl::FindShared(const std::string& key, Tab<unsigned char>& data,
+                                                   EffectRecord* record, std::vector<std::uint8_t>& compressed) const {
+  std::shared_lock<ReaderWriterLock> shared(lock_);
+  if (FindPending(key, data) == Found::kPending) return Found::kPending;
+  const auto* paged = dynamic_cast<const PagedFilePackage*>(package_.Get());
+  if (paged == nullptr || staleView_) return Found::kLocked;
+  // The view is the file's when no process held the file's lock since
+  // this object let it go with the view current: the save counter proves
+  // it, read before and after the bytes.
+  const std::uint64_t known = fileLock_->LastRelease();
+  if (known % 2 != 0 || fileLock_->Observe() != known) return Found::kLocked;
+  const std::size_t at = fileEffects_.IndexOf(key);
+  if (at != EffectTable::kNone) {
+    const EffectRecord& found = fileEffects_.At(at).record;
+    try {
+      const DirectStreamReader::Result read =
+          DirectStreamReader::Read(*paged, found.streamId, 8 + EffectPayload::CompressedSizeLimit(), compressed);
+      if (read != DirectStreamReader::Result::kOk) return Found::kLocked;
+    } catch (const std::bad_alloc&) {
+      throw;
+    } catch (const std::exception&) {
+      return Found::kLocked;  // a failed read: the locked path tells trouble from damage
+    }
+    *record = found;
+  }
+  // The reads are system calls that have completed by now: a holder whose
+  // writes they may have seen made the counter odd before its first one.
+  if (fileLock_->Observe() != known) return Found::kLocked;
+  if (at == EffectTable::kNone) return Found::kMissing;
+  if (EffectPayload::CheckBlock(*record, compressed) != EffectPayload::Result::kOk) return Found::kLocked;
+  fileEffects_.MarkUsed(at, Now());
+  return Found::kStored;
+}
+
+EffectCacheImpl::Found EffectCacheImpl::FindLocked(const std::string& key, Tab<unsigned char>& data,
+                                                   EffectRecord* record, std::vector<std::uint8_t>& compressed,
+                                                   bool again) {
+  std::lock_guard<ReaderWriterLock> guard(lock_);
+  CheckInvariants();
+  if (FindPending(key, data) == Found::kPending) return Found::kPending;
+  if (!EnsureOpen()) return Found::kFailed;
+  // Taken to read: other processes' searches go on without the lock
+  // unless this one has to write (a reload that rolls a journal back).
+  CacheFileLock::Hold hold(*fileLock_, CacheFileLock::Intent::kRead);
+  if (!hold.IsOwner()) return Found::kFailed;
+  try {
+    if (again) {
+      if (damaged_.count(key) == 0 || FileMarkIsKnown()) return Found::kMissing;
+      staleView_ = true;
+      damaged_.erase(key);
+    }
+    // A view that could not be brought up to date is not searched: its
+    // tables may name pages that another process has since reused.
+    if (!RefreshIfChanged() || !package_) return Found::kMissing;
+    const std::size_t at = fileEffects_.IndexOf(key);
+    if (at == EffectTable::kNone) return Found::kMissing;
+    const EffectRecord& found = fileEffects_.At(at).record;
+    const EffectPayload::Result read = ReadStoredBytes(found, compressed);
+    if (read != EffectPayload::Result::kOk) {
+      // Bytes that failed their checks: the next save looks at them again
+      // and drops the entry if they still do. A read that met a failed
+      // file call proves nothing of them: only a miss.
+      if (read != EffectPayload::Result::kTrouble) damaged_[key] = found.streamId;
+      return Found::kDamaged;
+    }
+    *record = found;
+    fileEffects_.MarkUsed(at, Now());
+    return Found::kStored;
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const NorvaneSDK::Util::TabOutOfRangeException&) {
+    throw;
+  } catch (const std::exception&) {
+    return Found::kFailed;  // a damaged file: the search misses
+  }
+}
+
+EffectPayload::Result EffectCacheImpl::Decode(const EffectRecord& record, const std::vector<std::uint8_t>& compressed,
+                                              Tab<unsigned char>& data) {
+  const std::uint32_t start = LocalClock::TickCount();
+  const EffectPayload::Result result = EffectPayload::DecompressBlock(record, compressed, data);
+  if (result == EffectPayload::Result::kOk) {
+    decodeMilliseconds_.fetch_add(LocalClock::TickCount() - start, std::memory_order_relaxed);
+  }
+  return result;
+}
+
+void EffectCacheImpl::NoteDamaged(const std::string& key, const EffectRecord& record) {
+  std::lock_guard<ReaderWriterLock> guard(lock_);
+  const EffectRecord* entry = fileEffects_.Find(key);
+  if (entry != nullptr && entry->streamId == record.streamId) damaged_[key] = record.streamId;
+}
+
+void EffectCacheImpl::FoldSearchCounts() {
+  counts_.hits += searchHits_.exchange(0, std::memory_order_relaxed);
+  counts_.misses += searchMisses_.exchange(0, std::memory_order_relaxed);
+  profile_.AddDecompression(decodeMilliseconds_.exchange(0, std::memory_order_relaxed));
 }
 
 bool EffectCacheImpl::FetchFromRemote(const std::string& key, Tab<unsigned char>& data) {
-  if (!remote_) return false;
+  // The request runs without any lock: other threads go on meanwhile.
+  std::shared_ptr<EffectRemoteStore> remote;
+  {
+    std::shared_lock<ReaderWriterLock> shared(lock_);
+    remote = remote_;
+  }
+  if (!remote) return false;
   bool permanent = false;
   std::vector<std::uint8_t> compressed;
-  if (!remote_->Fetch(key, data, &permanent, &compressed)) return false;
+  if (!remote->Fetch(key, data, &permanent, &compressed)) return false;
   // The next save keeps it in the file, as if the host had cached it, with
   // the compressed bytes it came in (checked to decompress to `data`). It
   // counts against the limits as a cached effect does: a read-only file
   // keeps no more than its size limit (the effect is served, not kept),
   // and a writable one saves when 2 MiB are waiting.
+  std::lock_guard<ReaderWriterLock> guard(lock_);
+  if (!package_) return true;
   const std::uint64_t adds = EffectRecord::kSize + (8 + key.size()) + (8 + static_cast<std::uint64_t>(data.Count()));
   if (readOnly_ && pendingBytes_ + adds > cacheBytesLimit_) return true;
   Tab<unsigned char> bytes(data);
@@ -362,41 +444,31 @@ bool EffectCacheImpl::FetchFromRemote(const std::string& key, Tab<unsigned char>
   return true;
 }
 
-bool EffectCacheImpl::FindInFile(const std::string& key, Tab<unsigned char>& data) {
-  EffectRecord* found = fileEffects_.Find(key);
-  if (found == nullptr || !package_) return false;
-  const std::uint32_t start = LocalClock::TickCount();
-  const EffectPayload::Result result = ReadStored(*found, data);
-  if (result == EffectPayload::Result::kOk) {
-    profile_.AddDecompression(LocalClock::TickCount() - start);
-    found->lastUsed = Now();
-    return true;
-  }
-  // Bytes that failed their checks: the next save looks at them again and
-  // drops the entry if they still do. A read that met a failed file call
-  // proves nothing of them: only a miss.
-  if (result != EffectPayload::Result::kTrouble) damaged_[key] = found->streamId;
-  return false;
-}
-
-EffectPayload::Result EffectCacheImpl::ReadStored(const EffectRecord& record, Tab<unsigned char>& data) {
-  Tab<unsigned char>& compressed = searchBuffer_;
+EffectPayload::Result EffectCacheImpl::ReadStoredBytes(const EffectRecord& record,
+                                                       std::vector<std::uint8_t>& compressed) {
   EffectPayload::Result result = EffectPayload::Result::kNoStream;
   const std::uint64_t failures = PlatformFile::FailuresOnThisThread();
   try {
-    result = EffectPayload::ReadCompressed(*package_, record, compressed);
+    result = EffectPayload::ReadBlock(*package_, record, compressed);
   } catch (const FileDataCorruptException&) {
     result = EffectPayload::Result::kUnreadable;
   }
-  if (result == EffectPayload::Result::kOk) result = EffectPayload::Decompress(record, compressed, data);
-  if (result != EffectPayload::Result::kOk && PlatformFile::FailuresOnThisThread() != failures) return EffectPayload::Result::kTrouble;
+  if (result != EffectPayload::Result::kOk && PlatformFile::FailuresOnThisThread() != failures) {
+    return EffectPayload::Result::kTrouble;
+  }
   return result;
+}
+
+EffectPayload::Result EffectCacheImpl::ReadStored(const EffectRecord& record, Tab<unsigned char>& data) {
+  std::vector<std::uint8_t> compressed;
+  const EffectPayload::Result read = ReadStoredBytes(record, compressed);
+  return read == EffectPayload::Result::kOk ? EffectPayload::DecompressBlock(record, compressed, data) : read;
 }
 
 EffectCacheImpl::OpenOutcome EffectCacheImpl::OpenCacheFile() {
   const std::uint64_t failures = PlatformFile::FailuresOnThisThread();
   try {
-    AutoMutex hold(*fileMutex_);
+    CacheFileLock::Hold hold(*fileLock_);
     if (!hold.IsOwner()) return OpenOutcome::kUnavailable;
     if (PlatformFile::OtherOwner(config_.filePath) >= 0) {
       // Named objects belong to their user: another user's hosts lock and
@@ -449,7 +521,7 @@ bool EffectCacheImpl::OpenReadOnly() {
 }
 
 bool EffectCacheImpl::IsReadOnly() const {
-  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::shared_lock<ReaderWriterLock> shared(lock_);
   return readOnly_;
 }
 
@@ -457,7 +529,7 @@ bool EffectCacheImpl::CreateCacheFile() {
   if (readOnly_) return false;  // a file that may not be written is never replaced
   ResetState();
   try {
-    AutoMutex hold(*fileMutex_);
+    CacheFileLock::Hold hold(*fileLock_);
     if (!hold.IsOwner()) return false;
     DropPackage();
     package_ = CreateFilePackage(config_);
@@ -528,6 +600,7 @@ bool EffectCacheImpl::TrimAfterLoad() {
 
 bool EffectCacheImpl::SaveIndex() {
   if (!package_) return false;
+  fileEffects_.FoldUses();  // the searches' uses go into the index
   // An index with no entries keeps one byte: a stream is never empty.
   const std::uint64_t size = std::max<std::uint64_t>(IndexSize(fileEffects_), 1);
   RefPtr<IDataStream> stream;
@@ -673,7 +746,13 @@ bool EffectCacheImpl::RefreshIfChanged() {
   // The stamp's news is kept until a reload succeeds: a reload that fails
   // is tried again at the next look.
   if (timeStamp_.IsChanged() || interrupted) staleView_ = true;
-  return !staleView_ || ReloadView();
+  // A writer that died after its commit point changed the file without
+  // renewing the stamp: when anyone wrote since this object last held the
+  // lock, the file's change mark must still be the one it knows.
+  if (!staleView_ && fileLock_->HeldElsewhereSince() && !FileMarkIsKnown()) staleView_ = true;
+  if (!staleView_) return true;
+  fileLock_->WillWrite();  // a reload may roll a journal back
+  return ReloadView();
 }
 
 bool EffectCacheImpl::ReloadView() {
@@ -758,7 +837,7 @@ bool EffectCacheImpl::SaveToFile() {
 
 bool EffectCacheImpl::SaveToFileUnderMutex() {
   if (!package_) return true;
-  AutoMutex hold(*fileMutex_);
+  CacheFileLock::Hold hold(*fileLock_);
   if (!hold.IsOwner()) return false;
   if (pendingEffects_.empty() && damaged_.empty()) return true;
   // Nothing is written from a view that is not the file's: when it cannot
@@ -815,6 +894,7 @@ bool EffectCacheImpl::SaveCounts(bool zero) {
   // A block of the statistics' tag that is not theirs is left alone, and
   // the counts with it: they never stop a save.
   CountRemoteWork();
+  FoldSearchCounts();
   if (counts_.AnyCounts() || zero) EffectCacheStats::AddTo(*package_, counts_, Now(), zero);
   const ChangeMark next = knownMark_.Next();
   if (!ChangeMark::WriteLast(*package_, next) || !package_->Save()) return false;
@@ -825,14 +905,15 @@ bool EffectCacheImpl::SaveCounts(bool zero) {
 }
 
 bool EffectCacheImpl::StoreCopies(std::vector<StoredCopy>& copies, std::uint64_t* stored, std::uint64_t* bytes) {
-  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::lock_guard<ReaderWriterLock> guard(lock_);
   CheckInvariants();
   if (stored != nullptr) *stored = 0;
   if (bytes != nullptr) *bytes = 0;
   std::uint64_t written = 0;
   if (!EnsureOpen() || readOnly_) return false;
-  AutoMutex hold(*fileMutex_);
+  CacheFileLock::Hold hold(*fileLock_);
   if (!hold.IsOwner() || !MakeViewCurrent() || !package_) return false;
+  fileEffects_.FoldUses();
   std::sort(copies.begin(), copies.end(),
             [](const StoredCopy& a, const StoredCopy& b) { return EffectNameOrder()(a.name, b.name); });
   std::vector<EffectTable::Change> changes;
@@ -869,7 +950,7 @@ bool EffectCacheImpl::StoreCopies(std::vector<StoredCopy>& copies, std::uint64_t
 
 bool EffectCacheImpl::ChangeUnderFileMutex(const std::function<bool()>& change) {
   if (!EnsureOpen() || readOnly_) return false;
-  AutoMutex hold(*fileMutex_);
+  CacheFileLock::Hold hold(*fileLock_);
   if (!hold.IsOwner() || !MakeViewCurrent() || !package_) return false;
   try {
     if (!change()) throw FileIOException();
@@ -884,13 +965,14 @@ bool EffectCacheImpl::ChangeUnderFileMutex(const std::function<bool()>& change) 
 }
 
 bool EffectCacheImpl::ZeroStatistics() {
-  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::lock_guard<ReaderWriterLock> guard(lock_);
+  FoldSearchCounts();
   counts_ = EffectCacheStats{};
   return ChangeUnderFileMutex([this] { return SaveCounts(true); });
 }
 
 bool EffectCacheImpl::CompactFile(PagedFilePackage::CompactResult* result) {
-  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::lock_guard<ReaderWriterLock> guard(lock_);
   CheckInvariants();
   return ChangeUnderFileMutex([this, result] {
     auto* paged = dynamic_cast<PagedFilePackage*>(package_.Get());
@@ -909,7 +991,7 @@ bool EffectCacheImpl::CompactFile(PagedFilePackage::CompactResult* result) {
 }
 
 bool EffectCacheImpl::RemoveStored(const RemovalChoice& choose, bool dryRun, Removed* removed) {
-  std::lock_guard<std::recursive_mutex> guard(lock_);
+  std::lock_guard<ReaderWriterLock> guard(lock_);
   CheckInvariants();
   if (removed != nullptr) *removed = Removed{};
   return ChangeUnderFileMutex([&] {
@@ -923,7 +1005,7 @@ bool EffectCacheImpl::RemoveStored(const RemovalChoice& choose, bool dryRun, Rem
   });
 }
 
-std::vector<bool> EffectCacheImpl::ChooseRemovals(const RemovalChoice& choose, Removed* removed) const {
+std::vector<bool> EffectCacheImpl::ChooseRemovals(const RemovalChoice& choose, Removed* removed) {
   std::uint64_t stored = 0;
   for (const EffectTable::Entry& entry : fileEffects_) stored += entry.record.compressedSize;
   std::vector<bool> gone(fileEffects_.Size(), false);
@@ -965,6 +1047,7 @@ void EffectCacheImpl::DiscardPending() {
 }
 
 void EffectCacheImpl::ResetState() {
+  FoldSearchCounts();
   counts_ = EffectCacheStats{};
   fileEffects_.Clear();
   damaged_.clear();
@@ -989,7 +1072,7 @@ void EffectCacheImpl::DropPackage() {
 
 void EffectCacheImpl::CheckInvariants() const {
   assert(compressionLevel_ >= 0 && compressionLevel_ <= 9);
-  assert(fileMutex_ != nullptr);
+  assert(fileLock_ != nullptr);
 #ifndef NDEBUG
   for (const auto& pending : pendingEffects_) {
     assert(pending.second.bytes.Count() >= 1 && static_cast<std::uint64_t>(pending.second.bytes.Count()) <= kEffectSizeLimit);

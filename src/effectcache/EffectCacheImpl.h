@@ -42,8 +42,23 @@
 // size limit, for the object's life; a save PUTs each of them, once, to a
 // remote store that takes them.
 //
-// Owned by EffectCacheSystem. Thread-safety: the public operations take
-// lock_ (then fileMutex_, always in that order).
+// Searches run side by side. A search takes lock_ shared: it finds the
+// effect in the pending map or the index and reads the stored effect's
+// compressed bytes straight from the file (DirectStreamReader), without
+// the named mutex, when the file's save counter (see CacheFileLock) proves
+// that no process held the file's lock since this object last let it go
+// with its view current; the counter is read before and after the bytes,
+// and when it moved, is odd, or the view may be stale, the search takes
+// lock_ alone and the named mutex, as every change does, and reads through
+// the package. Either way the bytes are decompressed, and copied into the
+// caller's Tab, after both locks are let go. A search's use of an entry
+// goes into the index's marks (EffectTable::MarkUsed), its hits and
+// misses into atomic counts; a change folds them in.
+//
+// Owned by EffectCacheSystem. Thread-safety: every public operation may be
+// called from any thread. Changes, and searches that need the named mutex,
+// take lock_ exclusively (then the file's lock, always in that order);
+// other searches take lock_ shared and never the file's lock.
 #ifndef TOVREL_EFFECTCACHE_EFFECTCACHEIMPL_H
 #define TOVREL_EFFECTCACHE_EFFECTCACHEIMPL_H
 
@@ -57,6 +72,8 @@
 #include <string>
 #include <vector>
 
+#include "effectcache/CacheFileLock.h"
+#include "effectcache/CacheFileNames.h"
 #include "effectcache/ChangeMark.h"
 #include "effectcache/EffectBatchCompressor.h"
 #include "effectcache/EffectCacheHeader.h"
@@ -67,12 +84,12 @@
 #include "effectcache/EffectRecord.h"
 #include "effectcache/EffectRemoteStore.h"
 #include "effectcache/EffectTable.h"
-#include "host/MutexObject.h"
 #include "host/NorvaneHeapOperators.h"
 #include "host/RefPtr.h"
 #include "host/Tab.h"
 #include "host/WStr.h"
 #include "package/PagedFilePackage.h"
+#include "platform/ReaderWriterLock.h"
 #include "tovrel/tovrel.h"
 
 namespace Tovrel {
@@ -89,7 +106,7 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   static constexpr int kHostCompressionLevel = 2;
   static constexpr std::uint64_t kCachePageCount = 64;
   static constexpr std::uint64_t kStreamLimit = 65535;
-  static constexpr const wchar_t* kCacheFileName = L"norvaneFxoCache.dat";
+  static constexpr const wchar_t* kCacheFileName = CacheFileNames::kCacheFileName;
   // How long a cache whose file could not be read waits before it tries again.
   static constexpr std::uint32_t kOpenRetryMilliseconds = 1000;
   // For tests: the wait between tries to open a file that could not be read.
@@ -170,27 +187,7 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // The cache file's full path (empty for an empty folder).
   const WStr& GetCacheFileFullPath() const { return cacheFilePath_; }
   std::uint64_t GetPendingBytes() const;
-  // The base name of the shared objects of a cache file: ASCII letters and
-  // digits kept, every other character an underscore.
-  static std::wstring SharedObjectBaseName(const std::wstring& cacheFilePath);
-  // The cache file of a folder: the folder, a separator unless it ends in
-  // one, then kCacheFileName; empty for an empty folder.
-  static WStr CacheFilePathFor(const WStr& cacheFolder);
-  // The names of the named mutex that guards a cache file and of its shared
-  // time stamp, in every process that uses it, whatever path leads there:
-  // the shared-object base name of the file's canonical path + "_mutex" or
-  // + "_timestamp".
-  static std::wstring FileMutexName(const std::wstring& cacheFilePath);
-  static std::wstring TimeStampName(const std::wstring& cacheFilePath);
-  // Why a cache file is served read only to this process although it may
-  // write it: the file belongs to another user (whose named objects this
-  // process cannot meet). Empty when it does not.
-  static std::string OwnerNote(const std::wstring& cacheFilePath);
-
  private:
-  // The shared-object base name of the file's canonical path.
-  static std::wstring CanonicalBaseName(const std::wstring& cacheFilePath);
-
   struct PendingEffect {
     Tab<unsigned char> bytes;
     std::uint32_t permanent;
@@ -256,12 +253,36 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   bool OpenReadOnly();
   bool SaveDirectory();
   bool SaveCounts(bool zero);
+  // What a search found, and where.
+  enum class Found {
+    kPending,  // in the pending map: copied into the caller's Tab
+    kStored,   // in the index: its record and compressed bytes are in hand
+    kMissing,  // in neither (of a view proven current)
+    kDamaged,  // in the index, but its bytes failed their checks
+    kFailed,   // the cache is unusable, the mutex cannot be had, or the file is damaged
+    kLocked,   // not known without the locks: ask under them
+  };
   bool Search(const std::string& key, Tab<unsigned char>& data);
-  bool FindInFile(const std::string& name, Tab<unsigned char>& data);
-  // Reads and decompresses a stored effect through the view; kTrouble
+  Found FindShared(const std::string& key, Tab<unsigned char>& data, EffectRecord* record,
+                   std::vector<std::uint8_t>& compressed) const;
+  Found FindLocked(const std::string& key, Tab<unsigned char>& data, EffectRecord* record,
+                   std::vector<std::uint8_t>& compressed, bool again);
+  Found FindPending(const std::string& key, Tab<unsigned char>& data) const;
+  // Decompresses found bytes (a length-prefixed block) into `data`,
+  // without any lock, and times it for the profile.
+  EffectPayload::Result Decode(const EffectRecord& record, const std::vector<std::uint8_t>& compressed,
+                               Tab<unsigned char>& data);
+  // Notes an entry whose bytes failed their checks (if the index still
+  // names that stream), under lock_.
+  void NoteDamaged(const std::string& key, const EffectRecord& record);
+  // Reads a stored effect's compressed bytes through the package; kTrouble
   // when it failed and a file call failed on the way.
+  EffectPayload::Result ReadStoredBytes(const EffectRecord& record, std::vector<std::uint8_t>& compressed);
+  // Reads and decompresses a stored effect through the view.
   EffectPayload::Result ReadStored(const EffectRecord& record, Tab<unsigned char>& data);
-  std::vector<bool> ChooseRemovals(const RemovalChoice& choose, Removed* removed) const;
+  // Adds the searches' atomic counts and decode times to counts_ and profile_.
+  void FoldSearchCounts();
+  std::vector<bool> ChooseRemovals(const RemovalChoice& choose, Removed* removed);
   void DropDamagedEntries();
   void DiscardPending();
   void ResetState();
@@ -270,7 +291,7 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   void AbandonWrite();
   void CheckInvariants() const;
 
-  mutable std::recursive_mutex lock_;  // over every field below
+  mutable ReaderWriterLock lock_;  // over every field below, but the atomics
   WStr cacheFolder_;                   // as the constructor got it
   WStr folderPath_;                    // with a trailing separator
   WStr cacheFilePath_;                 // folderPath_ + kCacheFileName; empty for an empty folder
@@ -296,16 +317,13 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // Entries whose bytes were found unreadable, with the stream they named;
   // the next save drops them from the index (a save is due while any is).
   std::map<std::string, std::uint64_t, EffectNameOrder> damaged_;
-  // A search's compressed bytes, kept between searches so that each one
-  // does not allocate its own; meaningful only during a search.
-  Tab<unsigned char> searchBuffer_;
   // Estimate of what pendingEffects_ will add to the file: 44 + 8 + name
   // + 8 + size per CacheCompiledEffect call (a replaced effect counts again).
   std::uint64_t pendingBytes_;
   // The open cache file; null when the cache is unusable, which lasts for
   // the rest of the object's life.
   RefPtr<IDataStreamSet> package_;
-  std::unique_ptr<NorvaneSDK::Util::MutexObject> fileMutex_;  // never null
+  std::unique_ptr<CacheFileLock> fileLock_;  // never null
   MultiProcessTimeStamp timeStamp_;
   int compressionLevel_;  // 0..9
   std::uint64_t cacheBytesLimit_;
@@ -315,6 +333,11 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // process that never saves (saving with nothing pending writes nothing)
   // leaves no counts.
   EffectCacheStats counts_;
+  // Searches' hits and misses, and decode milliseconds, not yet in
+  // counts_ and profile_ (searches run side by side, under lock_ shared).
+  std::atomic<std::uint64_t> searchHits_{0};
+  std::atomic<std::uint64_t> searchMisses_{0};
+  std::atomic<std::uint32_t> decodeMilliseconds_{0};
   PagedFilePackageConfig config_;  // filePath points into cacheFilePath_
   std::wstring journalPath_;       // the package file's rollback journal
   // The file could be opened for reading only; then package_ writes
@@ -322,7 +345,9 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   bool readOnly_;
   // The second tier, or null. Requests to it are made without the file
   // mutex, so that other processes never wait on the network.
-  std::unique_ptr<EffectRemoteStore> remote_;
+  // Shared, so that a search holds the store while it asks it without
+  // any lock, even when it is replaced meanwhile.
+  std::shared_ptr<EffectRemoteStore> remote_;
   // What the save under way compressed, for the remote store once it
   // completed; empty otherwise.
   std::vector<RemotePush> remotePushes_;

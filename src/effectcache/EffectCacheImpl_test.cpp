@@ -80,8 +80,8 @@ TEST_F(EffectCacheImplTest, AnEmptyFolderMakesAnUnusableCache) {
 }
 
 TEST_F(EffectCacheImplTest, SharedObjectNamesKeepOnlyAsciiLettersAndDigits) {
-  EXPECT_EQ(EffectCacheImpl::SharedObjectBaseName(L"C:\\Cache\\norvaneFxoCache.dat"), L"C__Cache_norvaneFxoCache_dat");
-  EXPECT_EQ(EffectCacheImpl::SharedObjectBaseName(L"/tmp/caf\u00e9/x9"), L"_tmp_caf__x9");
+  EXPECT_EQ(CacheFileNames::SharedObjectBaseName(L"C:\\Cache\\norvaneFxoCache.dat"), L"C__Cache_norvaneFxoCache_dat");
+  EXPECT_EQ(CacheFileNames::SharedObjectBaseName(L"/tmp/caf\u00e9/x9"), L"_tmp_caf__x9");
 }
 
 TEST_F(EffectCacheImplTest, EffectSizesOutsideOneByteToOneMebibyteAreRefused) {

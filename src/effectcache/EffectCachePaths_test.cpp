@@ -28,7 +28,7 @@ using Testing::TempDir;
 constexpr int kEffectsPerHost = 25;
 
 std::wstring CacheFile(const fs::path& folder) {
-  return EffectCacheImpl::CacheFilePathFor(WStr(folder.wstring().c_str())).data();
+  return CacheFileNames::CacheFilePathFor(WStr(folder.wstring().c_str())).data();
 }
 
 std::wstring Numbered(const std::string& stem, int i) { return ChildLauncher::Wide(stem + std::to_string(i)); }
@@ -80,21 +80,21 @@ TEST_F(EffectCachePathsTest, EveryPathToOneFileNamesTheSameSharedObjects) {
   const fs::path canonical = fs::canonical(real_);
   const std::wstring file = CacheFile(canonical);
   // A path that is already canonical keeps the names it always had.
-  EXPECT_EQ(EffectCacheImpl::FileMutexName(file), EffectCacheImpl::SharedObjectBaseName(file) + L"_mutex");
-  EXPECT_EQ(EffectCacheImpl::TimeStampName(file), EffectCacheImpl::SharedObjectBaseName(file) + L"_timestamp");
+  EXPECT_EQ(CacheFileNames::FileMutexName(file), CacheFileNames::SharedObjectBaseName(file) + L"_mutex");
+  EXPECT_EQ(CacheFileNames::TimeStampName(file), CacheFileNames::SharedObjectBaseName(file) + L"_timestamp");
   std::vector<fs::path> others = {Relative(), ThroughParent()};
   if (linked_) others.push_back(dir_.Path() / "link");
   for (const fs::path& other : others) {
     SCOPED_TRACE(other.string());
-    EXPECT_EQ(EffectCacheImpl::FileMutexName(CacheFile(other)), EffectCacheImpl::FileMutexName(file));
-    EXPECT_EQ(EffectCacheImpl::TimeStampName(CacheFile(other)), EffectCacheImpl::TimeStampName(file));
+    EXPECT_EQ(CacheFileNames::FileMutexName(CacheFile(other)), CacheFileNames::FileMutexName(file));
+    EXPECT_EQ(CacheFileNames::TimeStampName(CacheFile(other)), CacheFileNames::TimeStampName(file));
   }
   // Before the file exists its folder decides; once it exists, the same.
   RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(WStr(real_.wstring().c_str())));
   ASSERT_TRUE(cache->IsEnabled());
-  EXPECT_EQ(EffectCacheImpl::FileMutexName(CacheFile(ThroughParent())), EffectCacheImpl::FileMutexName(file));
+  EXPECT_EQ(CacheFileNames::FileMutexName(CacheFile(ThroughParent())), CacheFileNames::FileMutexName(file));
   // Another folder is another cache.
-  EXPECT_NE(EffectCacheImpl::FileMutexName(CacheFile(dir_.Path() / "other")), EffectCacheImpl::FileMutexName(file));
+  EXPECT_NE(CacheFileNames::FileMutexName(CacheFile(dir_.Path() / "other")), CacheFileNames::FileMutexName(file));
 }
 
 TEST_F(EffectCachePathsTest, AnotherLetterCaseNamesTheSameSharedObjectsWhereCaseIsIgnored) {
@@ -103,8 +103,8 @@ TEST_F(EffectCachePathsTest, AnotherLetterCaseNamesTheSameSharedObjectsWhereCase
   if (!fs::equivalent(upper, real_, error)) GTEST_SKIP() << "this file system tells letter cases apart";
   RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(WStr(real_.wstring().c_str())));
   ASSERT_TRUE(cache->IsEnabled());
-  EXPECT_EQ(EffectCacheImpl::FileMutexName(CacheFile(upper)), EffectCacheImpl::FileMutexName(CacheFile(real_)));
-  EXPECT_EQ(EffectCacheImpl::TimeStampName(CacheFile(upper)), EffectCacheImpl::TimeStampName(CacheFile(real_)));
+  EXPECT_EQ(CacheFileNames::FileMutexName(CacheFile(upper)), CacheFileNames::FileMutexName(CacheFile(real_)));
+  EXPECT_EQ(CacheFileNames::TimeStampName(CacheFile(upper)), CacheFileNames::TimeStampName(CacheFile(real_)));
 }
 
 // Two hosts save at the same time, one through the folder, one through

@@ -68,7 +68,7 @@ class EffectCacheReadOnlyTest : public ::testing::Test {
   }
   void TearDown() override { FileFaults::Reset(); }
   static std::wstring CacheFile() {
-    return std::wstring(EffectCacheImpl::CacheFilePathFor(WStr(kFolder)).data());
+    return std::wstring(CacheFileNames::CacheFilePathFor(WStr(kFolder)).data());
   }
 
   static constexpr const wchar_t* kFolder = L"shipped";

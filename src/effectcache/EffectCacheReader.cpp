@@ -10,9 +10,9 @@
 namespace Tovrel {
 
 EffectCacheReader::EffectCacheReader(const WStr& folder) {
-  const WStr file = EffectCacheImpl::CacheFilePathFor(folder);
+  const WStr file = CacheFileNames::CacheFilePathFor(folder);
   if (file.isNull() || !PlatformFile::Exists(file.data())) return;
-  mutex_.reset(new NorvaneSDK::Util::MutexObject(EffectCacheImpl::FileMutexName(file.data()).c_str()));
+  mutex_.reset(new NorvaneSDK::Util::MutexObject(CacheFileNames::FileMutexName(file.data()).c_str()));
   hold_.reset(new NorvaneSDK::Util::AutoMutex(*mutex_));
   if (!hold_->IsOwner()) return;
   const PagedFilePackageConfig config{file.data(), EffectCacheImpl::kCachePageCount, EffectCacheImpl::kStreamLimit};

@@ -52,8 +52,8 @@ bool Touch(const fs::path& file) { return static_cast<bool>(std::ofstream(file))
 // folders where the user's objects could live, and the objects' names where
 // they lived before, in both.
 std::vector<fs::path> SquattedNames(const std::string& userId, const std::wstring& file) {
-  const std::string mutex = ChildLauncher::Narrow(EffectCacheImpl::FileMutexName(file));
-  const std::string stamp = ChildLauncher::Narrow(EffectCacheImpl::TimeStampName(file));
+  const std::string mutex = ChildLauncher::Narrow(CacheFileNames::FileMutexName(file));
+  const std::string stamp = ChildLauncher::Narrow(CacheFileNames::TimeStampName(file));
   std::vector<fs::path> names;
   for (const char* parent : {"/dev/shm", "/tmp"}) {
     names.push_back(fs::path(parent) / ("tovrel-" + userId));
@@ -112,7 +112,7 @@ TOVREL_CHILD_ROLE(user_host) {
   }
   if (mode == "read") {
     const std::wstring file = reader.GetCacheFileFullPath().data();
-    if (!reader.IsReadOnly() || EffectCacheImpl::OwnerNote(file).empty()) return 8;
+    if (!reader.IsReadOnly() || CacheFileNames::OwnerNote(file).empty()) return 8;
     const auto bytes = BytesOf(L"theirs");
     reader.CacheCompiledEffect(WStr(L"theirs"), bytes.data(), bytes.size(), false);
     reader.ForceSaveToFile();
@@ -159,7 +159,7 @@ TEST_F(EffectCacheUsersTest, NoNameAnotherUserMakesFirstStopsACache) {
   fs::create_directories(folder);
   fs::permissions(dir_.Path(), fs::perms::owner_all | fs::perms::others_exec | fs::perms::group_exec);
   ASSERT_TRUE(victim.Own(folder, &why)) << why;
-  const std::wstring file = EffectCacheImpl::CacheFilePathFor(WStr(folder.wstring().c_str())).data();
+  const std::wstring file = CacheFileNames::CacheFilePathFor(WStr(folder.wstring().c_str())).data();
   ASSERT_EQ(Run("object_squatter", squatter, {std::to_string(victim.userId), ChildLauncher::Narrow(file)}), 0);
   EXPECT_EQ(Run("user_host", victim, {folder.string(), "write", "mine/", "5"}), 0);
   // The shared folder was taken: the owner's objects went to its home.
@@ -180,7 +180,7 @@ TEST_F(EffectCacheUsersTest, ASecondUserOfAGroupWritableFolderReadsAndNeverWrite
   ASSERT_TRUE(first.Own(folder, &why)) << why;
   fs::permissions(folder, fs::perms::owner_all | fs::perms::group_all | fs::perms::set_gid);
   ASSERT_EQ(Run("user_host", first, {folder.string(), "write", "first/", "3"}), 0);
-  const std::wstring file = EffectCacheImpl::CacheFilePathFor(WStr(folder.wstring().c_str())).data();
+  const std::wstring file = CacheFileNames::CacheFilePathFor(WStr(folder.wstring().c_str())).data();
   // The file as a group that shares a folder keeps it: the second user may
   // write it, so only the owner rule keeps it from doing so.
   fs::permissions(file, fs::perms::group_write, fs::perm_options::add);

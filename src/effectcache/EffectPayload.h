@@ -11,6 +11,7 @@
 #define TOVREL_EFFECTCACHE_EFFECTPAYLOAD_H
 
 #include <cstdint>
+#include <vector>
 
 #include "effectcache/EffectRecord.h"
 #include "host/Tab.h"
@@ -40,6 +41,16 @@ class EffectPayload {
   // whatever the outcome. std::bad_alloc when the decoder has no memory
   // (which says nothing of the bytes).
   static Result Decompress(const EffectRecord& record, const Tab<unsigned char>& compressed, Tab<unsigned char>& data);
+
+  // The same for a whole stream held as it is stored (`block`: the 8-byte
+  // length, then the compressed bytes), read through the package or
+  // straight from the file (DirectStreamReader): ReadBlock reads it,
+  // CheckBlock checks it against the record, DecompressBlock decompresses
+  // a checked block.
+  static Result ReadBlock(IDataStreamSet& package, const EffectRecord& record, std::vector<std::uint8_t>& block);
+  static Result CheckBlock(const EffectRecord& record, const std::vector<std::uint8_t>& block);
+  static Result DecompressBlock(const EffectRecord& record, const std::vector<std::uint8_t>& block,
+                                Tab<unsigned char>& data);
 
   // A few words on a result, for messages: "stream missing", ...
   static const char* Describe(Result result);

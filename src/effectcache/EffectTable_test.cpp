@@ -89,7 +89,7 @@ EffectRecord UsedAt(const CacheTimeStamp& when, std::uint32_t permanent = 0) {
 }
 
 // The names OldestFirst lists, in its order.
-std::vector<std::string> OldestNamesFirst(const EffectTable& table, bool unpinnedOnly) {
+std::vector<std::string> OldestNamesFirst(EffectTable& table, bool unpinnedOnly) {
   std::vector<std::string> names;
   for (std::size_t i : table.OldestFirst(unpinnedOnly)) names.push_back(table.At(i).name);
   return names;
@@ -167,6 +167,45 @@ TEST(EffectTableTest, AnIndexInOrderIsTakenAsItIs) {
   table.AddLoaded("stale", RecordOf(9));
   table.Load(std::move(entries));
   EXPECT_EQ(NamesOf(table), (std::vector<std::string>{"a", "b", "aa"}));
+}
+
+CacheTimeStamp At(std::uint16_t year, std::uint16_t second, std::uint32_t milliseconds) {
+  return CacheTimeStamp{year, 12, 31, 23, 59, second, milliseconds};
+}
+
+TEST(EffectTableTest, MarkedUsesReachTheRecordsWhenFoldedAndSurviveChangesOfOtherEntries) {
+  EffectTable table;
+  for (const char* name : {"a", "b", "c", "d"}) table.AddLoaded(name, RecordOf(1));
+  table.MarkUsed(table.IndexOf("b"), At(2026, 59, 999));
+  table.MarkUsed(table.IndexOf("d"), At(4095, 7, 1));
+  EXPECT_EQ(table.Find("b")->lastUsed, CacheTimeStamp{}) << "a mark changed the record before it was folded";
+  // A change of other entries folds the marks first: they are not lost or
+  // moved to the entries that take their places.
+  std::vector<EffectTable::Change> changes;
+  changes.push_back(EffectTable::Change{"a", RecordOf(2), true});
+  changes.push_back(EffectTable::Change{"bb", RecordOf(3), false});
+  table.Apply(std::move(changes));
+  EXPECT_EQ(table.Find("b")->lastUsed, At(2026, 59, 999));
+  EXPECT_EQ(table.Find("d")->lastUsed, At(4095, 7, 1));
+  EXPECT_EQ(table.Find("bb")->lastUsed, CacheTimeStamp{});
+  EXPECT_EQ(table.Find("c")->lastUsed, CacheTimeStamp{});
+  EXPECT_EQ(table.IndexOf("a"), EffectTable::kNone);
+}
+
+TEST(EffectTableTest, OldestFirstAndEveryChangeSeeTheMarkedUses) {
+  EffectTable table;
+  for (const char* name : {"a", "b", "c"}) table.AddLoaded(name, RecordOf(1));
+  table.MarkUsed(table.IndexOf("a"), At(2030, 1, 0));
+  table.MarkUsed(table.IndexOf("c"), At(2029, 1, 0));
+  EXPECT_EQ(table.OldestFirst(false), (std::vector<std::size_t>{1, 2, 0}));
+  table.MarkUsed(table.IndexOf("b"), At(2031, 0, 0));
+  table.Erase("c");
+  EXPECT_EQ(table.Find("b")->lastUsed, At(2031, 0, 0));
+  table.MarkUsed(table.IndexOf("a"), At(2032, 0, 0));
+  EffectTable other;
+  table.Swap(other);
+  EXPECT_EQ(other.Find("a")->lastUsed, At(2032, 0, 0));
+  EXPECT_TRUE(table.Empty());
 }
 
 }  // namespace

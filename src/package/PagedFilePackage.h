@@ -186,6 +186,8 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   const ChildFileTable& GetChildFileTable() const { return childFiles_; }
   const IPagedFileSeeker* GetHeadSeeker() const { return headSeeker_.Get(); }
   std::uint64_t GetOpenStreamCount() const { return openStreams_.size(); }
+  // True when the stream and the child file of its tail are sound.
+  bool IsSound(std::uint64_t identifier) const;
 
  private:
   void SwapState(PagedFilePackage& other);
@@ -193,8 +195,6 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   // package is broken (see the header comment) and the exception goes on.
   template <typename Change>
   void Changing(Change change);
-  // True when the stream and the child file of its tail are sound.
-  bool IsSound(std::uint64_t identifier) const;
   // Stores a new stream's entry under an identifier that no tail record
   // names (a damaged table may leave records of streams it lacks);
   // kNoStream when no identifier is left.

@@ -353,6 +353,19 @@ bool FilePageCache::ReadFileBytes(std::uint64_t offset, std::uint8_t* into, std:
   return PageFileIO::ReadBytes(file_, offset, into, size);
 }
 
+bool FilePageCache::FileMatchesCache() const {
+  if (file_ == nullptr || journal_.IsActive() || !journalImages_.empty() || !deferred_.empty()) return false;
+  for (const CachedPage* page = leastRecent_; page != nullptr; page = page->newer) {
+    if (page->dirty != 0) return false;
+  }
+  return true;
+}
+
+bool FilePageCache::ReadFileAt(std::uint64_t offset, std::uint8_t* into, std::uint64_t size) const {
+  if (file_ == nullptr) throw FileIOException(0);
+  return PageFileIO::ReadBytesAt(file_, offset, into, size);
+}
+
 void FilePageCache::EnsureFileCoversPage(std::uint64_t pageId) {
   const std::uint64_t needed = pageId * kPageSize - kFirstPageId * kPageSize + kPageSize;
   if (needed > fileLength_) {

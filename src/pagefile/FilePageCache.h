@@ -26,7 +26,8 @@
 // first rolls back a journal that a dead writer left beside the file.
 //
 // Owned plainly by its package (not reference counted), created with a path
-// and deleted by it. Thread-safety: none; one thread at a time.
+// and deleted by it. Thread-safety: one thread at a time, but for
+// ReadFileAt (see there).
 #ifndef TOVREL_PAGEFILE_FILEPAGECACHE_H
 #define TOVREL_PAGEFILE_FILEPAGECACHE_H
 
@@ -135,6 +136,18 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   // False when the file ends first; FileIOException when it is not open or
   // a call fails.
   bool ReadFileBytes(std::uint64_t offset, std::uint8_t* into, std::uint64_t size);
+
+  // True when the file on disk is what the cache gives for every page: it
+  // is open, no page waits to be written and no journal is active or
+  // stands in for the file's pages. Then ReadFileAt reads what GetPage
+  // would, and may do so on several threads at once.
+  bool FileMatchesCache() const;
+  // Reads `size` bytes at `offset` of the file straight from disk with
+  // positional calls, touching nothing of the cache: any number of threads
+  // may call it at once, and beside other const calls, while nothing
+  // changes the cache. False when the file ends first; FileIOException
+  // when it is not open or a call fails.
+  bool ReadFileAt(std::uint64_t offset, std::uint8_t* into, std::uint64_t size) const;
 
   // Grows the file with zeros so that the page lies inside it.
   void EnsureFileCoversPage(std::uint64_t pageId);

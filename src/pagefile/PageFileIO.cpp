@@ -84,6 +84,20 @@ bool PageFileIO::ReadBytes(FileHandle* file, std::uint64_t offset, std::uint8_t*
   return false;
 }
 
+bool PageFileIO::ReadBytesAt(FileHandle* file, std::uint64_t offset, std::uint8_t* buffer, std::uint64_t size) {
+  if (file == nullptr) throw FileIOException(0);
+  while (size > 0) {
+    errno = 0;
+    const std::int64_t got = PlatformFile::ReadAt(file, buffer, static_cast<std::size_t>(size), offset);
+    if (got < 0) throw FileIOException(errno);
+    if (got == 0) return false;  // the file ends first
+    buffer += got;
+    offset += static_cast<std::uint64_t>(got);
+    size -= static_cast<std::uint64_t>(got);
+  }
+  return true;
+}
+
 void PageFileIO::WritePage(FileHandle* file, std::uint64_t fileLength, const std::uint8_t* buffer,
                            std::uint64_t offset, std::uint64_t pages) {
   if (buffer == nullptr) return;

@@ -3,7 +3,8 @@
 // Measuring a file, growing it with zeros, and moving one page between a
 // buffer and the file. Every failed C-runtime call throws FileIOException
 // with errno (0 when no file is open). Stateless; the file handle belongs to the
-// caller. Thread-safety: as the stream passed in (one thread at a time).
+// caller. Thread-safety: as the stream passed in (one thread at a time,
+// but for ReadBytesAt).
 #ifndef TOVREL_PAGEFILE_PAGEFILEIO_H
 #define TOVREL_PAGEFILE_PAGEFILEIO_H
 
@@ -39,6 +40,9 @@ class PageFileIO {
   // False when the file ends before them; FileIOException when no file is
   // open or a call fails.
   static bool ReadBytes(FileHandle* file, std::uint64_t offset, std::uint8_t* buffer, std::uint64_t size);
+  // The same with positional reads (FileHandle::ReadAt), which neither use
+  // nor move the handle's position: safe on several threads at once.
+  static bool ReadBytesAt(FileHandle* file, std::uint64_t offset, std::uint8_t* buffer, std::uint64_t size);
 
   // Writes one page (or `pages` consecutive ones, in one call) at `offset`. Nothing for a null buffer or an offset at
   // or past fileLength; FileIOException when no file is open or a call fails.

@@ -9,7 +9,8 @@
 //
 // Made by a FileSystem and owned by whoever opened it; PlatformFile::Close
 // closes and deletes it (deleting without Close closes quietly).
-// Thread-safety: none; one thread at a time uses a handle.
+// Thread-safety: one thread at a time uses a handle, except that ReadAt
+// may run on several threads at once while no other call runs on it.
 #ifndef TOVREL_PLATFORM_FILEHANDLE_H
 #define TOVREL_PLATFORM_FILEHANDLE_H
 
@@ -31,6 +32,10 @@ class FileHandle {
   // As fread and fwrite: the number of whole items moved.
   virtual std::size_t Read(void* buffer, std::size_t size, std::size_t count) = 0;
   virtual std::size_t Write(const void* buffer, std::size_t size, std::size_t count) = 0;
+  // Reads up to `bytes` at `offset`, neither using nor moving the
+  // position: the bytes read (fewer only at the end of the file), or -1
+  // with errno. A handle that cannot read so answers -1 with ENOTSUP.
+  virtual std::int64_t ReadAt(void* buffer, std::size_t bytes, std::uint64_t offset);
   // Hands buffered writes to the system. 0, or EOF with errno.
   virtual int Flush() = 0;
   // Flush, then waits until the file's bytes and length are on stable

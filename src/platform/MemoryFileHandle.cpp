@@ -29,6 +29,10 @@ std::size_t MemoryFileHandle::Read(void* buffer, std::size_t size, std::size_t c
   return fileSystem_->HandleRead(*this, buffer, size * count) / size;
 }
 
+std::int64_t MemoryFileHandle::ReadAt(void* buffer, std::size_t bytes, std::uint64_t offset) {
+  return fileSystem_->HandleReadAt(*this, buffer, bytes, offset);
+}
+
 std::size_t MemoryFileHandle::Write(const void* buffer, std::size_t size, std::size_t count) {
   if (size == 0 || count == 0) return 0;
   return fileSystem_->HandleWrite(*this, buffer, size * count) / size;

@@ -26,6 +26,7 @@ class MemoryFileHandle : public FileHandle {
   std::int64_t Tell() override;
   std::size_t Read(void* buffer, std::size_t size, std::size_t count) override;
   std::size_t Write(const void* buffer, std::size_t size, std::size_t count) override;
+  std::int64_t ReadAt(void* buffer, std::size_t bytes, std::uint64_t offset) override;
   int Flush() override;
   int Sync() override;
   int Truncate(std::uint64_t length) override;

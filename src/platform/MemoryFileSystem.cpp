@@ -300,6 +300,17 @@ std::size_t MemoryFileSystem::HandleRead(MemoryFileHandle& handle, void* buffer,
   return n;
 }
 
+std::int64_t MemoryFileSystem::HandleReadAt(MemoryFileHandle& handle, void* buffer, std::size_t bytes,
+                                           std::uint64_t offset) {
+  std::lock_guard<std::mutex> guard(lock_);
+  if (!Usable(handle)) return -1;
+  if (!handle.readable_) {
+    errno = EBADF;
+    return -1;
+  }
+  return static_cast<std::int64_t>(handle.file_->content.Read(offset, static_cast<std::uint8_t*>(buffer), bytes));
+}
+
 std::size_t MemoryFileSystem::HandleWrite(MemoryFileHandle& handle, const void* buffer, std::size_t bytes) {
   std::lock_guard<std::mutex> guard(lock_);
   if (!Usable(handle)) return 0;

@@ -108,6 +108,7 @@ class MemoryFileSystem : public FileSystem {
 
   // Operations of MemoryFileHandle, under lock_.
   std::size_t HandleRead(MemoryFileHandle& handle, void* buffer, std::size_t bytes);
+  std::int64_t HandleReadAt(MemoryFileHandle& handle, void* buffer, std::size_t bytes, std::uint64_t offset);
   std::size_t HandleWrite(MemoryFileHandle& handle, const void* buffer, std::size_t bytes);
   int HandleSeek(MemoryFileHandle& handle, std::int64_t offset, int origin);
   std::int64_t HandleTell(const MemoryFileHandle& handle);

@@ -87,6 +87,28 @@ TEST_F(MemoryFileSystemTest, AWholeItemIsCountedOnlyWhenAllItsBytesMove) {
   PlatformFile::Close(file);
 }
 
+TEST_F(MemoryFileSystemTest, ReadAtReadsWhereAskedWithoutMovingThePositionAndFailsAsReadsDo) {
+  Fs().WriteAll(L"f", Bytes{1, 2, 3, 4, 5, 6});
+  FileHandle* file = PlatformFile::Open(L"f", "rb");
+  ASSERT_EQ(PlatformFile::Seek(file, 1, SEEK_SET), 0);
+  std::uint8_t back[4] = {};
+  EXPECT_EQ(PlatformFile::ReadAt(file, back, 4, 4), 2);
+  EXPECT_EQ(back[0], 5);
+  EXPECT_EQ(back[1], 6);
+  EXPECT_EQ(PlatformFile::Tell(file), 1);
+  EXPECT_EQ(PlatformFile::ReadAt(file, back, 4, 10), 0);
+  FileFaults::FailNth(FileCall::kRead, 1, EIO);
+  errno = 0;
+  EXPECT_EQ(PlatformFile::ReadAt(file, back, 4, 0), -1);
+  EXPECT_EQ(errno, EIO);
+  PlatformFile::Close(file);
+  FileHandle* writeOnly = PlatformFile::Open(L"g", "wb");
+  errno = 0;
+  EXPECT_EQ(PlatformFile::ReadAt(writeOnly, back, 1, 0), -1);
+  EXPECT_EQ(errno, EBADF);
+  PlatformFile::Close(writeOnly);
+}
+
 TEST_F(MemoryFileSystemTest, ARemovedFileStaysReadableThroughItsOpenHandles) {
   Fs().WriteAll(L"f", Bytes{4, 5});
   FileHandle* file = PlatformFile::Open(L"f", "rb");

@@ -15,6 +15,7 @@ struct WaitState {
   std::mutex lock;                          // over waiting
   std::condition_variable entered;          // notified by every Enter
   std::map<std::string, std::uint64_t> waiting;  // waits under way, by name
+  std::map<std::string, std::uint64_t> started;  // waits begun since counting started, by name
 };
 
 WaitState& State() {
@@ -28,6 +29,7 @@ void MutexWaits::StartCounting() {
   WaitState& s = State();
   std::lock_guard<std::mutex> guard(s.lock);
   s.waiting.clear();
+  s.started.clear();
   s.counting.store(true, std::memory_order_relaxed);
 }
 
@@ -36,6 +38,14 @@ void MutexWaits::Reset() {
   std::lock_guard<std::mutex> guard(s.lock);
   s.counting.store(false, std::memory_order_relaxed);
   s.waiting.clear();
+  s.started.clear();
+}
+
+std::uint64_t MutexWaits::Started(const std::string& name) {
+  WaitState& s = State();
+  std::lock_guard<std::mutex> guard(s.lock);
+  const auto found = s.started.find(name);
+  return found == s.started.end() ? 0 : found->second;
 }
 
 std::uint64_t MutexWaits::UnderWay(const std::string& name) {
@@ -60,6 +70,7 @@ bool MutexWaits::Enter(const std::string& name) {
   {
     std::lock_guard<std::mutex> guard(s.lock);
     ++s.waiting[name];
+    ++s.started[name];
   }
   s.entered.notify_all();
   return true;

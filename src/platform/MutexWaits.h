@@ -25,6 +25,8 @@ class MutexWaits {
 
   // Waits for mutex `name` under way in this process now.
   static std::uint64_t UnderWay(const std::string& name);
+  // Waits for mutex `name` begun since counting started.
+  static std::uint64_t Started(const std::string& name);
   // Waits up to `timeoutMilliseconds` until a wait for mutex `name` is
   // under way; true when one is.
   static bool AwaitWaiter(const std::string& name, std::uint32_t timeoutMilliseconds);

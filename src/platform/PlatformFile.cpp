@@ -70,6 +70,13 @@ std::size_t PlatformFile::Read(void* buffer, std::size_t size, std::size_t count
   return Counted(result, result < count);
 }
 
+std::int64_t PlatformFile::ReadAt(FileHandle* file, void* buffer, std::size_t bytes, std::uint64_t offset) {
+  if (Faulted(FileCall::kRead)) return -1;
+  errno = 0;
+  const std::int64_t result = file->ReadAt(buffer, bytes, offset);
+  return Counted(result, result < 0);
+}
+
 std::size_t PlatformFile::Write(const void* buffer, std::size_t size, std::size_t count, FileHandle* file) {
   if (Faulted(FileCall::kWrite)) return 0;
   errno = 0;

@@ -28,6 +28,8 @@ class PlatformFile {
   static int Seek(FileHandle* file, std::int64_t offset, int origin);
   static std::int64_t Tell(FileHandle* file);
   static std::size_t Read(void* buffer, std::size_t size, std::size_t count, FileHandle* file);
+  // See FileHandle::ReadAt: safe on several threads at once.
+  static std::int64_t ReadAt(FileHandle* file, void* buffer, std::size_t bytes, std::uint64_t offset);
   static std::size_t Write(const void* buffer, std::size_t size, std::size_t count, FileHandle* file);
   static int Flush(FileHandle* file);
   static int Sync(FileHandle* file);

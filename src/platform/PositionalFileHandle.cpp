@@ -61,6 +61,13 @@ std::size_t PositionalFileHandle::Read(void* buffer, std::size_t size, std::size
   return static_cast<std::size_t>(got) / size;
 }
 
+std::int64_t PositionalFileHandle::ReadAt(void* buffer, std::size_t bytes, std::uint64_t offset) {
+  // The native handle's positional read keeps no state of the handle's:
+  // threads may share it.
+  if (!Usable()) return -1;
+  return NativeFile::ReadAt(file_, buffer, bytes, offset);
+}
+
 std::size_t PositionalFileHandle::Write(const void* buffer, std::size_t size, std::size_t count) {
   std::size_t bytes = 0;
   if (!Usable() || !ItemBytes(size, count, &bytes) || bytes == 0) return 0;

@@ -7,7 +7,8 @@
 // sits between the caller and the file. Flush has nothing to do.
 //
 // Owns the native handle and closes it when closed or deleted. Made by
-// NativeFileSystem. Thread-safety: none; one thread at a time.
+// NativeFileSystem. Thread-safety: one thread at a time, but for ReadAt,
+// which any number of threads may call at once (see FileHandle).
 #ifndef TOVREL_PLATFORM_POSITIONALFILEHANDLE_H
 #define TOVREL_PLATFORM_POSITIONALFILEHANDLE_H
 
@@ -26,6 +27,7 @@ class PositionalFileHandle : public FileHandle {
   std::int64_t Tell() override;
   std::size_t Read(void* buffer, std::size_t size, std::size_t count) override;
   std::size_t Write(const void* buffer, std::size_t size, std::size_t count) override;
+  std::int64_t ReadAt(void* buffer, std::size_t bytes, std::uint64_t offset) override;
   int Flush() override;
   int Sync() override;
   int Truncate(std::uint64_t length) override;

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <thread>
+#include <algorithm>
 #include <vector>
 
 #include "platform/NativeFileSystem.h"
@@ -137,6 +139,49 @@ TEST(PositionalFileHandleTest, BadPositionsAndAClosedHandleAreRefused) {
   EXPECT_EQ(file->Write(&byte, 1, 1), 0u);
   EXPECT_EQ(file->Tell(), -1);
   EXPECT_EQ(file->Sync(), -1);
+}
+
+TEST(PositionalFileHandleTest, ReadAtNeitherUsesNorMovesThePositionAndServesManyThreads) {
+  TempDir dir;
+  const std::wstring path = dir.File("f.bin");
+  auto file = OpenFile(path, "w+b");
+  ASSERT_NE(file, nullptr);
+  std::vector<std::uint8_t> bytes(100000);
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i * 7 + i / 256);
+  ASSERT_EQ(file->Write(bytes.data(), 1, bytes.size()), bytes.size());
+  ASSERT_EQ(file->Seek(10, SEEK_SET), 0);
+  std::vector<std::uint8_t> got(5000);
+  ASSERT_EQ(file->ReadAt(got.data(), got.size(), 90000), 5000);
+  EXPECT_TRUE(std::equal(got.begin(), got.end(), bytes.begin() + 90000));
+  EXPECT_EQ(file->Tell(), 10);
+  EXPECT_EQ(file->ReadAt(got.data(), got.size(), 99000), 1000) << "fewer only at the end";
+  EXPECT_EQ(file->ReadAt(got.data(), got.size(), 200000), 0);
+  std::vector<int> wrong(4, 0);
+  std::vector<std::thread> threads;
+  for (std::size_t t = 0; t < wrong.size(); ++t) {
+    threads.emplace_back([&, t] {
+      std::vector<std::uint8_t> mine(4096);
+      for (std::uint64_t offset = t * 1000; offset + mine.size() <= bytes.size(); offset += 3001) {
+        if (file->ReadAt(mine.data(), mine.size(), offset) != 4096 ||
+            !std::equal(mine.begin(), mine.end(), bytes.begin() + static_cast<std::ptrdiff_t>(offset))) {
+          ++wrong[t];
+        }
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (int w : wrong) EXPECT_EQ(w, 0);
+}
+
+TEST(PositionalFileHandleTest, StdioHandlesRefuseReadAt) {
+  TempDir dir;
+  const std::wstring path = dir.File("f.bin");
+  auto file = OpenFile(path, "ab");
+  ASSERT_NE(file, nullptr);
+  std::uint8_t byte = 0;
+  errno = 0;
+  EXPECT_EQ(file->ReadAt(&byte, 1, 0), -1);
+  EXPECT_EQ(errno, ENOTSUP);
 }
 
 }  // namespace

@@ -10,7 +10,7 @@ namespace Tovrel {
 namespace Tool {
 
 UserPath CacheFile::FileOf(const UserPath& folder) {
-  return UserPath(WideText::ToUtf8(EffectCacheImpl::CacheFilePathFor(WStr(folder.Absolute())).data()));
+  return UserPath(WideText::ToUtf8(CacheFileNames::CacheFilePathFor(WStr(folder.Absolute())).data()));
 }
 
 CacheFile::CacheFile(const UserPath& folder) : folder_(folder), header_{} {

@@ -322,7 +322,7 @@ int EffectCommands::Put(const CommandLine& line, Console& console) {
     const CacheFile check(folder);  // refuses a file the library would replace
   }
   if (!StoreThroughLibrary(folder, name, bytes, line.Has("--permanent"))) {
-    const std::string owner = EffectCacheImpl::OwnerNote(CacheFile::FileOf(folder).Absolute());
+    const std::string owner = CacheFileNames::OwnerNote(CacheFile::FileOf(folder).Absolute());
     throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved" +
                                              (owner.empty() ? "" : ": " + owner));
   }

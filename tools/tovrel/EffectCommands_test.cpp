@@ -371,8 +371,8 @@ TEST_F(EffectCommandsTest, ReadingWaitsForTheCachesNamedMutex) {
   // process may take.
   constexpr std::uint32_t kLookMilliseconds = 10;
   constexpr std::uint32_t kLooks = Testing::ChildLauncher::kBoundMilliseconds / kLookMilliseconds;
-  const WStr path = EffectCacheImpl::CacheFilePathFor(WStr(WideText::FromUtf8(ToolTesting::Utf8(folder_))));
-  const std::wstring name = EffectCacheImpl::FileMutexName(path.data());
+  const WStr path = CacheFileNames::CacheFilePathFor(WStr(WideText::FromUtf8(ToolTesting::Utf8(folder_))));
+  const std::wstring name = CacheFileNames::FileMutexName(path.data());
   NorvaneSDK::Util::MutexObject mutex(name.c_str());
   std::atomic<bool> done{false};
   ToolTesting::Result result{};

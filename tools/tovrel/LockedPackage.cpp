@@ -14,14 +14,11 @@
 namespace Tovrel {
 namespace Tool {
 
-using NorvaneSDK::Util::AutoMutex;
-using NorvaneSDK::Util::MutexObject;
-
 LockedPackage::LockedPackage(const UserPath& file, std::uint64_t streamLimit, bool forUpdate)
     : file_(file), fileSize_(0) {
   const std::string& name = file.Typed();
-  mutex_.reset(new MutexObject(EffectCacheImpl::FileMutexName(file.Absolute()).c_str()));
-  hold_.reset(new AutoMutex(*mutex_));
+  lock_.reset(new CacheFileLock(file.Absolute()));
+  hold_.reset(new CacheFileLock::Hold(*lock_, forUpdate ? CacheFileLock::Intent::kWrite : CacheFileLock::Intent::kRead));
   if (!hold_->IsOwner()) throw ToolError(ExitStatus::kUnreadable, name + ": the cache's named mutex cannot be taken");
   if (file.IsFolder()) throw ToolError(ExitStatus::kUnreadable, name + ": is a folder, not a package file");
   if (!file.IsFile()) throw ToolError(ExitStatus::kUnreadable, name + ": no such file");

@@ -4,7 +4,8 @@
 // The mutex is named as EffectCacheImpl names it for a cache file of that
 // path, so while the tool reads a cache file no host process saves into
 // it, whichever way the tool reached the file (a package command or an
-// effects command). For any other package the mutex is simply one no
+// effects command); and the hold moves the file's save counter (see
+// CacheFileLock), so hosts that search without the mutex look again. For any other package the mutex is simply one no
 // host takes. The package is opened for reading only while the mutex is
 // held, and let go before the mutex is: the tool writes nothing to the
 // file, unless it opened it for update (to compact it). A journal that an interrupted save left beside the file is not
@@ -25,8 +26,7 @@
 #include <string>
 
 #include "UserPath.h"
-#include "host/AutoMutex.h"
-#include "host/MutexObject.h"
+#include "effectcache/CacheFileLock.h"
 #include "host/RefPtr.h"
 #include "package/PagedFilePackage.h"
 #include "pagefile/RollbackJournal.h"
@@ -66,8 +66,8 @@ class LockedPackage {
   UserPath file_;
   std::uint64_t fileSize_;
   RollbackJournal::Found journal_;
-  std::unique_ptr<NorvaneSDK::Util::MutexObject> mutex_;  // never null
-  std::unique_ptr<NorvaneSDK::Util::AutoMutex> hold_;     // held for the object's life
+  std::unique_ptr<CacheFileLock> lock_;        // never null
+  std::unique_ptr<CacheFileLock::Hold> hold_;  // held for the object's life
   RefPtr<PagedFilePackage> package_;                      // never null after construction
 };
 
