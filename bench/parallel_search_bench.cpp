@@ -9,7 +9,8 @@
 // The processes are this program again ("--search-child"): each opens the
 // cache, searches every name once to warm it, says it is ready, waits for
 // the start, searches every name in its own order and writes its
-// latencies and its elapsed time to a file.
+// latencies and its elapsed time to a file. tools/syscalls-per-search.sh
+// runs one such child under strace ("--save-cache FOLDER" makes its cache).
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -188,6 +189,10 @@ BENCHMARK(BM_ParallelSearch)->UseManualTime()->Iterations(1)->Unit(benchmark::kM
 
 int main(int argc, char** argv) {
   if (argc > 1 && std::string(argv[1]) == "--search-child") return Tovrel::SearchChild(argc, argv);
+  if (argc == 3 && std::string(argv[1]) == "--save-cache") {
+    Tovrel::SaveEffects(std::filesystem::path(argv[2]).wstring());
+    return 0;
+  }
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();

@@ -44,7 +44,9 @@
 //
 // Reference counted (IDataStreamSet); made by CreateFilePackage and
 // OpenFilePackage. Owns its page cache, allocator, head seeker and tables.
-// Thread-safety: none; one thread at a time, with its streams.
+// Thread-safety: one thread at a time, with its streams; but any number of
+// threads may read streams through DirectStreamReader, beside the const
+// calls, while no thread changes the package.
 #ifndef TOVREL_PACKAGE_PAGEDFILEPACKAGE_H
 #define TOVREL_PACKAGE_PAGEDFILEPACKAGE_H
 

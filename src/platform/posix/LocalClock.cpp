@@ -7,8 +7,18 @@ namespace Tovrel {
 LocalClock::Time LocalClock::Now() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
-  tm local{};
-  localtime_r(&now.tv_sec, &local);
+  // localtime_r takes the C library's time-zone lock: threads that ask
+  // many times a second would wait for each other. Within one second the
+  // answer cannot change, so each thread keeps the last one.
+  thread_local time_t cachedSecond = -1;
+  thread_local tm local{};
+  if (now.tv_sec != cachedSecond) {
+    if (localtime_r(&now.tv_sec, &local) != nullptr) {
+      cachedSecond = now.tv_sec;
+    } else {
+      local = tm{};
+    }
+  }
   Time time{};
   time.year = static_cast<std::uint16_t>(local.tm_year + 1900);
   time.month = static_cast<std::uint16_t>(local.tm_mon + 1);
