@@ -37,7 +37,7 @@ std::wstring CacheFileNames::TimeStampName(const std::wstring& cacheFilePath) {
 }
 
 std::wstring CacheFileNames::SaveCounterName(const std::wstring& cacheFilePath) {
-  return CanonicalBaseName(cacheFilePath) + L"_savecounter";
+  return CanonicalBaseName(cacheFilePath) + L"_saves";
 }
 
 std::string CacheFileNames::OwnerNote(const std::wstring& cacheFilePath) {

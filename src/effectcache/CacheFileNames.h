@@ -31,7 +31,9 @@ class CacheFileNames {
   static std::wstring FileMutexName(const std::wstring& cacheFilePath);
   // The shared time stamp that every save renews: base name + "_timestamp".
   static std::wstring TimeStampName(const std::wstring& cacheFilePath);
-  // The shared save counter (see CacheFileLock): base name + "_savecounter".
+  // The shared save counter (see CacheFileLock): base name + "_saves";
+  // with its own mutex's suffix no longer than the stamp's names, so that
+  // the counter never makes a path's names too long for Windows.
   static std::wstring SaveCounterName(const std::wstring& cacheFilePath);
   // Why a cache file is served read only to this process although it may
   // write it: the file belongs to another user (whose named objects this
