@@ -3,7 +3,9 @@
 // of one process, each thread looking up every name in its own order, and
 // by 1 and 2 processes doing the same. For each: searches per second over
 // the whole phase, the latency of one search (p50, p99, p99.9, longest) and
-// how many searches took more than 5 ms; and the ratios of 2 and 4 threads,
+// how many searches took more than 5 ms, and how many waits for the
+// file's named mutex the searches began (none, when no search waited for
+// another); and the ratios of 2 and 4 threads,
 // and of 2 processes, to one.
 //
 // The processes are this program again ("--search-child"): each opens the
@@ -26,6 +28,9 @@
 #include <vector>
 
 #include "EffectWorkload.h"
+#include "effectcache/CacheFileNames.h"
+#include "platform/MutexWaits.h"
+#include "platform/WideText.h"
 #include "platform/PlatformProcess.h"
 #include "support/TempDir.h"
 #include "tovrel/tovrel.h"
@@ -71,7 +76,14 @@ void SearchEvery(EffectCacheSystem& cache, std::uint32_t seed, std::vector<doubl
 struct Phase {
   double seconds = 0;
   std::vector<double> micros;  // every search's
+  std::uint64_t mutexWaits = 0;  // waits for the file's named mutex
 };
+
+// The UTF-8 name of the named mutex of the cache file in `folder`.
+std::string FileMutexName(const std::wstring& folder) {
+  const WStr file = CacheFileNames::CacheFilePathFor(WStr(folder.c_str()));
+  return WideText::ToUtf8(CacheFileNames::FileMutexName(file.data()));
+}
 
 Phase SearchWithThreads(const std::wstring& folder, int threads) {
   RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(WStr(folder.c_str())));
@@ -79,6 +91,7 @@ Phase SearchWithThreads(const std::wstring& folder, int threads) {
   SearchEvery(*cache, 99, warm);
   std::vector<std::vector<double>> micros(static_cast<std::size_t>(threads));
   std::vector<std::thread> running;
+  MutexWaits::StartCounting();
   const auto start = Clock::now();
   for (int t = 0; t < threads; ++t) {
     running.emplace_back([&, t] { SearchEvery(*cache, static_cast<std::uint32_t>(t + 1), micros[static_cast<std::size_t>(t)]); });
@@ -86,6 +99,8 @@ Phase SearchWithThreads(const std::wstring& folder, int threads) {
   for (std::thread& thread : running) thread.join();
   Phase phase;
   phase.seconds = Micros(Clock::now() - start) / 1e6;
+  phase.mutexWaits = MutexWaits::Started(FileMutexName(folder));
+  MutexWaits::Reset();
   for (const auto& m : micros) phase.micros.insert(phase.micros.end(), m.begin(), m.end());
   return phase;
 }
@@ -105,12 +120,15 @@ int SearchChild(int argc, char** argv) {
   SearchEvery(*cache, 99, micros);
   micros.clear();
   std::ofstream(out.string() + ".ready").close();
+  const std::string mutexName = FileMutexName(folder);
   WaitFor(start);
+  MutexWaits::StartCounting();
   const auto began = Clock::now();
   SearchEvery(*cache, seed, micros);
   const double seconds = Micros(Clock::now() - began) / 1e6;
+  const std::uint64_t waits = MutexWaits::Started(mutexName);
   std::ofstream file(out, std::ios::binary);
-  file << seconds << "\n";
+  file << seconds << "\n" << waits << "\n";
   for (double m : micros) file << m << "\n";
   return file ? 0 : 3;
 }
@@ -135,8 +153,10 @@ Phase SearchWithProcesses(const std::wstring& folder, int processes) {
     if (!children[p]->Wait(600000, &exitCode) || exitCode != 0) std::abort();
     std::ifstream in(outs[p]);
     double seconds = 0;
-    in >> seconds;
+    std::uint64_t waits = 0;
+    in >> seconds >> waits;
     phase.seconds = std::max(phase.seconds, seconds);
+    phase.mutexWaits += waits;
     for (double m = 0; in >> m;) phase.micros.push_back(m);
   }
   return phase;
@@ -154,6 +174,7 @@ void Report(benchmark::State& state, const std::string& name, const Phase& phase
   state.counters[name + "_p99_us"] = Percentile(phase.micros, 0.99);
   state.counters[name + "_p999_us"] = Percentile(phase.micros, 0.999);
   state.counters[name + "_longest_us"] = Percentile(phase.micros, 1.0);
+  state.counters[name + "_mutex_waits"] = static_cast<double>(phase.mutexWaits);
   state.counters[name + "_over_5ms"] = static_cast<double>(
       std::count_if(phase.micros.begin(), phase.micros.end(), [](double m) { return m > kLongMicroseconds; }));
 }

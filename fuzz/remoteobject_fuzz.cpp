@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <algorithm>
 #include <vector>
 
 #include "effectcache/EffectCompression.h"
@@ -22,7 +23,9 @@
 namespace {
 
 // Aborts unless DecompressEffect gives what uncompress gives for `source`
-// in `room` bytes, the buffer compared whole with 16 bytes past the room.
+// in `room` bytes, the buffer compared whole with 16 bytes past the room;
+// and unless DecompressEffectDirect gives the same status and length, and
+// on success the same bytes.
 void CompareWithUncompress(const std::uint8_t* source, std::size_t size, std::uint64_t room) {
   std::vector<std::uint8_t> theirs(room + 16, 0xEE), ours(room + 16, 0xEE);
   uLongf theirLength = static_cast<uLongf>(room);
@@ -30,6 +33,14 @@ void CompareWithUncompress(const std::uint8_t* source, std::size_t size, std::ui
   std::uint64_t ourLength = room;
   const int ourStatus = Tovrel::EffectCompression::DecompressEffect(ours.data(), ourLength, source, size);
   if (ourStatus != theirStatus || ourLength != theirLength || ours != theirs) std::abort();
+  std::vector<std::uint8_t> direct(room + 16, 0xEE);
+  std::uint64_t directLength = room;
+  const int directStatus = Tovrel::EffectCompression::DecompressEffectDirect(direct.data(), directLength, source, size);
+  if (directStatus != theirStatus || directLength != theirLength) std::abort();
+  if (directStatus == Z_OK && !std::equal(theirs.begin(), theirs.begin() + static_cast<std::ptrdiff_t>(theirLength),
+                                          direct.begin())) {
+    std::abort();
+  }
 }
 
 }  // namespace

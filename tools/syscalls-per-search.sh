@@ -12,6 +12,7 @@ cmake --build "$dir" -j "$(nproc)" --target parallel_search_bench > /dev/null
 bench="$dir/bench/parallel_search_bench"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+mkdir "$work/cache"
 "$bench" --save-cache "$work/cache"
 touch "$work/start"
 strace -f -qq -o "$work/trace" "$bench" --search-child "$work/cache" 1 "$work/start" "$work/out"

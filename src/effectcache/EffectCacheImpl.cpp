@@ -119,7 +119,9 @@ bool EffectCacheImpl::EnsureOpen() {
   openAttempted_ = true;
   lastOpenAttempt_ = now;
   if (!InitializeTimeStamp()) return false;
-  CacheFileLock::Hold hold(*fileLock_);
+  // Taken to read: opening a file that is there and whole writes nothing
+  // (what writes says so first), and other processes' searches go on.
+  CacheFileLock::Hold hold(*fileLock_, CacheFileLock::Intent::kRead);
   if (!hold.IsOwner()) return false;
   // Only a file proven damaged or foreign (or missing) is replaced; one
   // that could not be read as it is stays untouched for a later try.
@@ -177,8 +179,13 @@ EffectCacheImpl::~EffectCacheImpl() {
   ResetState();
   {
     // The package ends under the mutex: nothing it does then can race
-    // another process's save.
-    CacheFileLock::Hold hold(*fileLock_);
+    // another process's save. It holds no unsaved change (a failed write
+    // dropped it already), so its end writes nothing, and other
+    // processes' searches go on without the mutex.
+    CacheFileLock::Hold hold(*fileLock_, CacheFileLock::Intent::kRead);
+    const auto* paged = dynamic_cast<const PagedFilePackage*>(package_.Get());
+    const FilePageCache* pages = paged != nullptr ? paged->GetPageCache() : nullptr;
+    if (pages != nullptr && pages->IsOpen() && !pages->FileMatchesCache()) fileLock_->WillWrite();
     DropPackage();
   }
 }
@@ -468,8 +475,10 @@ EffectPayload::Result EffectCacheImpl::ReadStored(const EffectRecord& record, Ta
 EffectCacheImpl::OpenOutcome EffectCacheImpl::OpenCacheFile() {
   const std::uint64_t failures = PlatformFile::FailuresOnThisThread();
   try {
-    CacheFileLock::Hold hold(*fileLock_);
+    CacheFileLock::Hold hold(*fileLock_, CacheFileLock::Intent::kRead);
     if (!hold.IsOwner()) return OpenOutcome::kUnavailable;
+    // Opening makes a missing file, and rolls a dead writer's journal back.
+    if (!PlatformFile::Exists(config_.filePath) || PlatformFile::Exists(journalPath_.c_str())) fileLock_->WillWrite();
     if (PlatformFile::OtherOwner(config_.filePath) >= 0) {
       // Named objects belong to their user: another user's hosts lock and
       // stamp the file through objects this process cannot meet, so it
@@ -584,7 +593,9 @@ bool EffectCacheImpl::TrimAfterLoad() {
   if (readOnly_) return true;  // nothing is trimmed from a file that may not be written
   try {
     std::uint64_t removed = 0;
-    TrimToLimit(GetSizeLimit(), &removed);
+    const std::uint64_t limit = GetSizeLimit();
+    if (package_ && package_->GetTotalStreamSize() >= limit) fileLock_->WillWrite();
+    TrimToLimit(limit, &removed);
     counts_.trimmed += removed;
     // A trim changed the file: make it durable now, under the mutex, as a
     // save would, so that the package holds no unsaved change.
@@ -837,9 +848,10 @@ bool EffectCacheImpl::SaveToFile() {
 
 bool EffectCacheImpl::SaveToFileUnderMutex() {
   if (!package_) return true;
-  CacheFileLock::Hold hold(*fileLock_);
+  CacheFileLock::Hold hold(*fileLock_, CacheFileLock::Intent::kRead);
   if (!hold.IsOwner()) return false;
   if (pendingEffects_.empty() && damaged_.empty()) return true;
+  fileLock_->WillWrite();
   // Nothing is written from a view that is not the file's: when it cannot
   // be brought up to date, the effects stay pending for the next save.
   if (!MakeViewCurrent() || !package_) return false;

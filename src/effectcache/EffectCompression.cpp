@@ -57,18 +57,22 @@ constexpr std::uint64_t kTrailerBytes = 4;
 // libdeflate checks. Bytes past those four are ignored, as uncompress
 // ignores them. Room of no bytes goes to uncompress, which decodes into a
 // byte of its own then.
-bool DecodedByLibdeflate(std::uint8_t* dest, std::uint64_t& destLen, const std::uint8_t* source,
-                         std::uint64_t sourceLen) {
+bool LibdeflateTakes(std::uint64_t destLen, const std::uint8_t* source, std::uint64_t sourceLen) {
   if (sourceLen < kHeaderBytes + kTrailerBytes || destLen == 0 || source[0] != kMethodAndWindow ||
       (source[1] & kPresetDictionary) != 0 || (source[0] * 256u + source[1]) % 31 != 0) {
     return false;
   }
   const auto size = static_cast<std::size_t>(sourceLen);
-  if (!DeflateHeaderScan::Strict(source + kHeaderBytes, size - kHeaderBytes - kTrailerBytes)) return false;
+  return DeflateHeaderScan::Strict(source + kHeaderBytes, size - kHeaderBytes - kTrailerBytes);
+}
+
+bool DecodedByLibdeflate(std::uint8_t* dest, std::uint64_t& destLen, const std::uint8_t* source,
+                         std::uint64_t sourceLen) {
+  if (!LibdeflateTakes(destLen, source, sourceLen)) return false;
   const std::uint8_t* bytes = nullptr;
   std::size_t produced = 0;
-  if (!LibdeflateInflater::ForThisThread().Inflate(source, size, static_cast<std::size_t>(destLen), bytes,
-                                                   produced)) {
+  if (!LibdeflateInflater::ForThisThread().Inflate(source, static_cast<std::size_t>(sourceLen),
+                                                   static_cast<std::size_t>(destLen), bytes, produced)) {
     return false;
   }
   if (produced != 0) std::memcpy(dest, bytes, produced);
@@ -83,6 +87,22 @@ int EffectCompression::DecompressEffect(std::uint8_t* dest, std::uint64_t& destL
   uLongf length = static_cast<uLongf>(destLen);
   if (length != destLen || static_cast<uLong>(sourceLen) != sourceLen) return kBufferError;
   if (DecodedByLibdeflate(dest, destLen, source, sourceLen)) return kOk;
+  const int result = uncompress(dest, &length, source, static_cast<uLong>(sourceLen));
+  destLen = length;
+  return result;
+}
+
+int EffectCompression::DecompressEffectDirect(std::uint8_t* dest, std::uint64_t& destLen, const std::uint8_t* source,
+                                              std::uint64_t sourceLen) {
+  uLongf length = static_cast<uLongf>(destLen);
+  if (length != destLen || static_cast<uLong>(sourceLen) != sourceLen) return kBufferError;
+  std::size_t produced = 0;
+  if (LibdeflateTakes(destLen, source, sourceLen) &&
+      LibdeflateInflater::ForThisThread().InflateInto(source, static_cast<std::size_t>(sourceLen), dest,
+                                                      static_cast<std::size_t>(destLen), produced)) {
+    destLen = produced;
+    return kOk;
+  }
   const int result = uncompress(dest, &length, source, static_cast<uLong>(sourceLen));
   destLen = length;
   return result;

@@ -45,6 +45,12 @@ class EffectCompression {
   // memory for libdeflate the stream goes to uncompress.
   static int DecompressEffect(std::uint8_t* dest, std::uint64_t& destLen, const std::uint8_t* source,
                               std::uint64_t sourceLen);
+  // The same status and length as DecompressEffect for every input, and on
+  // kOk the same bytes, but decoded straight into dest, without a copy:
+  // the bytes of dest past the length, and all of them when it fails, are
+  // unspecified. For callers that throw a failed result away (a search).
+  static int DecompressEffectDirect(std::uint8_t* dest, std::uint64_t& destLen, const std::uint8_t* source,
+                                    std::uint64_t sourceLen);
 };
 
 }  // namespace Tovrel

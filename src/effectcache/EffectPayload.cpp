@@ -33,7 +33,7 @@ EffectPayload::Result DecompressBytes(const EffectRecord& record, const std::uin
   data.SetCount(record.uncompressedSize);
   if (record.uncompressedSize == 0 || size == 0) return EffectPayload::Result::kSizeMismatch;
   std::uint64_t length = record.uncompressedSize;
-  const int status = EffectCompression::DecompressEffect(data.Addr(0), length, compressed, size);
+  const int status = EffectCompression::DecompressEffectDirect(data.Addr(0), length, compressed, size);
   if (status == EffectCompression::kMemoryError) throw std::bad_alloc();  // says nothing of the bytes
   if (status != EffectCompression::kOk) return EffectPayload::Result::kCorrupt;
   return length == record.uncompressedSize ? EffectPayload::Result::kOk : EffectPayload::Result::kLengthMismatch;

@@ -47,4 +47,17 @@ bool LibdeflateInflater::Inflate(const std::uint8_t* source, std::size_t size, s
   return true;
 }
 
+bool LibdeflateInflater::InflateInto(const std::uint8_t* source, std::size_t size, std::uint8_t* dest,
+                                     std::size_t room, std::size_t& produced) {
+  if (decompressor_ == nullptr) decompressor_ = libdeflate_alloc_decompressor();
+  if (decompressor_ == nullptr) return false;
+  std::size_t consumed = 0;
+  if (libdeflate_zlib_decompress_ex(decompressor_, source, size, dest, room, &consumed, &produced) !=
+      LIBDEFLATE_SUCCESS) {
+    return false;
+  }
+  ++decoded_;
+  return true;
+}
+
 }  // namespace Tovrel

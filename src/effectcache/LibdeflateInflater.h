@@ -42,6 +42,11 @@ class LibdeflateInflater {
   bool Inflate(const std::uint8_t* source, std::size_t size, std::size_t room, const std::uint8_t*& out,
                std::size_t& produced);
 
+  // The same decode straight into `dest` (room for `room` bytes), which
+  // libdeflate may write anywhere in, whatever it answers.
+  bool InflateInto(const std::uint8_t* source, std::size_t size, std::uint8_t* dest, std::size_t room,
+                   std::size_t& produced);
+
   // Whether this thread's decompressor has been made (for tests).
   bool HasDecompressor() const { return decompressor_ != nullptr; }
   // Bytes the buffer holds now (for tests).
