@@ -15,7 +15,10 @@
 //
 // Reference counted: create with new, hold through RefPtr, and let the last
 // Release destroy it (which saves first). Thread-safety: any thread may
-// call; calls are serialised inside.
+// call. Searches run side by side, with each other and with other
+// processes' searches: they decompress outside every lock, and a search of
+// a file no process wrote since this object last held its named mutex
+// takes no named mutex at all. Other calls are serialised inside.
 #ifndef TOVREL_EFFECTCACHESYSTEM_H
 #define TOVREL_EFFECTCACHESYSTEM_H
 
