@@ -1,6 +1,7 @@
 #include "effectcache/CacheTimeStamp.h"
 
 #include "pagefile/LittleEndian.h"
+#include "platform/LocalClock.h"
 
 namespace Tovrel {
 
@@ -68,6 +69,11 @@ CacheTimeStamp CacheTimeStamp::Decode(const std::uint8_t* bytes) {
   stamp.second = LittleEndian::Load16(bytes + 10);
   stamp.milliseconds = LittleEndian::Load32(bytes + 12);
   return stamp;
+}
+
+CacheTimeStamp CacheTimeStamp::Now() {
+  const LocalClock::Time t = LocalClock::Now();
+  return CacheTimeStamp{t.year, t.month, t.day, t.hour, t.minute, t.second, t.milliseconds};
 }
 
 }  // namespace Tovrel

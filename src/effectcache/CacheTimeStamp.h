@@ -30,6 +30,8 @@ struct CacheTimeStamp {
   std::int64_t Seconds() const;
   // The stamp `seconds` after 1970-01-01 00:00:00 (milliseconds 0).
   static CacheTimeStamp FromSeconds(std::int64_t seconds);
+  // The local time now, to the millisecond.
+  static CacheTimeStamp Now();
 
   void Encode(std::uint8_t* bytes) const;
   static CacheTimeStamp Decode(const std::uint8_t* bytes);

@@ -13,7 +13,6 @@
 #include "effectcache/EffectCacheStats.h"
 #include "effectcache/EffectPayload.h"
 #include "effectcache/UserDataBlock.h"
-#include "package/DirectStreamReader.h"
 #include "host/AutoMutex.h"
 #include "host/Path.h"
 #include "host/TabOutOfRangeException.h"
@@ -50,11 +49,6 @@ bool Utf8Name(const WStr& name, std::string* key) {
   return true;
 }
 
-CacheTimeStamp Now() {
-  const LocalClock::Time t = LocalClock::Now();
-  return CacheTimeStamp{t.year, t.month, t.day, t.hour, t.minute, t.second, t.milliseconds};
-}
-
 // Bytes of the index stream: the entries that can be written.
 std::uint64_t IndexSize(const EffectTable& effects) {
   std::uint64_t size = 0;
@@ -75,7 +69,8 @@ EffectCacheImpl::EffectCacheImpl(const WStr& cacheFolder, int compressionLevel, 
       compressionLevel_(EffectCompression::ClampLevel(compressionLevel)),
       cacheBytesLimit_(cacheBytesLimit),
       config_{},
-      readOnly_(false) {
+      readOnly_(false),
+      search_(*this) {
   if (!folderPath_.isNull()) {
     NorvaneSDK::Util::Path folder(folderPath_.data());
     folder.AddTrailingSeparator();
@@ -268,187 +263,15 @@ void EffectCacheImpl::ListCachedEffects(const wchar_t* file) {
 bool EffectCacheImpl::SearchCachedEffects(const WStr& name, Tab<unsigned char>& data) {
   std::string key;
   if (name.isNull() || !Utf8Name(name, &key)) return false;
-  const bool found = Search(key, data);
+  const bool found = search_.Search(key, data);
   (found ? searchHits_ : searchMisses_).fetch_add(1, std::memory_order_relaxed);
   return found;
-}
-
-namespace {
-
-// A search's compressed bytes, kept between the searches of one thread so
-// that each one does not allocate its own.
-std::vector<std::uint8_t>& SearchBuffer() {
-  thread_local std::vector<std::uint8_t> buffer;
-  return buffer;
-}
-
-}  // namespace
-
-bool EffectCacheImpl::Search(const std::string& key, Tab<unsigned char>& data) {
-  std::vector<std::uint8_t>& compressed = SearchBuffer();
-  EffectRecord record{};
-  Found found = FindShared(key, data, &record, compressed);
-  // Bytes that fail their checks are looked at again under the locks:
-  // the view that found them may be stale, or they are damaged.
-  if (found == Found::kStored && Decode(record, compressed, data) == EffectPayload::Result::kOk) return true;
-  if (found == Found::kStored || found == Found::kLocked) found = FindLocked(key, data, &record, compressed, false);
-  if (found == Found::kStored) {
-    if (Decode(record, compressed, data) == EffectPayload::Result::kOk) return true;
-    NoteDamaged(key, record);
-    found = Found::kDamaged;
-  }
-  if (found == Found::kDamaged) {
-    // Bytes that failed their checks may be another save's, read through
-    // tables that a save behind the shared stamp's back made stale: when
-    // the file's mark says so, the view is loaded again and read again.
-    found = FindLocked(key, data, &record, compressed, true);
-    if (found == Found::kStored) {
-      if (Decode(record, compressed, data) == EffectPayload::Result::kOk) return true;
-      NoteDamaged(key, record);
-      found = Found::kDamaged;
-    }
-  }
-  if (found == Found::kPending) return true;
-  return (found == Found::kMissing || found == Found::kDamaged) && FetchFromRemote(key, data);
-}
-
-EffectCacheImpl::Found EffectCacheImpl::FindPending(const std::string& key, Tab<unsigned char>& data) const {
-  const auto pending = pendingEffects_.find(key);
-  if (pending == pendingEffects_.end() || pending->second.bytes.Count() == 0) return Found::kLocked;
-  data.ZeroCount();
-  data.Append(pending->second.bytes.Count(), pending->second.bytes.Addr(0));
-  return Found::kPending;
-}
-
-EffectCacheImpl::Found EffectCacheImpl::FindShared(const std::string& key, Tab<unsigned char>& data,
-                                                   EffectRecord* record, std::vector<std::uint8_t>& compressed) const {
-  std::shared_lock<ReaderWriterLock> shared(lock_);
-  if (FindPending(key, data) == Found::kPending) return Found::kPending;
-  const auto* paged = dynamic_cast<const PagedFilePackage*>(package_.Get());
-  if (paged == nullptr || staleView_) return Found::kLocked;
-  // The view is the file's when no process held the file's lock since
-  // this object let it go with the view current: the save counter proves
-  // it, read before and after the bytes.
-  const std::uint64_t known = fileLock_->LastRelease();
-  if (known % 2 != 0 || fileLock_->Observe() != known) return Found::kLocked;
-  const std::size_t at = fileEffects_.IndexOf(key);
-  if (at != EffectTable::kNone) {
-    const EffectRecord& found = fileEffects_.At(at).record;
-    try {
-      const DirectStreamReader::Result read =
-          DirectStreamReader::Read(*paged, found.streamId, 8 + EffectPayload::CompressedSizeLimit(), compressed);
-      if (read != DirectStreamReader::Result::kOk) return Found::kLocked;
-    } catch (const std::bad_alloc&) {
-      throw;
-    } catch (const std::exception&) {
-      return Found::kLocked;  // a failed read: the locked path tells trouble from damage
-    }
-    *record = found;
-  }
-  // The reads are system calls that have completed by now: a holder whose
-  // writes they may have seen made the counter odd before its first one.
-  if (fileLock_->Observe() != known) return Found::kLocked;
-  if (at == EffectTable::kNone) return Found::kMissing;
-  if (EffectPayload::CheckBlock(*record, compressed) != EffectPayload::Result::kOk) return Found::kLocked;
-  fileEffects_.MarkUsed(at, Now());
-  return Found::kStored;
-}
-
-EffectCacheImpl::Found EffectCacheImpl::FindLocked(const std::string& key, Tab<unsigned char>& data,
-                                                   EffectRecord* record, std::vector<std::uint8_t>& compressed,
-                                                   bool again) {
-  std::lock_guard<ReaderWriterLock> guard(lock_);
-  CheckInvariants();
-  if (FindPending(key, data) == Found::kPending) return Found::kPending;
-  if (!EnsureOpen()) return Found::kFailed;
-  // Taken to read: other processes' searches go on without the lock
-  // unless this one has to write (a reload that rolls a journal back).
-  CacheFileLock::Hold hold(*fileLock_, CacheFileLock::Intent::kRead);
-  if (!hold.IsOwner()) return Found::kFailed;
-  try {
-    if (again) {
-      if (damaged_.count(key) == 0 || FileMarkIsKnown()) return Found::kMissing;
-      staleView_ = true;
-      damaged_.erase(key);
-    }
-    // A view that could not be brought up to date is not searched: its
-    // tables may name pages that another process has since reused.
-    if (!RefreshIfChanged() || !package_) return Found::kMissing;
-    const std::size_t at = fileEffects_.IndexOf(key);
-    if (at == EffectTable::kNone) return Found::kMissing;
-    const EffectRecord& found = fileEffects_.At(at).record;
-    const EffectPayload::Result read = ReadStoredBytes(found, compressed);
-    if (read != EffectPayload::Result::kOk) {
-      // Bytes that failed their checks: the next save looks at them again
-      // and drops the entry if they still do. A read that met a failed
-      // file call proves nothing of them: only a miss.
-      if (read != EffectPayload::Result::kTrouble) damaged_[key] = found.streamId;
-      return Found::kDamaged;
-    }
-    *record = found;
-    fileEffects_.MarkUsed(at, Now());
-    return Found::kStored;
-  } catch (const std::bad_alloc&) {
-    throw;
-  } catch (const NorvaneSDK::Util::TabOutOfRangeException&) {
-    throw;
-  } catch (const std::exception&) {
-    return Found::kFailed;  // a damaged file: the search misses
-  }
-}
-
-EffectPayload::Result EffectCacheImpl::Decode(const EffectRecord& record, const std::vector<std::uint8_t>& compressed,
-                                              Tab<unsigned char>& data) {
-  const std::uint32_t start = LocalClock::TickCount();
-  const EffectPayload::Result result = EffectPayload::DecompressBlock(record, compressed, data);
-  if (result == EffectPayload::Result::kOk) {
-    decodeMilliseconds_.fetch_add(LocalClock::TickCount() - start, std::memory_order_relaxed);
-  }
-  return result;
-}
-
-void EffectCacheImpl::NoteDamaged(const std::string& key, const EffectRecord& record) {
-  std::lock_guard<ReaderWriterLock> guard(lock_);
-  const EffectRecord* entry = fileEffects_.Find(key);
-  if (entry != nullptr && entry->streamId == record.streamId) damaged_[key] = record.streamId;
 }
 
 void EffectCacheImpl::FoldSearchCounts() {
   counts_.hits += searchHits_.exchange(0, std::memory_order_relaxed);
   counts_.misses += searchMisses_.exchange(0, std::memory_order_relaxed);
   profile_.AddDecompression(decodeMilliseconds_.exchange(0, std::memory_order_relaxed));
-}
-
-bool EffectCacheImpl::FetchFromRemote(const std::string& key, Tab<unsigned char>& data) {
-  // The request runs without any lock: other threads go on meanwhile.
-  std::shared_ptr<EffectRemoteStore> remote;
-  {
-    std::shared_lock<ReaderWriterLock> shared(lock_);
-    remote = remote_;
-  }
-  if (!remote) return false;
-  bool permanent = false;
-  std::vector<std::uint8_t> compressed;
-  if (!remote->Fetch(key, data, &permanent, &compressed)) return false;
-  // The next save keeps it in the file, as if the host had cached it, with
-  // the compressed bytes it came in (checked to decompress to `data`). It
-  // counts against the limits as a cached effect does: a read-only file
-  // keeps no more than its size limit (the effect is served, not kept),
-  // and a writable one saves when 2 MiB are waiting.
-  std::lock_guard<ReaderWriterLock> guard(lock_);
-  if (!package_) return true;
-  const std::uint64_t adds = EffectRecord::kSize + (8 + key.size()) + (8 + static_cast<std::uint64_t>(data.Count()));
-  if (readOnly_ && pendingBytes_ + adds > cacheBytesLimit_) return true;
-  Tab<unsigned char> bytes(data);
-  PendingEffect& effect = pendingEffects_[key];
-  effect.bytes = std::move(bytes);
-  effect.permanent = permanent ? 1 : 0;
-  effect.fromRemote = true;
-  effect.pushed = false;
-  effect.compressed.swap(compressed);
-  pendingBytes_ += adds;
-  if (!readOnly_ && pendingBytes_ >= kAutoSaveThreshold) SaveToFile();
-  return true;
 }
 
 EffectPayload::Result EffectCacheImpl::ReadStoredBytes(const EffectRecord& record,
@@ -733,7 +556,7 @@ bool EffectCacheImpl::WritePendingEffect(const std::string& name, const PendingE
   std::uint64_t id = 0;
   if (!WriteEffectStream(compressed.compressed.data(), c, &id)) return false;
   const EffectRecord record{id, static_cast<std::uint32_t>(name.size()), static_cast<std::uint32_t>(n),
-                            effect.permanent, Now(), static_cast<std::uint32_t>(c), 0};
+                            effect.permanent, CacheTimeStamp::Now(), static_cast<std::uint32_t>(c), 0};
   if (!changes.empty() && changes.back().name == name) {
     changes.back() = EffectTable::Change{name, record, false};
   } else {
@@ -907,7 +730,7 @@ bool EffectCacheImpl::SaveCounts(bool zero) {
   // the counts with it: they never stop a save.
   CountRemoteWork();
   FoldSearchCounts();
-  if (counts_.AnyCounts() || zero) EffectCacheStats::AddTo(*package_, counts_, Now(), zero);
+  if (counts_.AnyCounts() || zero) EffectCacheStats::AddTo(*package_, counts_, CacheTimeStamp::Now(), zero);
   const ChangeMark next = knownMark_.Next();
   if (!ChangeMark::WriteLast(*package_, next) || !package_->Save()) return false;
   knownMark_ = next;

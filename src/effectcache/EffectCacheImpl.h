@@ -55,6 +55,9 @@
 // goes into the index's marks (EffectTable::MarkUsed), its hits and
 // misses into atomic counts; a change folds them in.
 //
+// The search path lives in EffectSearch (search_), a room of its own that
+// works on these fields as this class's friend.
+//
 // Owned by EffectCacheSystem. Thread-safety: every public operation may be
 // called from any thread. Changes, and searches that need the named mutex,
 // take lock_ exclusively (then the file's lock, always in that order);
@@ -83,6 +86,7 @@
 #include "effectcache/EffectPayload.h"
 #include "effectcache/EffectRecord.h"
 #include "effectcache/EffectRemoteStore.h"
+#include "effectcache/EffectSearch.h"
 #include "effectcache/EffectTable.h"
 #include "host/NorvaneHeapOperators.h"
 #include "host/RefPtr.h"
@@ -188,6 +192,8 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   const WStr& GetCacheFileFullPath() const { return cacheFilePath_; }
   std::uint64_t GetPendingBytes() const;
  private:
+  friend class EffectSearch;
+
   struct PendingEffect {
     Tab<unsigned char> bytes;
     std::uint32_t permanent;
@@ -212,7 +218,6 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   void PushToRemote(std::vector<RemotePush>& pushes);
   void PushPendingToRemote();
   void CountRemoteWork();
-  bool FetchFromRemote(const std::string& key, Tab<unsigned char>& data);
 
   // What a try to open the cache file found: the file is loaded, proven
   // damaged or foreign (to be replaced), or could not be read as it is.
@@ -253,28 +258,6 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   bool OpenReadOnly();
   bool SaveDirectory();
   bool SaveCounts(bool zero);
-  // What a search found, and where.
-  enum class Found {
-    kPending,  // in the pending map: copied into the caller's Tab
-    kStored,   // in the index: its record and compressed bytes are in hand
-    kMissing,  // in neither (of a view proven current)
-    kDamaged,  // in the index, but its bytes failed their checks
-    kFailed,   // the cache is unusable, the mutex cannot be had, or the file is damaged
-    kLocked,   // not known without the locks: ask under them
-  };
-  bool Search(const std::string& key, Tab<unsigned char>& data);
-  Found FindShared(const std::string& key, Tab<unsigned char>& data, EffectRecord* record,
-                   std::vector<std::uint8_t>& compressed) const;
-  Found FindLocked(const std::string& key, Tab<unsigned char>& data, EffectRecord* record,
-                   std::vector<std::uint8_t>& compressed, bool again);
-  Found FindPending(const std::string& key, Tab<unsigned char>& data) const;
-  // Decompresses found bytes (a length-prefixed block) into `data`,
-  // without any lock, and times it for the profile.
-  EffectPayload::Result Decode(const EffectRecord& record, const std::vector<std::uint8_t>& compressed,
-                               Tab<unsigned char>& data);
-  // Notes an entry whose bytes failed their checks (if the index still
-  // names that stream), under lock_.
-  void NoteDamaged(const std::string& key, const EffectRecord& record);
   // Reads a stored effect's compressed bytes through the package; kTrouble
   // when it failed and a file call failed on the way.
   EffectPayload::Result ReadStoredBytes(const EffectRecord& record, std::vector<std::uint8_t>& compressed);
@@ -353,6 +336,8 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   std::vector<RemotePush> remotePushes_;
   // The store's counts when they were last added to counts_.
   EffectRemoteStore::Counts remoteCounted_;
+  // The search path (the searches' room); made last, as it reads the rest.
+  EffectSearch search_;
 };
 
 }  // namespace Tovrel
