@@ -55,8 +55,11 @@
 // goes into the index's marks (EffectTable::MarkUsed), its hits and
 // misses into atomic counts; a change folds them in.
 //
-// The search path lives in EffectSearch (search_), a room of its own that
-// works on these fields as this class's friend.
+// This class holds the state and its lock and serves the public calls;
+// the work lives in rooms of its own that work on these fields as its
+// friends: EffectFileView (view_: opening the file, keeping the view the
+// file's), EffectSaver (saver_: the save path) and EffectSearch (search_:
+// the search path).
 //
 // Owned by EffectCacheSystem. Thread-safety: every public operation may be
 // called from any thread. Changes, and searches that need the named mutex,
@@ -86,6 +89,8 @@
 #include "effectcache/EffectPayload.h"
 #include "effectcache/EffectRecord.h"
 #include "effectcache/EffectRemoteStore.h"
+#include "effectcache/EffectFileView.h"
+#include "effectcache/EffectSaver.h"
 #include "effectcache/EffectSearch.h"
 #include "effectcache/EffectTable.h"
 #include "host/NorvaneHeapOperators.h"
@@ -193,6 +198,8 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   std::uint64_t GetPendingBytes() const;
  private:
   friend class EffectSearch;
+  friend class EffectFileView;
+  friend class EffectSaver;
 
   struct PendingEffect {
     Tab<unsigned char> bytes;
@@ -204,69 +211,17 @@ class EffectCacheImpl : public NorvaneHeapOperators {
     std::vector<std::uint8_t> compressed;
   };
   using PendingMap = std::map<std::string, PendingEffect, EffectNameOrder>;
-  // An effect a save compressed, to be PUT once the save completed.
-  struct RemotePush {
-    std::string name;
-    bool permanent;
-    std::uint64_t size;
-    std::vector<std::uint8_t> compressed;
-  };
 
-  bool SaveToFileUnderMutex();
-  std::vector<EffectBatchCompressor::Result> CompressPending();
-  void CollectRemotePushes(std::vector<EffectBatchCompressor::Result>& compressed);
-  void PushToRemote(std::vector<RemotePush>& pushes);
-  void PushPendingToRemote();
   void CountRemoteWork();
-
-  // What a try to open the cache file found: the file is loaded, proven
-  // damaged or foreign (to be replaced), or could not be read as it is.
-  enum class OpenOutcome { kOpened, kCorrupt, kUnavailable };
   static std::atomic<std::uint32_t>& OpenRetryMilliseconds();
-  // Opens the file if it is not open and may be tried now; true when open.
-  bool EnsureOpen();
-  bool InitializeTimeStamp();
-  OpenOutcome OpenCacheFile();
-  bool CreateCacheFile();
-  bool WriteHeader();
-  // Takes the header and index of the package just loaded as this object's
-  // view, whole or not at all, then trims as a load does.
-  OpenOutcome LoadView();
-  bool TrimAfterLoad();
-  bool SaveIndex();
-  bool WritePendingEffects();
-  bool WritePendingEffect(const std::string& name, const PendingEffect& effect,
-                          const EffectBatchCompressor::Result& compressed, std::vector<EffectTable::Change>& changes);
-  bool WriteEffectStream(const std::uint8_t* compressed, std::uint64_t size, std::uint64_t* id);
-  // Reloads when the shared stamp, a dead writer's journal or an earlier
-  // failed reload says so; false when the view is stale.
-  bool RefreshIfChanged();
-  bool ReloadView();
-  // RefreshIfChanged, then proof by the file's change mark; false (and
-  // nothing may be written) when the view cannot be made the file's.
-  bool MakeViewCurrent();
-  bool FileMarkIsKnown();
   // Runs `change` under the file mutex on a view brought up to date; false
   // when the cache is disabled, the mutex cannot be had, or the refresh or
   // the change fails (false or an exception: the package is then dropped,
   // the file as its last completed save left it). Out of memory passes.
   bool ChangeUnderFileMutex(const std::function<bool()>& change);
-  bool TrimToLimit(std::uint64_t limit, std::uint64_t* removed);
-  std::uint64_t GetSizeLimit() const;
-  bool SaveToFile();
-  bool OpenReadOnlyIfNotWritable();
-  bool OpenReadOnly();
-  bool SaveDirectory();
-  bool SaveCounts(bool zero);
-  // Reads a stored effect's compressed bytes through the package; kTrouble
-  // when it failed and a file call failed on the way.
-  EffectPayload::Result ReadStoredBytes(const EffectRecord& record, std::vector<std::uint8_t>& compressed);
-  // Reads and decompresses a stored effect through the view.
-  EffectPayload::Result ReadStored(const EffectRecord& record, Tab<unsigned char>& data);
   // Adds the searches' atomic counts and decode times to counts_ and profile_.
   void FoldSearchCounts();
   std::vector<bool> ChooseRemovals(const RemovalChoice& choose, Removed* removed);
-  void DropDamagedEntries();
   void DiscardPending();
   void ResetState();
   void DropPackage();
@@ -331,12 +286,12 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // Shared, so that a search holds the store while it asks it without
   // any lock, even when it is replaced meanwhile.
   std::shared_ptr<EffectRemoteStore> remote_;
-  // What the save under way compressed, for the remote store once it
-  // completed; empty otherwise.
-  std::vector<RemotePush> remotePushes_;
   // The store's counts when they were last added to counts_.
   EffectRemoteStore::Counts remoteCounted_;
-  // The search path (the searches' room); made last, as it reads the rest.
+  // The rooms that work on these fields: the file's opening and view, the
+  // save path, the search path. Made last, as they read the rest.
+  EffectFileView view_;
+  EffectSaver saver_;
   EffectSearch search_;
 };
 

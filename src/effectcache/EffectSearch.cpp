@@ -100,24 +100,24 @@ EffectSearch::Found EffectSearch::FindLocked(const std::string& key, Tab<unsigne
   std::lock_guard<ReaderWriterLock> guard(cache_.lock_);
   cache_.CheckInvariants();
   if (FindPending(key, data) == Found::kPending) return Found::kPending;
-  if (!cache_.EnsureOpen()) return Found::kFailed;
+  if (!cache_.view_.EnsureOpen()) return Found::kFailed;
   // Taken to read: other processes' searches go on without the lock
   // unless this one has to write (a reload that rolls a journal back).
   CacheFileLock::Hold hold(*cache_.fileLock_, CacheFileLock::Intent::kRead);
   if (!hold.IsOwner()) return Found::kFailed;
   try {
     if (again) {
-      if (cache_.damaged_.count(key) == 0 || cache_.FileMarkIsKnown()) return Found::kMissing;
+      if (cache_.damaged_.count(key) == 0 || cache_.view_.FileMarkIsKnown()) return Found::kMissing;
       cache_.staleView_ = true;
       cache_.damaged_.erase(key);
     }
     // A view that could not be brought up to date is not searched: its
     // tables may name pages that another process has since reused.
-    if (!cache_.RefreshIfChanged() || !cache_.package_) return Found::kMissing;
+    if (!cache_.view_.RefreshIfChanged() || !cache_.package_) return Found::kMissing;
     const std::size_t at = cache_.fileEffects_.IndexOf(key);
     if (at == EffectTable::kNone) return Found::kMissing;
     const EffectRecord& found = cache_.fileEffects_.At(at).record;
-    const EffectPayload::Result read = cache_.ReadStoredBytes(found, compressed);
+    const EffectPayload::Result read = cache_.view_.ReadStoredBytes(found, compressed);
     if (read != EffectPayload::Result::kOk) {
       // Bytes that failed their checks: the next save looks at them again
       // and drops the entry if they still do. A read that met a failed
@@ -181,7 +181,7 @@ bool EffectSearch::FetchFromRemote(const std::string& key, Tab<unsigned char>& d
   effect.pushed = false;
   effect.compressed.swap(compressed);
   cache_.pendingBytes_ += adds;
-  if (!cache_.readOnly_ && cache_.pendingBytes_ >= EffectCacheImpl::kAutoSaveThreshold) cache_.SaveToFile();
+  if (!cache_.readOnly_ && cache_.pendingBytes_ >= EffectCacheImpl::kAutoSaveThreshold) cache_.saver_.SaveToFile();
   return true;
 }
 

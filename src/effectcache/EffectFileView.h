@@ -1,0 +1,74 @@
+// EffectFileView: how one effect cache object opens its file and keeps its
+// view of it (the header block, the index, the change mark) the file's, in
+// a room of its own.
+//
+// It opens the file (creating a missing one, replacing one proven damaged
+// or foreign, opening read only one that may not be written), loads the
+// view whole or not at all and trims what passes the size limit; before
+// any write, it brings the view up to date (the shared stamp's news, a
+// dead writer's journal, a change mark this object did not write) and
+// reads a stored effect's bytes through the package.
+//
+// Part of EffectCacheImpl (a friend of it, made and owned by it, living as
+// long as it), whose fields it reads and changes. Thread-safety: every
+// call is made with the object's lock held exclusively; those that touch
+// the file, with the file's lock held too (see EffectCacheImpl).
+#ifndef TOVREL_EFFECTCACHE_EFFECTFILEVIEW_H
+#define TOVREL_EFFECTCACHE_EFFECTFILEVIEW_H
+
+#include <cstdint>
+#include <vector>
+
+#include "effectcache/EffectPayload.h"
+#include "effectcache/EffectRecord.h"
+#include "host/Tab.h"
+
+namespace Tovrel {
+
+class EffectCacheImpl;
+
+class EffectFileView {
+ public:
+  explicit EffectFileView(EffectCacheImpl& cache) : cache_(cache) {}
+  EffectFileView(const EffectFileView&) = delete;
+  EffectFileView& operator=(const EffectFileView&) = delete;
+
+  // What a try to open the cache file found: the file is loaded, proven
+  // damaged or foreign (to be replaced), or could not be read as it is.
+  enum class OpenOutcome { kOpened, kCorrupt, kUnavailable };
+
+  // Opens the file if it is not open and may be tried now; true when open.
+  bool EnsureOpen();
+  bool InitializeTimeStamp();
+  OpenOutcome OpenCacheFile();
+  bool CreateCacheFile();
+  bool WriteHeader();
+  // Takes the header and index of the package just loaded as the view,
+  // whole or not at all, then trims as a load does.
+  OpenOutcome LoadView();
+  bool TrimAfterLoad();
+  // Reloads when the shared stamp, a dead writer's journal or an earlier
+  // failed reload says so; false when the view is stale.
+  bool RefreshIfChanged();
+  bool ReloadView();
+  // RefreshIfChanged, then proof by the file's change mark; false (and
+  // nothing may be written) when the view cannot be made the file's.
+  bool MakeViewCurrent();
+  bool FileMarkIsKnown();
+  bool TrimToLimit(std::uint64_t limit, std::uint64_t* removed);
+  std::uint64_t GetSizeLimit() const;
+  bool OpenReadOnlyIfNotWritable();
+  bool OpenReadOnly();
+  // Reads a stored effect's compressed bytes through the package; kTrouble
+  // when it failed and a file call failed on the way.
+  EffectPayload::Result ReadStoredBytes(const EffectRecord& record, std::vector<std::uint8_t>& compressed);
+  // Reads and decompresses a stored effect through the view.
+  EffectPayload::Result ReadStored(const EffectRecord& record, Tab<unsigned char>& data);
+
+ private:
+  EffectCacheImpl& cache_;
+};
+
+}  // namespace Tovrel
+
+#endif

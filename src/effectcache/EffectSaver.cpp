@@ -1,0 +1,280 @@
+#include "effectcache/EffectSaver.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "effectcache/CacheTimeStamp.h"
+#include "effectcache/EffectCacheImpl.h"
+#include "effectcache/EffectCacheStats.h"
+#include "effectcache/EffectIndex.h"
+#include "effectcache/EffectPayload.h"
+#include "pagefile/FileDataCorruptException.h"
+#include "pagefile/FileIOException.h"
+#include "platform/PlatformFile.h"
+#include "streams/StreamTransfer.h"
+
+namespace Tovrel {
+
+namespace {
+
+// Bytes of the index stream: the entries that can be written.
+std::uint64_t IndexSize(const EffectTable& effects) {
+  std::uint64_t size = 0;
+  for (const EffectTable::Entry& entry : effects) {
+    if (EffectIndex::IsWritable(entry.name, entry.record)) size += EffectIndex::EntrySize(entry.name);
+  }
+  return size;
+}
+
+}  // namespace
+
+bool EffectSaver::SaveIndex() {
+  if (!cache_.package_) return false;
+  cache_.fileEffects_.FoldUses();  // the searches' uses go into the index
+  // An index with no entries keeps one byte: a stream is never empty.
+  const std::uint64_t size = std::max<std::uint64_t>(IndexSize(cache_.fileEffects_), 1);
+  RefPtr<IDataStream> stream;
+  if (cache_.header_.indexStreamId != EffectCacheHeader::kNoIndex) {
+    stream = cache_.package_->OpenStream(cache_.header_.indexStreamId);
+    if (stream && stream->GetSize() != size) {
+      stream.Reset();
+      cache_.package_->RemoveStream(cache_.header_.indexStreamId);
+    }
+  }
+  if (!stream) {
+    cache_.header_.indexStreamId = cache_.package_->CreateStream(size);
+    stream = cache_.package_->OpenStream(cache_.header_.indexStreamId);
+    if (!stream) return false;
+  }
+  for (const EffectTable::Entry& entry : cache_.fileEffects_) {
+    if (!EffectIndex::IsWritable(entry.name, entry.record)) continue;
+    if (!EffectIndex::WriteEntry(stream, entry.name, entry.record)) return false;
+  }
+  return true;
+}
+
+bool EffectSaver::WritePendingEffects() {
+  if (!cache_.package_) return false;
+  const std::uint64_t room = std::min(PlatformFile::AvailableBytes(cache_.folderPath_.data()), cache_.cacheBytesLimit_);
+  if (room < cache_.pendingBytes_) {
+    cache_.DiscardPending();  // too little disk: the effects are dropped and the save succeeds
+    return true;
+  }
+  const std::uint64_t limit = cache_.view_.GetSizeLimit();
+  std::uint64_t trimmed = 0;
+  const bool fits = limit >= cache_.pendingBytes_ && cache_.view_.TrimToLimit(limit - cache_.pendingBytes_, &trimmed);
+  cache_.counts_.trimmed += trimmed;
+  if (!fits) {
+    cache_.DiscardPending();
+    return true;
+  }
+  std::vector<EffectBatchCompressor::Result> compressed = CompressPending();
+  // The index changes as one batch, in name order (the pending map's own),
+  // whether every effect was written or not.
+  std::vector<EffectTable::Change> changes;
+  changes.reserve(cache_.pendingEffects_.size());
+  bool written = true;
+  std::size_t i = 0;
+  try {
+    for (const auto& entry : cache_.pendingEffects_) {
+      written = WritePendingEffect(entry.first, static_cast<std::uint64_t>(entry.second.bytes.Count()),
+                                   entry.second.permanent, compressed[i++], changes);
+      if (!written) break;
+    }
+  } catch (...) {
+    cache_.fileEffects_.Apply(std::move(changes));  // streams already replaced leave the index
+    throw;
+  }
+  cache_.fileEffects_.Apply(std::move(changes));
+  if (written) {
+    CollectRemotePushes(compressed);
+    cache_.DiscardPending();
+  }
+  return written;
+}
+
+std::vector<EffectBatchCompressor::Result> EffectSaver::CompressPending() {
+  // Every effect is compressed before the first is written: compression
+  // runs on several cores, and the writes find their bytes ready. Effects
+  // fetched from the remote store keep the compressed bytes they came in.
+  std::vector<EffectBatchCompressor::Job> jobs;
+  jobs.reserve(cache_.pendingEffects_.size());
+  for (const auto& entry : cache_.pendingEffects_) {
+    const EffectCacheImpl::PendingEffect& effect = entry.second;
+    if (!effect.compressed.empty()) continue;
+    jobs.push_back(
+        {effect.bytes.Count() ? effect.bytes.Addr(0) : nullptr, static_cast<std::uint64_t>(effect.bytes.Count())});
+  }
+  std::vector<EffectBatchCompressor::Result> done = EffectBatchCompressor::CompressAll(jobs, cache_.compressionLevel_);
+  if (jobs.size() == cache_.pendingEffects_.size()) return done;  // none came compressed
+  std::vector<EffectBatchCompressor::Result> results;
+  results.reserve(cache_.pendingEffects_.size());
+  std::size_t next = 0;
+  for (auto& entry : cache_.pendingEffects_) {
+    EffectCacheImpl::PendingEffect& effect = entry.second;
+    if (effect.compressed.empty()) {
+      results.push_back(std::move(done[next++]));
+    } else {
+      EffectBatchCompressor::Result kept;
+      kept.ok = true;
+      kept.compressed.swap(effect.compressed);
+      results.push_back(std::move(kept));
+    }
+  }
+  return results;
+}
+
+void EffectSaver::CollectRemotePushes(std::vector<EffectBatchCompressor::Result>& compressed) {
+  // The bytes are written: they move to the pushes rather than being copied.
+  remotePushes_.clear();
+  if (!cache_.remote_ || cache_.remote_->GetSettings().readOnly) return;
+  std::size_t i = 0;
+  for (const auto& entry : cache_.pendingEffects_) {
+    EffectBatchCompressor::Result& result = compressed[i++];
+    if (entry.second.fromRemote || !result.ok) continue;
+    remotePushes_.push_back(RemotePush{entry.first, entry.second.permanent != 0,
+                                       static_cast<std::uint64_t>(entry.second.bytes.Count()),
+                                       std::move(result.compressed)});
+  }
+}
+
+bool EffectSaver::WritePendingEffect(const std::string& name, std::uint64_t n, std::uint32_t permanent,
+                                     const EffectBatchCompressor::Result& compressed,
+                                     std::vector<EffectTable::Change>& changes) {
+  if (const EffectRecord* stored = cache_.fileEffects_.Find(name)) {
+    const std::uint64_t old = stored->streamId;
+    changes.push_back(EffectTable::Change{name, EffectRecord{}, true});
+    cache_.package_->RemoveStream(old);
+  }
+  if (!compressed.ok) return false;
+  const auto c = static_cast<std::uint64_t>(compressed.compressed.size());
+  cache_.profile_.AddCompression(n, c, compressed.milliseconds);
+  std::uint64_t id = 0;
+  if (!WriteEffectStream(compressed.compressed.data(), c, &id)) return false;
+  const EffectRecord record{id,
+                            static_cast<std::uint32_t>(name.size()),
+                            static_cast<std::uint32_t>(n),
+                            permanent,
+                            CacheTimeStamp::Now(),
+                            static_cast<std::uint32_t>(c),
+                            0};
+  if (!changes.empty() && changes.back().name == name) {
+    changes.back() = EffectTable::Change{name, record, false};
+  } else {
+    changes.push_back(EffectTable::Change{name, record, false});
+  }
+  return true;
+}
+
+bool EffectSaver::WriteEffectStream(const std::uint8_t* compressed, std::uint64_t size, std::uint64_t* id) {
+  // An effect's stream: its compressed bytes as a length-prefixed block.
+  *id = cache_.package_->CreateStream(size + 8);
+  RefPtr<IDataStream> stream = cache_.package_->OpenStream(*id);
+  return stream && StreamTransfer::WriteBytes(compressed, size, stream);
+}
+
+bool EffectSaver::SaveToFile() {
+  if (cache_.readOnly_) {
+    PushPendingToRemote();
+    return true;
+  }
+  const bool saved = SaveToFileUnderMutex();
+  std::vector<RemotePush> pushes;
+  pushes.swap(remotePushes_);
+  if (saved) PushToRemote(pushes);
+  return saved;
+}
+
+bool EffectSaver::SaveToFileUnderMutex() {
+  if (!cache_.package_) return true;
+  CacheFileLock::Hold hold(*cache_.fileLock_, CacheFileLock::Intent::kRead);
+  if (!hold.IsOwner()) return false;
+  if (cache_.pendingEffects_.empty() && cache_.damaged_.empty()) return true;
+  cache_.fileLock_->WillWrite();
+  // Nothing is written from a view that is not the file's: when it cannot
+  // be brought up to date, the effects stay pending for the next save.
+  if (!cache_.view_.MakeViewCurrent() || !cache_.package_) return false;
+  try {
+    DropDamagedEntries();
+    if (!WritePendingEffects() || !SaveDirectory()) throw FileIOException();
+    return true;
+  } catch (const std::exception&) {
+    cache_.AbandonWrite();
+    return false;
+  }
+}
+
+void EffectSaver::PushPendingToRemote() {
+  // A read-only file keeps its effects pending; a store that takes them
+  // gets each one once.
+  if (!cache_.package_ || !cache_.remote_ || cache_.remote_->GetSettings().readOnly) return;
+  std::vector<EffectBatchCompressor::Job> jobs;
+  std::vector<EffectCacheImpl::PendingEffect*> effects;
+  std::vector<const std::string*> names;
+  for (auto& entry : cache_.pendingEffects_) {
+    EffectCacheImpl::PendingEffect& effect = entry.second;
+    if (effect.fromRemote || effect.pushed || effect.bytes.Count() == 0) continue;
+    jobs.push_back({effect.bytes.Addr(0), static_cast<std::uint64_t>(effect.bytes.Count())});
+    effects.push_back(&effect);
+    names.push_back(&entry.first);
+  }
+  if (jobs.empty()) return;
+  const std::vector<EffectBatchCompressor::Result> compressed =
+      EffectBatchCompressor::CompressAll(jobs, cache_.compressionLevel_);
+  for (std::size_t i = 0; i < jobs.size(); ++i) {
+    if (!compressed[i].ok) continue;
+    effects[i]->pushed = cache_.remote_->Store(*names[i], effects[i]->permanent != 0, jobs[i].size,
+                                               compressed[i].compressed.data(), compressed[i].compressed.size());
+  }
+}
+
+void EffectSaver::PushToRemote(std::vector<RemotePush>& pushes) {
+  // Without the file mutex: other processes never wait on the network.
+  if (!cache_.remote_) return;
+  for (const RemotePush& push : pushes) {
+    cache_.remote_->Store(push.name, push.permanent, push.size, push.compressed.data(), push.compressed.size());
+  }
+}
+
+bool EffectSaver::SaveDirectory() {
+  if (!SaveIndex() || !cache_.view_.WriteHeader()) return false;
+  return SaveCounts(false);
+}
+
+bool EffectSaver::SaveCounts(bool zero) {
+  // A block of the statistics' tag that is not theirs is left alone, and
+  // the counts with it: they never stop a save.
+  cache_.CountRemoteWork();
+  cache_.FoldSearchCounts();
+  if (cache_.counts_.AnyCounts() || zero)
+    EffectCacheStats::AddTo(*cache_.package_, cache_.counts_, CacheTimeStamp::Now(), zero);
+  const ChangeMark next = cache_.knownMark_.Next();
+  if (!ChangeMark::WriteLast(*cache_.package_, next) || !cache_.package_->Save()) return false;
+  cache_.knownMark_ = next;
+  cache_.counts_ = EffectCacheStats{};
+  cache_.timeStamp_.UpdateTimeStamp();
+  return true;
+}
+
+void EffectSaver::DropDamagedEntries() {
+  for (const auto& damaged : cache_.damaged_) {
+    const EffectRecord* entry = cache_.fileEffects_.Find(damaged.first);
+    // Another process may have stored the name afresh since: only the
+    // entry that was found damaged goes, and only when its bytes, read
+    // again through the view this save writes from, still fail.
+    if (entry == nullptr || entry->streamId != damaged.second) continue;
+    Tab<unsigned char> data;
+    const EffectPayload::Result again = cache_.view_.ReadStored(*entry, data);
+    if (again == EffectPayload::Result::kOk || again == EffectPayload::Result::kTrouble) continue;
+    try {
+      cache_.package_->RemoveStream(entry->streamId);
+    } catch (const FileDataCorruptException&) {
+      // A stream too damaged to remove stays, unnamed; the package is unchanged.
+    }
+    cache_.fileEffects_.Erase(damaged.first);
+  }
+  cache_.damaged_.clear();
+}
+
+}  // namespace Tovrel

@@ -1,0 +1,77 @@
+// EffectSaver: how one effect cache object saves, in a room of its own:
+// the pending effects compressed and written as streams, the index, the
+// header block and the statistics after them, the change mark last, then
+// the package's save (its journal and syncs) under the file's lock; what
+// a save compressed goes to the remote store once it completed.
+//
+// Nothing is written from a view that is not the file's (EffectFileView
+// brings it up to date first); a save that fails abandons the package's
+// unsaved changes, so that no later save or end writes them.
+//
+// Part of EffectCacheImpl (a friend of it, made and owned by it, living as
+// long as it), whose fields it reads and changes. Thread-safety: every
+// call is made with the object's lock held exclusively (see
+// EffectCacheImpl).
+#ifndef TOVREL_EFFECTCACHE_EFFECTSAVER_H
+#define TOVREL_EFFECTCACHE_EFFECTSAVER_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "effectcache/EffectBatchCompressor.h"
+#include "effectcache/EffectTable.h"
+
+namespace Tovrel {
+
+class EffectCacheImpl;
+
+class EffectSaver {
+ public:
+  explicit EffectSaver(EffectCacheImpl& cache) : cache_(cache) {}
+  EffectSaver(const EffectSaver&) = delete;
+  EffectSaver& operator=(const EffectSaver&) = delete;
+
+  // Saves the pending effects (a read-only file: PUTs them to the remote
+  // store instead); false when the save failed.
+  bool SaveToFile();
+  // The index, the header block, the statistics and the change mark, then
+  // the package's save.
+  bool SaveDirectory();
+  // Adds the counts to the file's statistics block (zeroes it first with
+  // `zero`), writes the next change mark and saves the package.
+  bool SaveCounts(bool zero);
+  // An effect's stream: its compressed bytes as a length-prefixed block.
+  bool WriteEffectStream(const std::uint8_t* compressed, std::uint64_t size, std::uint64_t* id);
+
+ private:
+  // An effect a save compressed, to be PUT once the save completed.
+  struct RemotePush {
+    std::string name;
+    bool permanent;
+    std::uint64_t size;
+    std::vector<std::uint8_t> compressed;
+  };
+
+  bool SaveToFileUnderMutex();
+  bool SaveIndex();
+  bool WritePendingEffects();
+  std::vector<EffectBatchCompressor::Result> CompressPending();
+  // Writes one pending effect (`size` bytes before compression) as a new
+  // stream, replacing the stream of the name's stored copy.
+  bool WritePendingEffect(const std::string& name, std::uint64_t size, std::uint32_t permanent,
+                          const EffectBatchCompressor::Result& compressed, std::vector<EffectTable::Change>& changes);
+  void CollectRemotePushes(std::vector<EffectBatchCompressor::Result>& compressed);
+  void PushToRemote(std::vector<RemotePush>& pushes);
+  void PushPendingToRemote();
+  void DropDamagedEntries();
+
+  EffectCacheImpl& cache_;
+  // What the save under way compressed, for the remote store once it
+  // completed; empty otherwise.
+  std::vector<RemotePush> remotePushes_;
+};
+
+}  // namespace Tovrel
+
+#endif
