@@ -78,9 +78,24 @@ CacheFileLock::Hold::Hold(CacheFileLock& lock, Intent intent)
   const std::uint32_t result = lock_.mutex_->Acquire(MutexObject::kInfinite);
   mutexHeld_ = result == MutexObject::kWaitObject0 || result == MutexObject::kWaitAbandoned;
   if (!mutexHeld_) return;
-  Holds().Enter(lock_.counterName_);
-  outermost_ = lock_.depth_++ == 0;
-  if (!lock_.EnsureCounter()) return;
+  // A hold that cannot be made (no memory for its bookkeeping) lets the
+  // mutex go before the failure leaves: no destructor would.
+  bool entered = false;
+  try {
+    Holds().Enter(lock_.counterName_);
+    entered = true;
+    outermost_ = lock_.depth_++ == 0;
+    if (!lock_.EnsureCounter()) return;
+  } catch (...) {
+    if (entered) {
+      --lock_.depth_;
+      bool wrote = false;
+      Holds().Leave(lock_.counterName_, &wrote);
+    }
+    mutexHeld_ = false;
+    lock_.mutex_->Release();
+    throw;
+  }
   owner_ = true;
   if (outermost_) lock_.acquiredAt_ = lock_.counter_.Load();
   if (intent == Intent::kWrite) lock_.WillWrite();

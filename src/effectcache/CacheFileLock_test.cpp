@@ -2,7 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
+#include <new>
+
 #include "effectcache/CacheFileNames.h"
+#include "host/MutexObject.h"
+#include "support/AllocationFaults.h"
 #include "support/TempDir.h"
 
 namespace Tovrel {
@@ -104,6 +109,50 @@ TEST(CacheFileLockTest, AReadHoldEvensUpACounterThatADeadWriterLeftOdd) {
   }
   EXPECT_EQ(lock.LastRelease(), odd + 1);
   EXPECT_EQ(lock.Observe(), odd + 1);
+}
+
+// True when another thread can take the file's named mutex within a while.
+bool OthersCanTake(const std::wstring& file) {
+  return std::async(std::launch::async, [&file] {
+           NorvaneSDK::Util::MutexObject mutex(CacheFileNames::FileMutexName(file).c_str());
+           const std::uint32_t result = mutex.Acquire(5000);
+           const bool taken = result == NorvaneSDK::Util::MutexObject::kWaitObject0 ||
+                              result == NorvaneSDK::Util::MutexObject::kWaitAbandoned;
+           if (taken) mutex.Release();
+           return taken;
+         }).get();
+}
+
+TEST(CacheFileLockTest, AHoldThatRunsOutOfMemoryLetsTheMutexGo) {
+  Testing::TempDir dir;
+  const std::wstring file = dir.File("norvaneFxoCache.dat");
+  std::uint64_t allocations = 0;
+  {
+    CacheFileLock lock(file);
+    Testing::AllocationFaultScope scope;
+    Testing::AllocationFaults::StartCounting();
+    CacheFileLock::Hold hold(lock, CacheFileLock::Intent::kWrite);
+    allocations = Testing::AllocationFaults::Count();
+    ASSERT_TRUE(hold.IsOwner());
+  }
+  ASSERT_GT(allocations, 0u);
+  int failed = 0;
+  for (std::uint64_t k = 1; k <= allocations; ++k) {
+    CacheFileLock lock(file);
+    {
+      Testing::AllocationFaultScope scope;
+      Testing::AllocationFaults::FailNth(k);
+      try {
+        CacheFileLock::Hold hold(lock, CacheFileLock::Intent::kWrite);
+      } catch (const std::bad_alloc&) {
+      }
+      failed += Testing::AllocationFaults::Fired() ? 1 : 0;
+    }
+    EXPECT_TRUE(OthersCanTake(file)) << "allocation " << k << " left the mutex held";
+    CacheFileLock::Hold after(lock);
+    EXPECT_TRUE(after.IsOwner());
+  }
+  EXPECT_GT(failed, 0);
 }
 
 }  // namespace
