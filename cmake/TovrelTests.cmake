@@ -47,6 +47,13 @@ tovrel_add_test_program(streams_tests src/streams)
 tovrel_add_test_program(package_tests src/package)
 tovrel_add_test_program(shared_tests src/shared)
 tovrel_add_test_program(effectcache_tests src/effectcache)
+# Every effect cache test again with background saving on (the caches the
+# tests make read the variable), as effectcache_background_tests.
+add_test(NAME effectcache_background_tests
+         COMMAND effectcache_tests --gtest_brief=1 --gtest_output=xml:test-results/effectcache_background_tests.xml
+         WORKING_DIRECTORY ${CMAKE_BINARY_DIR})
+set_tests_properties(effectcache_background_tests PROPERTIES TIMEOUT 900
+                     ENVIRONMENT "WINEDEBUG=-all;TOVREL_EFFECT_CACHE_BACKGROUND_SAVING=1")
 
 # The tovrel tool's tests: its classes in this process, and the built
 # program run as a child process, found beside the test program.

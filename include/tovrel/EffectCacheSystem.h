@@ -14,7 +14,8 @@
 // exception leaves the object except allocation failures.
 //
 // Reference counted: create with new, hold through RefPtr, and let the last
-// Release destroy it (which saves first). Thread-safety: any thread may
+// Release destroy it (which saves first; with background saving on, after
+// the worker's saves have ended). Thread-safety: any thread may
 // call. Searches run side by side, with each other and with other
 // processes' searches: they decompress outside every lock, and a search of
 // a file no process wrote since this object last held its named mutex
@@ -66,6 +67,20 @@ class TOVREL_API EffectCacheSystem : public NorvaneGraphics::ARefObject {
   // for text that does not name a store. The environment variable
   // "TOVREL_EFFECT_CACHE_REMOTE" sets one when the cache is made.
   bool SetRemoteStore(const wchar_t* store);
+  // Background saving, off by default. On, the save that 2 MiB of waiting
+  // effects start (and ForceSaveToFile's) runs on a worker thread of this
+  // object: compression, writes, the journal and the syncs happen there,
+  // and CacheCompiledEffect copies the effect and returns. A search finds
+  // an effect whether it is waiting, being saved or saved; each count
+  // counts it once, where it is. ForceSaveToFile and the last Release wait
+  // for every save to end, with the same results as without; a failed
+  // save makes the cache unusable. Memory is bounded: while the effects
+  // waiting and those being saved pass 64 MiB, CacheCompiledEffect waits
+  // for the save under way. Turning it off waits for that save; effects
+  // still waiting then stay in memory until the next save. The environment
+  // variable "TOVREL_EFFECT_CACHE_BACKGROUND_SAVING" ("1" on, "0" off) sets
+  // it when the cache is made.
+  void SetBackgroundSaving(bool on);
 
  private:
   EffectCacheImpl* impl_;  // owned; never null

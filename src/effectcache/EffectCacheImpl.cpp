@@ -56,7 +56,8 @@ EffectCacheImpl::EffectCacheImpl(const WStr& cacheFolder, int compressionLevel, 
       readOnly_(false),
       view_(*this),
       saver_(*this),
-      search_(*this) {
+      search_(*this),
+      worker_([this] { saver_.SaveInBackground(); }) {
   if (!folderPath_.isNull()) {
     NorvaneSDK::Util::Path folder(folderPath_.data());
     folder.AddTrailingSeparator();
@@ -70,6 +71,7 @@ EffectCacheImpl::EffectCacheImpl(const WStr& cacheFolder, int compressionLevel, 
   config_.streamLimit = kStreamLimit;
   if (cacheFilePath_.isNull()) return;  // no file: unusable for good
   SetRemoteStore(Environment::Get(kRemoteVariable).c_str());
+  backgroundSaving_ = Environment::Get(kBackgroundVariable) == L"1";
   retryOpen_ = true;
   view_.EnsureOpen();
 }
@@ -120,7 +122,11 @@ EffectRemoteStore::Counts EffectCacheImpl::GetRemoteCounts() const {
 }
 
 EffectCacheImpl::~EffectCacheImpl() {
+  // The saves asked of the worker end first; what is still queued is
+  // saved here, as pending effects are.
+  worker_.Stop();
   std::lock_guard<ReaderWriterLock> guard(lock_);
+  queue_.MoveWaitingInto(pendingEffects_, &pendingBytes_);
   try {
     FoldSearchCounts();
     saver_.SaveToFile();
@@ -147,13 +153,24 @@ bool EffectCacheImpl::CacheCompiledEffect(const WStr& name, const unsigned char*
   if (data == nullptr || size < 1 || size > kEffectSizeLimit) return false;
   std::string key;
   if (!Utf8Name(name, &key) || key.empty() || key.size() > kEffectNameSizeLimit) return false;
+  const std::uint64_t adds = EffectRecord::kSize + (8 + key.size()) + (8 + size);
+  if (!backgroundSaving_.load() || !queueOpen_.load()) {
+    const Placed placed = CachePending(key, data, size, permanent, adds);
+    if (placed != Placed::kQueue) return placed == Placed::kPending;
+  }
+  return QueueEffect(key, data, size, permanent, adds);
+}
+
+EffectCacheImpl::Placed EffectCacheImpl::CachePending(const std::string& key, const unsigned char* data,
+                                                      std::size_t size, bool permanent, std::uint64_t adds) {
   std::lock_guard<ReaderWriterLock> guard(lock_);
   CheckInvariants();
-  if (!view_.EnsureOpen()) return false;
-  const std::uint64_t adds = EffectRecord::kSize + (8 + key.size()) + (8 + size);
+  if (!view_.EnsureOpen()) return Placed::kRefused;
+  if (backgroundSaving_.load() && queueOpen_.load()) return Placed::kQueue;
+  AdoptQueued();
   // A read-only file never takes the pending effects: they are held up to
   // the size limit, and no more.
-  if (readOnly_ && pendingBytes_ + adds > cacheBytesLimit_) return false;
+  if (readOnly_ && pendingBytes_ + adds > cacheBytesLimit_) return Placed::kRefused;
   // The copy is made before anything changes: when memory runs out, the
   // pending map is as it was (never an entry without its bytes, which no
   // index may hold).
@@ -168,11 +185,41 @@ bool EffectCacheImpl::CacheCompiledEffect(const WStr& name, const unsigned char*
   pendingBytes_ += adds;
   ++counts_.cached;
   if (pendingBytes_ >= kAutoSaveThreshold) saver_.SaveToFile();
+  return Placed::kPending;
+}
+
+bool EffectCacheImpl::QueueEffect(const std::string& key, const unsigned char* data, std::size_t size,
+                                  bool permanent, std::uint64_t adds) {
+  // The host's thread copies the effect and goes on: the worker compresses
+  // and writes it. It waits only while the memory queued passes the bound.
+  PendingEffect effect;
+  effect.bytes.Append(static_cast<INT_PTR>(size), data);
+  effect.permanent = permanent ? 1 : 0;
+  if (queue_.Add(key, std::move(effect), adds, kAutoSaveThreshold)) worker_.Request();
+  queue_.WaitUnderBound(backgroundBound_.load());
   return true;
 }
 
-void EffectCacheImpl::ForceSaveToFile() {
+void EffectCacheImpl::AdoptQueued() {
+  if (!backgroundSaving_.load()) queue_.MoveWaitingInto(pendingEffects_, &pendingBytes_);
+}
+
+void EffectCacheImpl::NoteQueueOpen() { queueOpen_ = package_ && !readOnly_; }
+
+void EffectCacheImpl::SetBackgroundSaving(bool on) {
+  if (!on) worker_.WaitIdle();
   std::lock_guard<ReaderWriterLock> guard(lock_);
+  backgroundSaving_ = on;
+  AdoptQueued();
+}
+
+void EffectCacheImpl::ForceSaveToFile() {
+  if (backgroundSaving_.load()) {
+    worker_.RequestAndWait();
+    return;
+  }
+  std::lock_guard<ReaderWriterLock> guard(lock_);
+  AdoptQueued();
   saver_.SaveToFile();
 }
 
@@ -182,13 +229,24 @@ std::size_t EffectCacheImpl::GetNumberOfEffectsInFile() const {
 }
 
 std::size_t EffectCacheImpl::GetNumberOfEffectsInMemory() const {
+  // Each effect once: a name pending and queued (or queued and being
+  // saved) is one effect, which the save under way moves into the index
+  // under lock_ at the moment the queue lets it go.
+  std::size_t inMemory = 0;
+  std::size_t inFile = 0;
+  CountEffects(&inMemory, &inFile);
+  return inMemory;
+}
+
+void EffectCacheImpl::CountEffects(std::size_t* inMemory, std::size_t* inFile) const {
   std::shared_lock<ReaderWriterLock> shared(lock_);
-  return pendingEffects_.size();
+  *inMemory = pendingEffects_.size() + queue_.CountBeside(pendingEffects_);
+  *inFile = fileEffects_.Size();
 }
 
 std::uint64_t EffectCacheImpl::GetPendingBytes() const {
   std::shared_lock<ReaderWriterLock> shared(lock_);
-  return pendingBytes_;
+  return pendingBytes_ + queue_.Bytes();
 }
 
 bool EffectCacheImpl::IsEnabled() const {
@@ -226,6 +284,7 @@ bool EffectCacheImpl::SearchCachedEffects(const WStr& name, Tab<unsigned char>& 
 }
 
 void EffectCacheImpl::FoldSearchCounts() {
+  counts_.cached += queue_.TakeAdded();
   counts_.hits += searchHits_.exchange(0, std::memory_order_relaxed);
   counts_.misses += searchMisses_.exchange(0, std::memory_order_relaxed);
   profile_.AddDecompression(decodeMilliseconds_.exchange(0, std::memory_order_relaxed));
@@ -383,11 +442,13 @@ void EffectCacheImpl::AbandonWrite() {
 void EffectCacheImpl::DropPackage() {
   if (package_) AbandonPackageChanges(package_.Get());
   package_.Reset();
+  queueOpen_ = false;
 }
 
 void EffectCacheImpl::CheckInvariants() const {
   assert(compressionLevel_ >= 0 && compressionLevel_ <= 9);
   assert(fileLock_ != nullptr);
+  assert(queueOpen_.load() == (package_ && !readOnly_));
 #ifndef NDEBUG
   for (const auto& pending : pendingEffects_) {
     assert(pending.second.bytes.Count() >= 1 && static_cast<std::uint64_t>(pending.second.bytes.Count()) <= kEffectSizeLimit);

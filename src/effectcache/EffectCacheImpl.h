@@ -90,9 +90,12 @@
 #include "effectcache/EffectRecord.h"
 #include "effectcache/EffectRemoteStore.h"
 #include "effectcache/EffectFileView.h"
+#include "effectcache/EffectSaveQueue.h"
+#include "effectcache/EffectSaveWorker.h"
 #include "effectcache/EffectSaver.h"
 #include "effectcache/EffectSearch.h"
 #include "effectcache/EffectTable.h"
+#include "effectcache/PendingEffect.h"
 #include "host/NorvaneHeapOperators.h"
 #include "host/RefPtr.h"
 #include "host/Tab.h"
@@ -110,6 +113,12 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   static constexpr std::uint64_t kAutoSaveThreshold = 2097152;
   // Names the remote store a cache takes when it is made.
   static constexpr const wchar_t* kRemoteVariable = L"TOVREL_EFFECT_CACHE_REMOTE";
+  // Turns background saving on ("1") or off ("0") when a cache is made.
+  static constexpr const wchar_t* kBackgroundVariable = L"TOVREL_EFFECT_CACHE_BACKGROUND_SAVING";
+  // With background saving on: when the effects waiting and those being
+  // saved pass this many bytes, CacheCompiledEffect waits for the save
+  // under way.
+  static constexpr std::uint64_t kBackgroundBytesBound = 67108864;
   static constexpr std::uint64_t kCacheBytesLimit = 268435456;
   // The zlib level EffectCacheSystem compresses at.
   static constexpr int kHostCompressionLevel = 2;
@@ -133,6 +142,8 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   const WStr& GetCacheFilePath() const { return cacheFolder_; }
   std::size_t GetNumberOfEffectsInFile() const;
   std::size_t GetNumberOfEffectsInMemory() const;
+  // Both counts at one moment.
+  void CountEffects(std::size_t* inMemory, std::size_t* inFile) const;
   bool IsEnabled() const;
   void SetEnabled(bool enabled);
   void ListCachedEffects(const wchar_t* file);
@@ -195,24 +206,45 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   EffectRemoteStore::Counts GetRemoteCounts() const;
   // The cache file's full path (empty for an empty folder).
   const WStr& GetCacheFileFullPath() const { return cacheFilePath_; }
+  // Bytes waiting to be saved (pending, queued and being saved).
   std::uint64_t GetPendingBytes() const;
+
+  // Background saving: with it on, the save that 2 MiB of waiting effects
+  // start, and ForceSaveToFile's, run on a worker thread of this object
+  // (EffectSaveWorker): CacheCompiledEffect queues the effect
+  // (EffectSaveQueue) and returns without the object's lock, and waits
+  // only when the effects queued and being saved pass the bound (see
+  // kBackgroundBytesBound); ForceSaveToFile and the end of the object wait
+  // for every save to end. Off (the default), saves run on the caller's
+  // thread. Turning it off waits for the save under way, and the queued
+  // effects become pending ones.
+  void SetBackgroundSaving(bool on);
+  bool IsBackgroundSaving() const { return backgroundSaving_.load(); }
+  // For tests and benchmarks: the bound of background saving's memory.
+  void SetBackgroundBytesBound(std::uint64_t bytes) { backgroundBound_ = bytes; }
+  // CacheCompiledEffect calls that waited for the bound, ever.
+  std::uint64_t GetBoundWaits() const { return queue_.BoundWaits(); }
+  // Saves run on the worker, ever.
+  std::uint64_t GetBackgroundSaves() const { return backgroundSaves_.load(); }
+
  private:
   friend class EffectSearch;
   friend class EffectFileView;
   friend class EffectSaver;
 
-  struct PendingEffect {
-    Tab<unsigned char> bytes;
-    std::uint32_t permanent;
-    bool fromRemote;  // fetched from the remote store: never PUT back
-    bool pushed;      // PUT already (a read-only file keeps it pending)
-    // From the remote store: its compressed bytes as they came (stored as
-    // they are, not compressed again); empty otherwise.
-    std::vector<std::uint8_t> compressed;
-  };
-  using PendingMap = std::map<std::string, PendingEffect, EffectNameOrder>;
 
   void CountRemoteWork();
+  // Where CacheCompiledEffect put an effect: refused, pending, or to be queued.
+  enum class Placed { kRefused, kPending, kQueue };
+  Placed CachePending(const std::string& key, const unsigned char* data, std::size_t size, bool permanent,
+                      std::uint64_t adds);
+  bool QueueEffect(const std::string& key, const unsigned char* data, std::size_t size, bool permanent,
+                   std::uint64_t adds);
+  // With background saving off: queued effects become pending ones.
+  void AdoptQueued();
+  // True when CacheCompiledEffect may queue: background saving is on and
+  // the file is open for writing.
+  void NoteQueueOpen();
   static std::atomic<std::uint32_t>& OpenRetryMilliseconds();
   // Runs `change` under the file mutex on a view brought up to date; false
   // when the cache is disabled, the mutex cannot be had, or the refresh or
@@ -288,11 +320,22 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   std::shared_ptr<EffectRemoteStore> remote_;
   // The store's counts when they were last added to counts_.
   EffectRemoteStore::Counts remoteCounted_;
+  // Background saving: the effects queued and being saved (with a lock of
+  // their own), and the worker that saves them. queueOpen_ mirrors
+  // "package_ is set and not read only" for CacheCompiledEffect, which
+  // reads it without lock_.
+  std::atomic<bool> backgroundSaving_{false};
+  std::atomic<bool> queueOpen_{false};
+  std::atomic<std::uint64_t> backgroundBound_{kBackgroundBytesBound};
+  std::atomic<std::uint64_t> backgroundSaves_{0};
+  EffectSaveQueue queue_;
   // The rooms that work on these fields: the file's opening and view, the
   // save path, the search path. Made last, as they read the rest.
   EffectFileView view_;
   EffectSaver saver_;
   EffectSearch search_;
+  // Last: it ends first, so no save runs on a half-ended object.
+  EffectSaveWorker worker_;
 };
 
 }  // namespace Tovrel

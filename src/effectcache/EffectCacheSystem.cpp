@@ -34,4 +34,6 @@ bool EffectCacheSystem::SearchCachedEffects(const WStr& name, Tab<unsigned char>
 
 bool EffectCacheSystem::SetRemoteStore(const wchar_t* store) { return impl_->SetRemoteStore(store); }
 
+void EffectCacheSystem::SetBackgroundSaving(bool on) { impl_->SetBackgroundSaving(on); }
+
 }  // namespace Tovrel

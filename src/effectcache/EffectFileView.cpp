@@ -46,6 +46,7 @@ bool EffectFileView::EnsureOpen() {
   const OpenOutcome opened = OpenCacheFile();
   if (opened == OpenOutcome::kCorrupt && !CreateCacheFile()) cache_.DropPackage();
   if (cache_.package_) cache_.retryOpen_ = false;
+  cache_.NoteQueueOpen();
   return static_cast<bool>(cache_.package_);
 }
 

@@ -9,6 +9,8 @@
 #include "effectcache/EffectCacheStats.h"
 #include "effectcache/EffectIndex.h"
 #include "effectcache/EffectPayload.h"
+#include "effectcache/EffectRecord.h"
+#include "effectcache/EffectSaveQueue.h"
 #include "pagefile/FileDataCorruptException.h"
 #include "pagefile/FileIOException.h"
 #include "platform/PlatformFile.h"
@@ -101,7 +103,7 @@ std::vector<EffectBatchCompressor::Result> EffectSaver::CompressPending() {
   std::vector<EffectBatchCompressor::Job> jobs;
   jobs.reserve(cache_.pendingEffects_.size());
   for (const auto& entry : cache_.pendingEffects_) {
-    const EffectCacheImpl::PendingEffect& effect = entry.second;
+    const PendingEffect& effect = entry.second;
     if (!effect.compressed.empty()) continue;
     jobs.push_back(
         {effect.bytes.Count() ? effect.bytes.Addr(0) : nullptr, static_cast<std::uint64_t>(effect.bytes.Count())});
@@ -112,13 +114,14 @@ std::vector<EffectBatchCompressor::Result> EffectSaver::CompressPending() {
   results.reserve(cache_.pendingEffects_.size());
   std::size_t next = 0;
   for (auto& entry : cache_.pendingEffects_) {
-    EffectCacheImpl::PendingEffect& effect = entry.second;
+    PendingEffect& effect = entry.second;
     if (effect.compressed.empty()) {
       results.push_back(std::move(done[next++]));
     } else {
       EffectBatchCompressor::Result kept;
       kept.ok = true;
       kept.compressed.swap(effect.compressed);
+      kept.milliseconds = effect.compressMilliseconds;
       results.push_back(std::move(kept));
     }
   }
@@ -174,6 +177,55 @@ bool EffectSaver::WriteEffectStream(const std::uint8_t* compressed, std::uint64_
   return stream && StreamTransfer::WriteBytes(compressed, size, stream);
 }
 
+void EffectSaver::SaveInBackground() noexcept {
+  EffectSaveQueue& queue = cache_.queue_;
+  queue.Take();
+  try {
+    // The effects stay in the queue, where searches find them, until the
+    // index (or, when the save could not write them, the pending map)
+    // holds them.
+    std::vector<EffectBatchCompressor::Job> jobs;
+    jobs.reserve(queue.Saving().size());
+    for (const auto& entry : queue.Saving()) {
+      jobs.push_back({entry.second.bytes.Addr(0), static_cast<std::uint64_t>(entry.second.bytes.Count())});
+    }
+    std::vector<EffectBatchCompressor::Result> compressed =
+        EffectBatchCompressor::CompressAll(jobs, cache_.compressionLevel_);
+    std::lock_guard<ReaderWriterLock> guard(cache_.lock_);
+    AdoptSaving(compressed);
+    SaveToFile();
+    cache_.backgroundSaves_.fetch_add(1, std::memory_order_relaxed);
+    queue.Finish();
+  } catch (...) {
+    // No memory for the copies, or a save that threw: the file keeps its
+    // last completed save and the queued effects wait again.
+    std::lock_guard<ReaderWriterLock> guard(cache_.lock_);
+    cache_.AbandonWrite();
+    queue.GiveBack();
+  }
+}
+
+void EffectSaver::AdoptSaving(std::vector<EffectBatchCompressor::Result>& compressed) {
+  // Copies, made before the pending map changes: the queue's stay for the
+  // searches until the save has ended.
+  PendingMap adopted;
+  std::uint64_t bytes = 0;
+  std::size_t i = 0;
+  for (const auto& entry : cache_.queue_.Saving()) {
+    PendingEffect& effect = adopted[entry.first];
+    effect.bytes = entry.second.bytes;
+    effect.permanent = entry.second.permanent;
+    if (compressed[i].ok) {
+      effect.compressed.swap(compressed[i].compressed);
+      effect.compressMilliseconds = compressed[i].milliseconds;
+    }
+    ++i;
+    bytes += EffectRecord::kSize + (8 + entry.first.size()) + (8 + static_cast<std::uint64_t>(effect.bytes.Count()));
+  }
+  MovePendingEffects(adopted, cache_.pendingEffects_);
+  cache_.pendingBytes_ += bytes;
+}
+
 bool EffectSaver::SaveToFile() {
   if (cache_.readOnly_) {
     PushPendingToRemote();
@@ -210,10 +262,10 @@ void EffectSaver::PushPendingToRemote() {
   // gets each one once.
   if (!cache_.package_ || !cache_.remote_ || cache_.remote_->GetSettings().readOnly) return;
   std::vector<EffectBatchCompressor::Job> jobs;
-  std::vector<EffectCacheImpl::PendingEffect*> effects;
+  std::vector<PendingEffect*> effects;
   std::vector<const std::string*> names;
   for (auto& entry : cache_.pendingEffects_) {
-    EffectCacheImpl::PendingEffect& effect = entry.second;
+    PendingEffect& effect = entry.second;
     if (effect.fromRemote || effect.pushed || effect.bytes.Count() == 0) continue;
     jobs.push_back({effect.bytes.Addr(0), static_cast<std::uint64_t>(effect.bytes.Count())});
     effects.push_back(&effect);

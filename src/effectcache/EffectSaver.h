@@ -35,6 +35,12 @@ class EffectSaver {
   // Saves the pending effects (a read-only file: PUTs them to the remote
   // store instead); false when the save failed.
   bool SaveToFile();
+  // The worker's job (see EffectSaveWorker): takes the queued effects,
+  // compresses them without any lock, then, with the object's lock, makes
+  // them pending (their compressed bytes with them) and saves as
+  // SaveToFile does. Never throws: a save that failed leaves the cache
+  // unusable, as a failed save does on the host's thread.
+  void SaveInBackground() noexcept;
   // The index, the header block, the statistics and the change mark, then
   // the package's save.
   bool SaveDirectory();
@@ -54,6 +60,9 @@ class EffectSaver {
   };
 
   bool SaveToFileUnderMutex();
+  // Makes the queued effects of the save under way pending ones, with the
+  // compressed bytes made for them.
+  void AdoptSaving(std::vector<EffectBatchCompressor::Result>& compressed);
   bool SaveIndex();
   bool WritePendingEffects();
   std::vector<EffectBatchCompressor::Result> CompressPending();

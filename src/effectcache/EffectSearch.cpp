@@ -25,6 +25,9 @@ std::vector<std::uint8_t>& SearchBuffer() {
 }  // namespace
 
 bool EffectSearch::Search(const std::string& key, Tab<unsigned char>& data) {
+  // Queued for the background save, or in the save under way: the newest
+  // copy, found without the object's lock (the save may hold it).
+  if (cache_.queue_.Find(key, data)) return true;
   std::vector<std::uint8_t>& compressed = SearchBuffer();
   EffectRecord record{};
   Found found = FindShared(key, data, &record, compressed);
@@ -169,19 +172,29 @@ bool EffectSearch::FetchFromRemote(const std::string& key, Tab<unsigned char>& d
   // counts against the limits as a cached effect does: a read-only file
   // keeps no more than its size limit (the effect is served, not kept),
   // and a writable one saves when 2 MiB are waiting.
-  std::lock_guard<ReaderWriterLock> guard(cache_.lock_);
-  if (!cache_.package_) return true;
-  const std::uint64_t adds = EffectRecord::kSize + (8 + key.size()) + (8 + static_cast<std::uint64_t>(data.Count()));
-  if (cache_.readOnly_ && cache_.pendingBytes_ + adds > cache_.cacheBytesLimit_) return true;
-  Tab<unsigned char> bytes(data);
-  EffectCacheImpl::PendingEffect& effect = cache_.pendingEffects_[key];
-  effect.bytes = std::move(bytes);
-  effect.permanent = permanent ? 1 : 0;
-  effect.fromRemote = true;
-  effect.pushed = false;
-  effect.compressed.swap(compressed);
-  cache_.pendingBytes_ += adds;
-  if (!cache_.readOnly_ && cache_.pendingBytes_ >= EffectCacheImpl::kAutoSaveThreshold) cache_.saver_.SaveToFile();
+  bool saveInBackground = false;
+  {
+    std::lock_guard<ReaderWriterLock> guard(cache_.lock_);
+    if (!cache_.package_) return true;
+    const std::uint64_t adds =
+        EffectRecord::kSize + (8 + key.size()) + (8 + static_cast<std::uint64_t>(data.Count()));
+    if (cache_.readOnly_ && cache_.pendingBytes_ + adds > cache_.cacheBytesLimit_) return true;
+    Tab<unsigned char> bytes(data);
+    PendingEffect& effect = cache_.pendingEffects_[key];
+    effect.bytes = std::move(bytes);
+    effect.permanent = permanent ? 1 : 0;
+    effect.fromRemote = true;
+    effect.pushed = false;
+    effect.compressed.swap(compressed);
+    effect.compressMilliseconds = 0;
+    cache_.pendingBytes_ += adds;
+    if (!cache_.readOnly_ && cache_.pendingBytes_ >= EffectCacheImpl::kAutoSaveThreshold) {
+      saveInBackground = cache_.backgroundSaving_.load();
+      if (!saveInBackground) cache_.saver_.SaveToFile();
+    }
+  }
+  // Asked without the lock: with no thread to be had, the save runs here.
+  if (saveInBackground) cache_.worker_.Request();
   return true;
 }
 
