@@ -2,17 +2,19 @@
 
 #include <array>
 #include <filesystem>
+#include <memory>
 #include <vector>
 
 #include "ExitStatus.h"
 #include "JsonWriter.h"
 #include "LockedPackage.h"
 #include "MaintenanceCommands.h"
-#include "PackageVerifier.h"
+#include "ProgressReporter.h"
 #include "TextFormat.h"
 #include "ToolError.h"
 #include "VerifyReport.h"
 #include "effectcache/EffectCacheImpl.h"
+#include "package/PackageVerifier.h"
 #include "pagefile/PageGeometry.h"
 
 namespace Tovrel {
@@ -325,8 +327,15 @@ int PackageCommands::Cat(const CommandLine& line, Console& console) {
 
 int PackageCommands::Verify(const CommandLine& line, Console& console) {
   const LockedPackage file(UserPath(line.Positionals()[0]), PagedFilePackage::kAnyStreamLimit);
-  PackageVerifier verifier(file.Package(), file.FileSize(), console);
+  PackageVerifier verifier(file.Package(), file.FileSize());
+  // The reporter's quiet second starts when the streams' reading does.
+  std::unique_ptr<ProgressReporter> progress;
+  verifier.SetProgress([&](std::uint64_t done, std::uint64_t total) {
+    if (!progress) progress.reset(new ProgressReporter(console, "reading streams", total));
+    progress->Update(done);
+  });
   const std::vector<std::string> problems = verifier.Run();
+  progress.reset();
   const auto report = line.Has("--json") ? &VerifyReport::PrintJson : &VerifyReport::Print;
   return report(console, line.Positionals()[0], problems,
                 TextFormat::Count(verifier.PagesChecked()) + " pages, " +
