@@ -40,6 +40,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "package/PagedFilePackage.h"
