@@ -5,6 +5,13 @@
 // that refuses the file (and starts a new one) is not. Work that cannot
 // depend on the input is skipped (see PackageRefused and Refused). The
 // file lives in an in-memory file system: no input touches the disk.
+//
+// PackageVerifier checks the input as it comes (it may well be unsound:
+// that is no finding, but the verifier meets every input), and the file
+// the cache left, when the cache opened the input: a file the cache
+// started anew in place of a refused one, and one it saved from a sound
+// input, must be sound. (One saved from an unsound input need not be: the
+// package keeps the damage it cannot undo, such as a page of two streams.)
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -15,6 +22,7 @@
 
 #include "effectcache/EffectCacheImpl.h"
 #include "host/MutexObject.h"
+#include "package/PackageVerifier.h"
 #include "platform/FileSystem.h"
 #include "platform/MemoryFileSystem.h"
 #include "platform/PlatformFile.h"
@@ -23,6 +31,9 @@
 #include "tovrel/tovrel.h"
 
 namespace {
+
+// Bytes the verifier reads at most from one file.
+constexpr std::uint64_t kMostVerifiedBytes = 4 << 20;
 
 // The in-memory file system that holds the input, made current once.
 Tovrel::MemoryFileSystem& Files() {
@@ -108,6 +119,10 @@ bool Refused(const std::wstring& file, const std::uint8_t* data, std::size_t siz
   return cache.GetNumberOfEffectsInFile() == 0 && !Files().Holds(file, data, size);
 }
 
+bool Sound(const std::wstring& file) {
+  return Tovrel::PackageVerifier::VerifyFile(file.c_str(), nullptr, kMostVerifiedBytes).IsSound();
+}
+
 void Exercise(Tovrel::EffectCacheSystem& cache, const std::uint8_t* data, std::size_t size) {
   for (const std::wstring& name : NamesFrom(data, size)) {
     Tab<unsigned char> found;
@@ -127,9 +142,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   KeepSharedObjects(file);
   Files().Remove(journal.c_str());
   Files().WriteAll(file, std::vector<std::uint8_t>(data, data + size));
+  const bool sound = Sound(file);
   if (!PackageRefused(file)) {
     RefPtr<Tovrel::EffectCacheSystem> cache(new Tovrel::EffectCacheSystem(WStr(folder.c_str())));
-    if (!Refused(file, data, size, *cache)) Exercise(*cache, data, size);
+    const bool anew = Refused(file, data, size, *cache);
+    if (!anew) Exercise(*cache, data, size);
+    cache.Reset();
+    const bool left = Sound(file);
+    if ((sound || anew) && !left) std::abort();
   }
   // Nothing of this input outlives it, so that the fuzzer's leak check
   // (which runs again every input that ends with more allocations than it

@@ -5,12 +5,20 @@
 // again. Any crash, leak, sanitizer report or slow input is a finding;
 // refusals (empty results, exceptions of the library's family) are not.
 // The file lives in an in-memory file system: no input touches the disk.
+//
+// PackageVerifier checks the input as it comes (it may well be unsound:
+// that is no finding, but the verifier meets every input), and again the
+// file the library left, when the library rewrote it: the library keeps a
+// sound package sound, so problems in a file it saved from a sound input
+// are a finding. (From an unsound input they are not: the library keeps
+// the damage it cannot undo, such as a page of two streams.)
 #include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <string>
 #include <vector>
 
+#include "package/PackageVerifier.h"
 #include "platform/FileSystem.h"
 #include "platform/MemoryFileSystem.h"
 #include "tovrel/tovrel.h"
@@ -34,6 +42,11 @@ Tovrel::MemoryFileSystem& Files() {
 }
 
 const std::wstring kPath = L"fuzz-package.dat";
+
+// The verifier reads no more than the target does.
+bool Sound(const std::wstring& path) {
+  return Tovrel::PackageVerifier::VerifyFile(path.c_str(), nullptr, kMostBytes).IsSound();
+}
 
 void ReadStreams(Tovrel::IDataStreamSet& package) {
   std::vector<std::uint8_t> buffer(16 * 1024);
@@ -93,7 +106,9 @@ void Exercise(const std::wstring& path, std::uint64_t streamLimit) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Files().Remove((kPath + L"-journal").c_str());
   Files().WriteAll(kPath, std::vector<std::uint8_t>(data, data + size));
+  const bool sound = Sound(kPath);
   Exercise(kPath, size % 2 == 0 ? 65535 : 10);
+  if (!Files().Holds(kPath, data, size) && !Sound(kPath) && sound) __builtin_trap();
   // Nothing of this input outlives it, so that the fuzzer's leak check
   // (which runs again every input that ends with more allocations than it
   // freed) never runs one twice.

@@ -164,10 +164,20 @@ bool PagedFilePackage::ReadTables() {
 }
 
 RefPtr<PagedFilePackage> PagedFilePackage::Open(const PagedFilePackageConfig& config, LoadFailure* why) {
+  return OpenWith(config, FilePageCache::Access::kUpdate, why);
+}
+
+RefPtr<PagedFilePackage> PagedFilePackage::OpenReadOnly(const PagedFilePackageConfig& config, LoadFailure* why) {
+  return OpenWith(config, FilePageCache::Access::kReadOnly, why);
+}
+
+RefPtr<PagedFilePackage> PagedFilePackage::OpenWith(const PagedFilePackageConfig& config, FilePageCache::Access access,
+                                                    LoadFailure* why) {
   *why = LoadFailure::kUnavailable;
   if (config.filePath == nullptr) return RefPtr<PagedFilePackage>();
   try {
     RefPtr<PagedFilePackage> package(new PagedFilePackage(config));
+    package->access_ = access;
     const bool loaded = package->Reload();
     *why = package->GetLoadFailure();
     if (loaded) return package;

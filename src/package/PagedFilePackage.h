@@ -78,6 +78,10 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   ~PagedFilePackage() override;
 
  public:
+  // A stream limit for reading any package: as high as a package's tables
+  // allow, so that any package the library wrote opens.
+  static constexpr std::uint64_t kAnyStreamLimit = StreamTable::kClearedLimit;
+
   // Copies the configuration and the path; touches no file.
   explicit PagedFilePackage(const PagedFilePackageConfig& config);
 
@@ -97,6 +101,9 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   // OpenFilePackage that says why it failed: the package, or null with
   // *why set (never kNone then).
   static RefPtr<PagedFilePackage> Open(const PagedFilePackageConfig& config, LoadFailure* why);
+  // The same, the file opened only for reading (see LoadReadOnly); a
+  // missing file stays missing (kUnavailable).
+  static RefPtr<PagedFilePackage> OpenReadOnly(const PagedFilePackageConfig& config, LoadFailure* why);
   // Writes the tables if modified; see the header comment. FileIOException
   // (EIO), nothing written, while the package is broken.
   bool Save() override;
@@ -192,6 +199,8 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
   bool IsSound(std::uint64_t identifier) const;
 
  private:
+  static RefPtr<PagedFilePackage> OpenWith(const PagedFilePackageConfig& config, FilePageCache::Access access,
+                                           LoadFailure* why);
   void SwapState(PagedFilePackage& other);
   // Runs a change of the tables or the cached pages: should it throw, the
   // package is broken (see the header comment) and the exception goes on.

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "pagefile/FileDataCorruptException.h"
 #include "platform/FileFaults.h"
 #include "support/InstalledFileSystem.h"
@@ -434,6 +436,40 @@ TEST_F(PagedFilePackageTest, OpenStreamsInACompactedChildFileFollowTheirBytes) {
   package = Open();
   EXPECT_EQ(PackageTesting::ReadAll(package->OpenStream(c)), rewritten);
   EXPECT_EQ(PackageTesting::ReadAll(package->OpenStream(b)), PackageTesting::Bytes(5000, 2));
+}
+
+TEST_F(PagedFilePackageTest, OpenReadOnlyReadsTheFileAndWritesNothing) {
+  {
+    RefPtr<PagedFilePackage> package = Create();
+    PackageTesting::CreateFilled(Set(package), 9000, 1);
+    ASSERT_TRUE(package->Save());
+  }
+  const std::vector<std::uint8_t> saved = TempDir::ReadAll(path_);
+  PagedFilePackage::LoadFailure why = PagedFilePackage::LoadFailure::kCorrupt;
+  RefPtr<PagedFilePackage> package = PagedFilePackage::OpenReadOnly(PackageTesting::Config(path_), &why);
+  ASSERT_TRUE(package);
+  EXPECT_EQ(why, PagedFilePackage::LoadFailure::kNone);
+  EXPECT_TRUE(package->IsReadOnly());
+  EXPECT_EQ(package->GetFileLength(), saved.size());
+  EXPECT_EQ(PackageTesting::ReadAll(package->OpenStream(0)), PackageTesting::Bytes(9000, 1));
+  ASSERT_TRUE(package->SetUserDataSize(5));
+  EXPECT_FALSE(package->Save());
+  package.Reset();
+  EXPECT_EQ(TempDir::ReadAll(path_), saved);
+}
+
+TEST_F(PagedFilePackageTest, OpenReadOnlyLeavesAMissingFileMissing) {
+  PagedFilePackage::LoadFailure why = PagedFilePackage::LoadFailure::kNone;
+  EXPECT_FALSE(PagedFilePackage::OpenReadOnly(PackageTesting::Config(path_), &why));
+  EXPECT_EQ(why, PagedFilePackage::LoadFailure::kUnavailable);
+  EXPECT_FALSE(std::filesystem::exists(dir_.Path() / "package.dat"));
+}
+
+TEST_F(PagedFilePackageTest, OpenReadOnlyTellsAFileThatIsNoPackage) {
+  TempDir::WriteAll(path_, std::vector<std::uint8_t>(3 * 8192, 'x'));
+  PagedFilePackage::LoadFailure why = PagedFilePackage::LoadFailure::kNone;
+  EXPECT_FALSE(PagedFilePackage::OpenReadOnly(PackageTesting::Config(path_), &why));
+  EXPECT_EQ(why, PagedFilePackage::LoadFailure::kCorrupt);
 }
 
 }  // namespace

@@ -1,5 +1,10 @@
 #include "support/PackageTesting.h"
 
+#include <stdexcept>
+
+#include "platform/WideText.h"
+#include "tovrel/FilePackage.h"
+
 namespace Tovrel {
 namespace Testing {
 
@@ -43,6 +48,31 @@ std::vector<std::uint64_t> PackageTesting::Identifiers(const RefPtr<IDataStreamS
   std::vector<std::uint64_t> ids;
   for (std::uint64_t i = 0; i < package->GetNumberOfStreams(); ++i) ids.push_back(package->GetStreamIdentifier(i));
   return ids;
+}
+
+std::vector<std::uint64_t> PackageTesting::MakeFile(const std::wstring& path, const std::vector<std::uint64_t>& sizes,
+                                                    std::uint64_t userData) {
+  RefPtr<IDataStreamSet> package = CreateFilePackage(Config(path));
+  const std::string name = WideText::ToUtf8(path);
+  if (!package) throw std::runtime_error("cannot create " + name);
+  std::vector<std::uint64_t> ids;
+  for (std::size_t k = 0; k < sizes.size(); ++k) {
+    ids.push_back(CreateFilled(package, sizes[k], static_cast<std::uint32_t>(k + 1)));
+    if (ids.back() == IDataStreamSet::kNoStream) throw std::runtime_error("cannot fill a stream of " + name);
+  }
+  if (userData != 0) {
+    package->SetUserDataSize(userData);
+    for (std::uint64_t i = 0; i < userData; ++i) package->GetUserData()[i] = static_cast<std::uint8_t>(i);
+  }
+  if (!package->Save()) throw std::runtime_error("cannot save " + name);
+  return ids;
+}
+
+void PackageTesting::RemoveFromFile(const std::wstring& path, std::uint64_t identifier) {
+  RefPtr<IDataStreamSet> package = OpenFilePackage(Config(path));
+  if (!package || !package->RemoveStream(identifier) || !package->Save()) {
+    throw std::runtime_error("cannot remove a stream from " + WideText::ToUtf8(path));
+  }
 }
 
 }  // namespace Testing

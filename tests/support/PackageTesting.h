@@ -1,5 +1,6 @@
 // PackageTesting: small helpers for tests of file packages: configurations,
-// seeded byte patterns, and whole-stream transfers.
+// seeded byte patterns, whole-stream transfers, and package files made or
+// changed in one call.
 #ifndef TOVREL_TESTS_PACKAGETESTING_H
 #define TOVREL_TESTS_PACKAGETESTING_H
 
@@ -30,6 +31,16 @@ class PackageTesting {
   static std::uint64_t CreateFilled(const RefPtr<IDataStreamSet>& package, std::uint64_t size, std::uint32_t seed);
   // The identifiers of the package's streams, in its order.
   static std::vector<std::uint64_t> Identifiers(const RefPtr<IDataStreamSet>& package);
+
+  // A package file at `path` with one stream per size, stream k filled
+  // with Bytes(size, k + 1), and `userData` bytes of user data (byte i
+  // being i), saved; the identifiers in creation order. std::runtime_error
+  // when it cannot be made.
+  static std::vector<std::uint64_t> MakeFile(const std::wstring& path, const std::vector<std::uint64_t>& sizes,
+                                             std::uint64_t userData = 0);
+  // Removes one stream of the package file at `path` and saves;
+  // std::runtime_error when it cannot.
+  static void RemoveFromFile(const std::wstring& path, std::uint64_t identifier);
 };
 
 }  // namespace Testing

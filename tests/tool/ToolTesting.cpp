@@ -65,29 +65,7 @@ ToolTesting::Result ToolTesting::RunProgram(const std::vector<std::string>& word
 
 std::vector<std::uint64_t> ToolTesting::MakePackage(const fs::path& file, const std::vector<std::uint64_t>& sizes,
                                                     std::uint64_t userData) {
-  const std::wstring path = WideText::FromUtf8(Utf8(file));
-  const PagedFilePackageConfig config = PackageTesting::Config(path);
-  RefPtr<IDataStreamSet> package = CreateFilePackage(config);
-  if (!package) throw std::runtime_error("cannot create " + Utf8(file));
-  std::vector<std::uint64_t> ids;
-  for (std::size_t k = 0; k < sizes.size(); ++k) {
-    ids.push_back(PackageTesting::CreateFilled(package, sizes[k], static_cast<std::uint32_t>(k + 1)));
-    if (ids.back() == IDataStreamSet::kNoStream) throw std::runtime_error("cannot fill a stream");
-  }
-  if (userData != 0) {
-    package->SetUserDataSize(userData);
-    for (std::uint64_t i = 0; i < userData; ++i) package->GetUserData()[i] = static_cast<std::uint8_t>(i);
-  }
-  if (!package->Save()) throw std::runtime_error("cannot save " + Utf8(file));
-  return ids;
-}
-
-void ToolTesting::RemoveStream(const fs::path& file, std::uint64_t identifier) {
-  const std::wstring path = WideText::FromUtf8(Utf8(file));
-  RefPtr<IDataStreamSet> package = OpenFilePackage(PackageTesting::Config(path));
-  if (!package || !package->RemoveStream(identifier) || !package->Save()) {
-    throw std::runtime_error("cannot remove a stream from " + Utf8(file));
-  }
+  return PackageTesting::MakeFile(WideText::FromUtf8(Utf8(file)), sizes, userData);
 }
 
 void ToolTesting::MakeCache(const fs::path& folder, std::uint32_t count, std::size_t size) {

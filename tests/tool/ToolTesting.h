@@ -32,14 +32,10 @@ class ToolTesting {
   static Result RunProgram(const std::vector<std::string>& words, const std::filesystem::path& scratch);
   static std::string ProgramPath();
 
-  // A package at `file` with one stream per size, stream k filled with
-  // PackageTesting::Bytes(size, k + 1), and `userData` bytes of user data;
-  // the identifiers in creation order.
+  // PackageTesting::MakeFile at `file`.
   static std::vector<std::uint64_t> MakePackage(const std::filesystem::path& file,
                                                 const std::vector<std::uint64_t>& sizes,
                                                 std::uint64_t userData = 0);
-  // Removes one stream of a package file and saves.
-  static void RemoveStream(const std::filesystem::path& file, std::uint64_t identifier);
   // Caches `count` effects named "fx/N" (EffectTesting::Bytes(N + 1,
   // size + N, true); every fifth one permanent) in a folder, made if
   // missing, through EffectCacheSystem, then lets the cache go.

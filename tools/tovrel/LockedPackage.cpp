@@ -26,18 +26,9 @@ LockedPackage::LockedPackage(const UserPath& file, std::uint64_t streamLimit, bo
   fileSize_ = journal_.complete ? journal_.savedLength : file.FileSize();
   if (fileSize_ == 0) throw ToolError(ExitStatus::kUnreadable, name + ": empty file, not a package");
   const PagedFilePackageConfig config{file.Absolute().c_str(), kCachePages, streamLimit};
-  RefPtr<PagedFilePackage> opened(new PagedFilePackage(config));
-  bool loaded = false;
-  try {
-    loaded = forUpdate ? opened->Load() : opened->LoadReadOnly();
-  } catch (const std::exception&) {
-    loaded = false;
-  }
-  if (!loaded) {
-    opened->Close();
-    throw ToolError(ExitStatus::kUnreadable, name + ": " + WhyUnreadable(config));
-  }
-  package_ = opened;
+  PagedFilePackage::LoadFailure why = PagedFilePackage::LoadFailure::kNone;
+  package_ = forUpdate ? PagedFilePackage::Open(config, &why) : PagedFilePackage::OpenReadOnly(config, &why);
+  if (!package_) throw ToolError(ExitStatus::kUnreadable, name + ": " + WhyUnreadable(config));
 }
 
 std::string LockedPackage::JournalNote() const {

@@ -37,9 +37,6 @@ namespace Tool {
 class LockedPackage {
  public:
   static constexpr std::uint64_t kCachePages = 64;
-  // The stream limit for packages in general: as high as a package's
-  // tables allow, so that any package the library wrote opens.
-  static constexpr std::uint64_t kAnyStreamLimit = 0xFFFFFF;
 
   // Holds the mutex of `file`, then opens it (for update, rolling back an
   // interrupted save first, when asked). ToolError (unreadable) when the

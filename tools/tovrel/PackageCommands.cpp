@@ -2,17 +2,19 @@
 
 #include <array>
 #include <filesystem>
+#include <memory>
 #include <vector>
 
 #include "ExitStatus.h"
 #include "JsonWriter.h"
 #include "LockedPackage.h"
 #include "MaintenanceCommands.h"
-#include "PackageVerifier.h"
+#include "ProgressReporter.h"
 #include "TextFormat.h"
 #include "ToolError.h"
 #include "VerifyReport.h"
 #include "effectcache/EffectCacheImpl.h"
+#include "package/PackageVerifier.h"
 #include "pagefile/PageGeometry.h"
 
 namespace Tovrel {
@@ -251,7 +253,7 @@ std::shared_ptr<CommandGroup> PackageCommands::Group() {
 }
 
 int PackageCommands::Info(const CommandLine& line, Console& console) {
-  const LockedPackage file(UserPath(line.Positionals()[0]), LockedPackage::kAnyStreamLimit);
+  const LockedPackage file(UserPath(line.Positionals()[0]), PagedFilePackage::kAnyStreamLimit);
   const Summary summary = Summarise(file);
   if (line.Has("--json")) {
     PrintInfoJson(file, summary, line.Has("--child-files"), console.Out());
@@ -262,7 +264,7 @@ int PackageCommands::Info(const CommandLine& line, Console& console) {
 }
 
 int PackageCommands::List(const CommandLine& line, Console& console) {
-  const LockedPackage file(UserPath(line.Positionals()[0]), LockedPackage::kAnyStreamLimit);
+  const LockedPackage file(UserPath(line.Positionals()[0]), PagedFilePackage::kAnyStreamLimit);
   if (line.Has("--json")) {
     PrintListJson(file.Package(), console.Out());
   } else {
@@ -277,7 +279,7 @@ int PackageCommands::Compact(const CommandLine& line, Console& console) {
   if (path.filename() == std::filesystem::path(EffectCacheImpl::kCacheFileName) && file.IsFile()) {
     return MaintenanceCommands::CompactFolder(UserPath(path.parent_path().u8string()), file.Typed(), console);
   }
-  const LockedPackage locked(file, LockedPackage::kAnyStreamLimit, true);
+  const LockedPackage locked(file, PagedFilePackage::kAnyStreamLimit, true);
   PagedFilePackage::CompactResult result;
   try {
     if (!locked.Package().Compact(&result)) throw ToolError(ExitStatus::kFailed, file.Typed() + ": cannot be compacted");
@@ -294,7 +296,7 @@ int PackageCommands::Compact(const CommandLine& line, Console& console) {
 int PackageCommands::Cat(const CommandLine& line, Console& console) {
   const std::uint64_t id = CommandLine::Number(line.Positionals()[1], "ID", 0, IDataStreamSet::kNoStream - 1);
   console.RefuseBinaryOnTerminal(line.Has("--force"));
-  const LockedPackage file(UserPath(line.Positionals()[0]), LockedPackage::kAnyStreamLimit);
+  const LockedPackage file(UserPath(line.Positionals()[0]), PagedFilePackage::kAnyStreamLimit);
   const std::string name = line.Positionals()[0] + ": stream " + std::to_string(id);
   const StreamEntry* entry = file.Package().GetStreamTable().Find(id);
   if (entry == nullptr) throw ToolError(ExitStatus::kFailed, name + ": no such stream");
@@ -324,9 +326,16 @@ int PackageCommands::Cat(const CommandLine& line, Console& console) {
 }
 
 int PackageCommands::Verify(const CommandLine& line, Console& console) {
-  const LockedPackage file(UserPath(line.Positionals()[0]), LockedPackage::kAnyStreamLimit);
-  PackageVerifier verifier(file.Package(), file.FileSize(), console);
+  const LockedPackage file(UserPath(line.Positionals()[0]), PagedFilePackage::kAnyStreamLimit);
+  PackageVerifier verifier(file.Package(), file.FileSize());
+  // The reporter's quiet second starts when the streams' reading does.
+  std::unique_ptr<ProgressReporter> progress;
+  verifier.SetProgress([&](std::uint64_t done, std::uint64_t total) {
+    if (!progress) progress.reset(new ProgressReporter(console, "reading streams", total));
+    progress->Update(done);
+  });
   const std::vector<std::string> problems = verifier.Run();
+  progress.reset();
   const auto report = line.Has("--json") ? &VerifyReport::PrintJson : &VerifyReport::Print;
   return report(console, line.Positionals()[0], problems,
                 TextFormat::Count(verifier.PagesChecked()) + " pages, " +

@@ -15,6 +15,7 @@
 #include "platform/PlatformProcess.h"
 #include "support/ChildLauncher.h"
 #include "support/ChildProcess.h"
+#include "support/PackagePatch.h"
 #include "support/PackageTesting.h"
 #include "support/TempDir.h"
 #include "tool/ToolTesting.h"
@@ -23,6 +24,7 @@ namespace Tovrel {
 namespace Tool {
 namespace {
 
+using Testing::PackagePatch;
 using Testing::PackageTesting;
 using Testing::TempDir;
 using Testing::ToolTesting;
@@ -196,6 +198,24 @@ TEST_F(PackageCommandsTest, VerifyOfASoundPackageFindsNoProblem) {
   EXPECT_EQ(result.status, ExitStatus::kOk);
   EXPECT_TRUE(ToolTesting::Contains(result.out, "good.pkg: no problem found (")) << result.out;
   EXPECT_TRUE(ToolTesting::Contains(result.out, "36,386 bytes read")) << result.out;
+}
+
+// The checks themselves are PackageVerifier's (its tests damage a package
+// in every way it finds); here, how the command reports what it finds.
+TEST_F(PackageCommandsTest, VerifyPrintsEachProblemFoundAndTheirCount) {
+  PackagePatch patch(file_);
+  patch.Set(patch.ChildFile(0, PackagePatch::kChildFreeBytes), 65536 - 3628).Save();
+  const std::string problem = "child file 0: its tails end at byte 3618, but its record counts 3628 bytes in use";
+  const ToolTesting::Result result = Run("verify");
+  EXPECT_EQ(result.status, ExitStatus::kFailed);
+  const std::string name = ToolTesting::Utf8(file_);
+  EXPECT_EQ(result.out, name + ": " + problem + "\n" + name + ": 1 problem\n");
+  EXPECT_EQ(result.err, "");
+  const ToolTesting::Result json = Run("verify", {"--json"});
+  EXPECT_EQ(json.status, ExitStatus::kFailed);
+  const nlohmann::json parsed = nlohmann::json::parse(json.out);
+  EXPECT_EQ(parsed.at("problems"), nlohmann::json::array({problem}));
+  EXPECT_EQ(parsed.at("ok"), false);
 }
 
 TEST_F(PackageCommandsTest, EveryCommandRefusesAMissingFileWithoutMakingIt) {

@@ -1,19 +1,18 @@
-#include "PackageVerifier.h"
+#include "package/PackageVerifier.h"
 
 #include <algorithm>
 #include <cassert>
-#include <map>
 
-#include "ProgressReporter.h"
 #include "pagefile/FileDataCorruptException.h"
 #include "pagefile/PageGeometry.h"
+#include "platform/PlatformFile.h"
 
 namespace Tovrel {
-namespace Tool {
 
 namespace {
 
 constexpr std::uint64_t kReadChunk = 65536;
+constexpr std::uint64_t kCachePages = 64;
 constexpr std::uint64_t kTailMask = kPageSize - 1;
 
 std::string N(std::uint64_t value) { return std::to_string(value); }
@@ -22,17 +21,43 @@ std::string PageText(std::uint64_t page) { return "page " + N(page); }
 
 }  // namespace
 
-PackageVerifier::PackageVerifier(PagedFilePackage& package, std::uint64_t fileSize, const Console& console)
+PackageVerifier::PackageVerifier(PagedFilePackage& package, std::uint64_t fileSize)
     : package_(package),
       fileSize_(fileSize),
-      console_(console),
+      readLimit_(kNoReadLimit),
       owners_(package.GetAllocator().GetTableLength(), Owner{Owner::kNone, 0}),
-      bytesRead_(0) {
+      bytesRead_(0),
+      everyStreamRead_(true) {
   assert(package.GetHeadSeeker() != nullptr);
+}
+
+PackageVerifier::FileReport PackageVerifier::VerifyFile(const wchar_t* path, const Progress& progress,
+                                                        std::uint64_t readLimit) {
+  FileReport report;
+  if (path == nullptr || !PlatformFile::Exists(path)) return report;
+  const PagedFilePackageConfig config{path, kCachePages, PagedFilePackage::kAnyStreamLimit};
+  PagedFilePackage::LoadFailure why = PagedFilePackage::LoadFailure::kNone;
+  const RefPtr<PagedFilePackage> package = PagedFilePackage::OpenReadOnly(config, &why);
+  if (!package) {
+    report.outcome = why == PagedFilePackage::LoadFailure::kCorrupt ? Outcome::kNotAPackage : Outcome::kUnreadable;
+    return report;
+  }
+  PackageVerifier verifier(*package, package->GetFileLength());
+  verifier.SetProgress(progress);
+  verifier.LimitReads(readLimit);
+  report.outcome = Outcome::kChecked;
+  report.problems = verifier.Run();
+  report.pagesChecked = verifier.PagesChecked();
+  report.bytesRead = verifier.BytesRead();
+  report.everyStreamRead = verifier.ReadEveryStream();
+  return report;
 }
 
 std::vector<std::string> PackageVerifier::Run() {
   problems_.clear();
+  bytesRead_ = 0;
+  everyStreamRead_ = true;
+  std::fill(owners_.begin(), owners_.end(), Owner{Owner::kNone, 0});
   CheckHeadChain();
   CheckStreamChains();
   CheckChildFilePages();
@@ -245,18 +270,27 @@ void PackageVerifier::CheckChildFileLayout(std::uint64_t childFile) {
   }
 }
 
+void PackageVerifier::TellProgress(std::uint64_t total) const {
+  if (progress_) progress_(bytesRead_, total);
+}
+
 void PackageVerifier::CheckStreamReads() {
   const StreamTable& streams = package_.GetStreamTable();
-  ProgressReporter progress(console_, "reading streams", streams.GetTotalSize());
+  const std::uint64_t total = streams.GetTotalSize();
+  TellProgress(total);
   std::vector<std::uint8_t> buffer(kReadChunk);
   for (std::uint64_t i = 0; i < streams.GetCount(); ++i) {
     const StreamEntry& entry = *streams.Find(streams.GetIdentifier(i));
     if (entry.size != 0) CheckStreamRead(entry.identifier, entry.size, buffer);
-    progress.Update(bytesRead_);
+    TellProgress(total);
   }
 }
 
 void PackageVerifier::CheckStreamRead(std::uint64_t identifier, std::uint64_t size, std::vector<std::uint8_t>& buffer) {
+  // The read limit may leave the stream, or its end, unread.
+  const std::uint64_t wanted = std::min(size, readLimit_ - bytesRead_);
+  if (wanted < size) everyStreamRead_ = false;
+  if (wanted == 0) return;
   const std::string name = "stream " + N(identifier);
   std::uint64_t done = 0;
   try {
@@ -265,8 +299,8 @@ void PackageVerifier::CheckStreamRead(std::uint64_t identifier, std::uint64_t si
       Problem(name + " cannot be opened: its whole pages or its tail cannot be found");
       return;
     }
-    while (done < size) {
-      const std::uint64_t asked = std::min<std::uint64_t>(buffer.size(), size - done);
+    while (done < wanted) {
+      const std::uint64_t asked = std::min<std::uint64_t>(buffer.size(), wanted - done);
       const std::uint64_t got = stream->Read(buffer.data(), asked);
       done += got;
       if (got < asked) break;
@@ -279,8 +313,7 @@ void PackageVerifier::CheckStreamRead(std::uint64_t identifier, std::uint64_t si
     return;
   }
   bytesRead_ += done;
-  if (done < size) Problem(name + " reads only " + N(done) + " of its " + N(size) + " bytes");
+  if (done < wanted) Problem(name + " reads only " + N(done) + " of its " + N(size) + " bytes");
 }
 
-}  // namespace Tool
 }  // namespace Tovrel
