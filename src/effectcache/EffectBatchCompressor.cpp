@@ -7,6 +7,7 @@
 
 #include "effectcache/EffectCompression.h"
 #include "platform/LocalClock.h"
+#include "platform/ThreadPriority.h"
 
 namespace Tovrel {
 
@@ -27,9 +28,16 @@ std::vector<EffectBatchCompressor::Result> EffectBatchCompressor::CompressAll(co
   const auto work = [&]() noexcept {
     for (std::size_t i = next++; i < jobs.size(); i = next++) CompressOne(jobs[i], level, results[i]);
   };
+  // A caller of lowered priority (a background save) gets helpers of
+  // lowered priority: the host's threads go first.
+  const bool lowered = workers > 1 && ThreadPriority::CurrentThreadIsLowered();
+  const auto help = [&]() noexcept {
+    if (lowered) ThreadPriority::LowerCurrentThread();
+    work();
+  };
   std::vector<std::thread> threads;
   try {
-    for (unsigned w = 1; w < workers; ++w) threads.emplace_back(work);
+    for (unsigned w = 1; w < workers; ++w) threads.emplace_back(help);
   } catch (const std::exception&) {
     // No thread to be had: the calling thread does the rest.
   }

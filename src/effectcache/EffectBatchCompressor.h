@@ -8,6 +8,8 @@
 // more than compressing a few kilobytes. The workers live only for the
 // duration of CompressAll and touch nothing but their own jobs' input and
 // output; the input bytes must stay unchanged until CompressAll returns.
+// Called from a thread of lowered priority (a background save's), they
+// run at that priority too.
 //
 // Stateless; CompressAll may be called from any thread.
 #ifndef TOVREL_EFFECTCACHE_EFFECTBATCHCOMPRESSOR_H

@@ -5,6 +5,8 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/ThreadPriority.h"
+
 namespace Tovrel {
 
 EffectSaveWorker::EffectSaveWorker(std::function<void()> job) : job_(std::move(job)) {}
@@ -74,6 +76,8 @@ std::uint64_t EffectSaveWorker::ThreadsStarted() const {
 }
 
 void EffectSaveWorker::Loop() {
+  // Below the host's threads: a save waits for them, never they for it.
+  ThreadPriority::LowerCurrentThread();
   std::unique_lock<std::mutex> held(lock_);
   for (;;) {
     changed_.wait(held, [&] { return begun_ < asked_ || stopping_; });

@@ -3,13 +3,14 @@
 //
 // It runs one job (the cache's background save) whenever it is asked:
 // asks that come while a run is under way make one more run after it,
-// never one per ask. The thread starts at the first ask and ends with
-// Stop or the worker; when no thread can be started (no memory, no
-// thread to be had), the asker runs the job itself, so a save is never
-// lost for want of a thread.
+// never one per ask. The thread runs below the normal priority (see
+// ThreadPriority), so the host's threads go first. It starts at the first
+// ask and ends with Stop or the worker; when no thread can be started (no
+// memory, no thread to be had), the asker runs the job itself, so a save
+// is never lost for want of a thread.
 //
-// Owned by EffectCacheImpl, made when background saving is first asked
-// for. The job must not throw. Thread-safety: Request, RequestAndWait and
+// Owned by EffectCacheImpl (one per cache; its thread starts only when
+// background saving asks for a save). The job must not throw. Thread-safety: Request, RequestAndWait and
 // WaitIdle may be called from any thread, but never from the job; Stop
 // and the destructor from one thread, with no other call under way.
 #ifndef TOVREL_EFFECTCACHE_EFFECTSAVEWORKER_H

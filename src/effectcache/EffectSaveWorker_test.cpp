@@ -9,19 +9,26 @@
 #include <thread>
 #include <vector>
 
+#include "platform/ThreadPriority.h"
+
 namespace Tovrel {
 namespace {
 
 TEST(EffectSaveWorkerTest, AWaitedRequestRunsTheJobOnAnotherThread) {
+  const bool before = ThreadPriority::CurrentThreadIsLowered();
   std::atomic<int> runs{0};
   std::thread::id ranOn;
+  bool lowered = false;
   EffectSaveWorker worker([&] {
     ranOn = std::this_thread::get_id();
+    lowered = ThreadPriority::CurrentThreadIsLowered();
     ++runs;
   });
   worker.RequestAndWait();
   EXPECT_EQ(runs.load(), 1);
   EXPECT_NE(ranOn, std::this_thread::get_id());
+  EXPECT_TRUE(lowered) << "the worker runs at the host's priority";
+  EXPECT_EQ(ThreadPriority::CurrentThreadIsLowered(), before);
   EXPECT_EQ(worker.ThreadsStarted(), 1u);
   worker.RequestAndWait();
   EXPECT_EQ(runs.load(), 2);
