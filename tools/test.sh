@@ -49,9 +49,13 @@ tsan() {
   export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
   "$dir/platform_tests" --gtest_brief=1 --gtest_filter='ReaderWriterLockTest.*:PositionalFileHandleTest.ReadAt*:MemoryFileSystemTest.ReadAt*'
   "$dir/package_tests" --gtest_brief=1 --gtest_filter='DirectStreamReaderTest.*'
-  "$dir/effectcache_tests" --gtest_brief=1 --gtest_filter='EffectCacheParallelTest.*:CacheFileLockTest.*'
+  "$dir/effectcache_tests" --gtest_brief=1 \
+    --gtest_filter='EffectCacheParallelTest.*:CacheFileLockTest.*:EffectCacheBackgroundTest.*:EffectSaveWorkerTest.*'
+  # Host threads caching and searching while the worker saves.
+  TOVREL_EFFECT_CACHE_BACKGROUND_SAVING=1 "$dir/effectcache_tests" --gtest_brief=1 \
+    --gtest_filter='EffectCacheParallelTest.Threads*:EffectCacheParallelTest.Searches*'
   unset TSAN_OPTIONS
-  passed=$((passed + 3))
+  passed=$((passed + 4))
 }
 
 passed=0

@@ -10,6 +10,7 @@
 #include "effectcache/ChangeMark.h"
 #include "effectcache/EffectCompression.h"
 #include "effectcache/EffectIndex.h"
+#include "effectcache/UnsavedCounts.h"
 #include "effectcache/EffectCacheStats.h"
 #include "host/Path.h"
 #include "package/PagedFilePackage.h"
@@ -127,10 +128,16 @@ EffectCacheImpl::~EffectCacheImpl() {
   worker_.Stop();
   std::lock_guard<ReaderWriterLock> guard(lock_);
   queue_.MoveWaitingInto(pendingEffects_, &pendingBytes_);
+  EffectCacheStats unsaved;
   try {
     FoldSearchCounts();
     saver_.SaveToFile();
     profile_.AppendToConfiguredLog();
+    // A process that never saved (it only found effects) keeps its counts
+    // in the counts file beside the cache file.
+    CountRemoteWork();
+    FoldSearchCounts();
+    if (!readOnly_ && !cacheFilePath_.isNull()) unsaved = counts_;
   } catch (...) {
     DropPackage();
   }
@@ -145,6 +152,9 @@ EffectCacheImpl::~EffectCacheImpl() {
     const FilePageCache* pages = paged != nullptr ? paged->GetPageCache() : nullptr;
     if (pages != nullptr && pages->IsOpen() && !pages->FileMatchesCache()) fileLock_->WillWrite();
     DropPackage();
+    if (hold.IsOwner() && unsaved.AnyCounts()) {
+      UnsavedCounts::Add(UnsavedCounts::PathFor(cacheFilePath_.data()), unsaved);
+    }
   }
 }
 
@@ -361,7 +371,10 @@ bool EffectCacheImpl::ZeroStatistics() {
   std::lock_guard<ReaderWriterLock> guard(lock_);
   FoldSearchCounts();
   counts_ = EffectCacheStats{};
-  return ChangeUnderFileMutex([this] { return saver_.SaveCounts(true); });
+  // The counts of processes that never saved go too.
+  return ChangeUnderFileMutex([this] {
+    return saver_.SaveCounts(true) && UnsavedCounts::Remove(UnsavedCounts::PathFor(cacheFilePath_.data()));
+  });
 }
 
 bool EffectCacheImpl::CompactFile(PagedFilePackage::CompactResult* result) {

@@ -110,6 +110,9 @@ EffectRemoteSync::Result EffectRemoteSync::PullEach(const WStr& folder, EffectRe
   // The folder's cache only stores: its own store, if the environment names
   // one, would send the pulled effects back.
   cache.SetRemoteStore(static_cast<const EffectRemoteStore::Settings*>(nullptr));
+  // Saves run on the cache's worker while the next effects come over the
+  // network; the last ForceSaveToFile waits for them all.
+  cache.SetBackgroundSaving(true);
   if (!cache.IsEnabled() || cache.IsReadOnly()) return result;
   for (std::size_t i = 0; i < count; ++i) {
     const EffectRemoteStore::Counts before = remote.GetCounts();

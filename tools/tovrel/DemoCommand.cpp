@@ -58,13 +58,16 @@ UserPath PrepareFolder(const CommandLine& line) {
 // One run of the host: every effect asked for, compiled and cached on a
 // miss; the cache let go (and so saved) before the clock stops.
 Outcome PlayHost(const UserPath& folder, const SyntheticShaders& shaders, std::uint32_t effects,
-                 const std::string& remote, const Console& console) {
+                 const std::string& remote, bool background, const Console& console) {
   Outcome outcome{};
   // Only a run with a team tier says where its hits came from.
   const std::set<std::string> local = remote.empty() ? std::set<std::string>() : LocalNames(folder);
   const Clock::time_point start = Clock::now();
   RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(WStr(folder.Absolute())));
   if (!cache->IsEnabled()) throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache cannot be opened");
+  // As a host that compiles on its loading threads should: its caching
+  // calls never wait for a save.
+  cache->SetBackgroundSaving(background);
   if (!remote.empty() && !cache->SetRemoteStore(WideText::FromUtf8(remote).c_str())) {
     throw ToolError(ExitStatus::kUsage, "not a remote store: " + remote);
   }
@@ -134,7 +137,7 @@ void ReportSpeedUp(const DemoHistory& history, const DemoHistory::Run& run, std:
 CommandGroup::Command DemoCommand::Describe() {
   return CommandGroup::Command{
       "demo",
-      "[FOLDER] [--effects N] [--work ROUNDS] [--remote STORE]",
+      "[FOLDER] [--effects N] [--work ROUNDS] [--remote STORE] [--foreground-saving]",
       "play a host whose shader effects are cached in FOLDER (./fxcache)",
       "Plays a host application that needs N shader effects (2,000; 2 KiB to 64 KiB of\n"
       "bytecode-like content each). It asks the effect cache in FOLDER for each one; on a\n"
@@ -145,8 +148,10 @@ CommandGroup::Command DemoCommand::Describe() {
       "its wall time; a warm run also prints its speed-up over the cold run, which the\n"
       "folder remembers (tovrel-demo-runs.txt). With --remote, the host's cache also\n"
       "uses the remote store STORE (see docs/REMOTE.md): a second workstation's first\n"
-      "run is then served by what the first one cached there.\n",
-      {},
+      "run is then served by what the first one cached there. The host saves in the\n"
+      "background (EffectCacheSystem::SetBackgroundSaving), as one that compiles on its\n"
+      "loading threads should; --foreground-saving saves on the host's thread instead.\n",
+      {"--foreground-saving"},
       {"--effects", "--work", "--remote"},
       0,
       1,
@@ -165,7 +170,8 @@ int DemoCommand::Run(const CommandLine& line, Console& console) {
                 << folder.AbsoluteText() << "\n";
   const std::string remote = line.Value("--remote", "");
   const Outcome outcome =
-      PlayHost(folder, SyntheticShaders(SyntheticShaders::kDefaultSeed, rounds), effects, remote, console);
+      PlayHost(folder, SyntheticShaders(SyntheticShaders::kDefaultSeed, rounds), effects, remote,
+               !line.Has("--foreground-saving"), console);
   const DemoHistory::Run run{history.NextNumber(), effects, outcome.hits, outcome.misses, outcome.wallMilliseconds};
   Report(run, outcome, CacheFile(folder), remote, console.Out());
   ReportSpeedUp(history, run, console.Out());

@@ -43,6 +43,34 @@ TEST(DemoCommandTest, TheFirstRunCompilesEverythingAndTheSecondFindsEverything) 
   EXPECT_TRUE(ToolTesting::Contains(verify.out, "(30 effects)")) << verify.out;
 }
 
+TEST(DemoCommandTest, StatsCountTheHitsOfWarmRunsThatSaveNothing) {
+  TempDir dir;
+  const fs::path folder = dir.Path() / "fxcache";
+  ASSERT_EQ(Demo(folder).status, ExitStatus::kOk);
+  for (int run = 0; run < 3; ++run) {
+    const ToolTesting::Result warm = Demo(folder);
+    ASSERT_EQ(warm.status, ExitStatus::kOk) << warm.err;
+    ASSERT_TRUE(ToolTesting::Contains(warm.out, "30 hits, 0 misses, ")) << warm.out;
+  }
+  const ToolTesting::Result stats = ToolTesting::RunOn("effects", "stats", folder);
+  EXPECT_EQ(stats.status, ExitStatus::kOk) << stats.err;
+  EXPECT_TRUE(ToolTesting::Contains(stats.out, "searches     90 hits, 30 misses (hit rate 75.0 %)")) << stats.out;
+  const ToolTesting::Result zero = ToolTesting::Run({"effects", "stats", ToolTesting::Utf8(folder), "--zero"});
+  EXPECT_EQ(zero.status, ExitStatus::kOk) << zero.err;
+  EXPECT_TRUE(ToolTesting::Contains(zero.out, "searches     0 hits, 0 misses")) << zero.out;
+}
+
+TEST(DemoCommandTest, AHostSavingOnItsOwnThreadKeepsTheSameEffects) {
+  TempDir dir;
+  const fs::path folder = dir.Path() / "fxcache";
+  const ToolTesting::Result cold =
+      ToolTesting::Run({"demo", ToolTesting::Utf8(folder), "--effects", "30", "--work", "100", "--foreground-saving"});
+  ASSERT_EQ(cold.status, ExitStatus::kOk) << cold.err;
+  EXPECT_TRUE(ToolTesting::Contains(cold.out, "cache file: 30 effects, ")) << cold.out;
+  const ToolTesting::Result warm = Demo(folder);
+  EXPECT_TRUE(ToolTesting::Contains(warm.out, "30 hits, 0 misses, ")) << warm.out;
+}
+
 TEST(DemoCommandTest, BothRunsReportTheSameBytesOfEffects) {
   TempDir dir;
   const ToolTesting::Result cold = Demo(dir.Path());

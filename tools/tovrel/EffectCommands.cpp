@@ -19,6 +19,7 @@
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectCacheMaintenance.h"
 #include "effectcache/EffectCacheStats.h"
+#include "effectcache/UnsavedCounts.h"
 #include "effectcache/EffectIndex.h"
 #include "platform/WideText.h"
 #include "tovrel/EffectCacheSystem.h"
@@ -106,6 +107,16 @@ void PrintListJson(const std::vector<const CacheFile::Entry*>& entries, std::ost
   json.EndArray().Finish();
 }
 
+// The file's statistics block plus the counts of the hosts that never
+// saved (UnsavedCounts); false when there are neither.
+bool ReadCounts(const CacheFile& cache, EffectCacheStats& stats) {
+  const bool inBlock = EffectCacheStats::Read(cache.Package(), stats);
+  EffectCacheStats unsaved;
+  const bool beside = UnsavedCounts::Read(UnsavedCounts::PathFor(cache.File().Absolute()), &unsaved);
+  stats.AddCounts(unsaved);
+  return inBlock || beside;
+}
+
 void PrintStatsText(const CacheFile& cache, const Totals& t, std::ostream& out) {
   out << "cache file   " << cache.File().AbsoluteText() << ", " << TextFormat::Bytes(cache.FileSize()) << "\n"
       << "effects      " << TextFormat::Count(t.effects) << " (" << TextFormat::Count(t.permanent) << " permanent)\n"
@@ -117,8 +128,8 @@ void PrintStatsText(const CacheFile& cache, const Totals& t, std::ostream& out) 
         << "newest used  " << TextFormat::Time(t.newest->record.lastUsed) << "  " << t.newest->name << "\n";
   }
   EffectCacheStats stats;
-  if (!EffectCacheStats::Read(cache.Package(), stats)) {
-    out << "searches     not counted yet (hosts add their counts when they save)\n";
+  if (!ReadCounts(cache, stats)) {
+    out << "searches     not counted yet (hosts add their counts when they save or end)\n";
     return;
   }
   const std::uint64_t searches = stats.hits + stats.misses;
@@ -159,7 +170,7 @@ void PrintStatsJson(const CacheFile& cache, const Totals& t, std::ostream& out) 
   LastUse(json, "oldestUsed", t.oldest);
   LastUse(json, "newestUsed", t.newest);
   EffectCacheStats stats;
-  if (EffectCacheStats::Read(cache.Package(), stats)) {
+  if (ReadCounts(cache, stats)) {
     const std::uint64_t searches = stats.hits + stats.misses;
     json.Key("searches").BeginObject().Field("hits", stats.hits).Field("misses", stats.misses).Key("hitRate");
     if (searches == 0) {
@@ -261,7 +272,8 @@ std::shared_ptr<CommandGroup> EffectCommands::Group() {
                              "The number of effects, the bytes stored and the bytes of the effects, the\n"
                              "compression ratio, the oldest and newest last use, and the searches that hit\n"
                              "and missed, effects cached and trimmed since the counts were last zeroed\n"
-                             "(hosts add their counts when they save). --zero zeroes the counts first.\n"
+                             "(hosts add their counts when they save, or when they end without saving).\n"
+                             "--zero zeroes the counts first.\n"
                              "--json: one object.\n",
                              {"--json", "--zero"}, {}, 1, 1, &EffectCommands::Stats, nullptr});
   commands.push_back(Command{"verify", "FOLDER [--json]", "every effect decompresses to its recorded size",
