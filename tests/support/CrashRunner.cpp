@@ -4,6 +4,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "package/PackageVerifier.h"
 #include "platform/FileFaults.h"
 #include "support/InstalledFileSystem.h"
 
@@ -38,7 +39,20 @@ std::string CrashRunner::CrashInMemory(const Factory& make, const Reference& ref
   } else {
     files.Memory().EndProcess();
   }
-  return Check(reference, n, make()->Read());
+  std::unique_ptr<CrashWorkload> reader = make();
+  const std::string wrong = Check(reference, n, reader->Read());
+  return wrong.empty() ? Verify(reader->PackageFile(), n) : wrong;
+}
+
+std::string CrashRunner::Verify(const std::wstring& file, std::uint64_t n) {
+  // A file a crash left is sound once it has been opened: every table
+  // agrees with every other and with the file.
+  const PackageVerifier::FileReport report = PackageVerifier::VerifyFile(file.c_str());
+  if (report.outcome != PackageVerifier::Outcome::kChecked || report.problems.empty()) return "";
+  std::ostringstream out;
+  out << "crash before call " << n << ": the package the crash left is unsound: " << report.problems[0] << " ("
+      << report.problems.size() << " problems)";
+  return out.str();
 }
 
 std::string CrashRunner::Check(const Reference& reference, std::uint64_t n, const CrashWorkload::State& after) {

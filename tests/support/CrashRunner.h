@@ -41,12 +41,16 @@ class CrashRunner {
   // Runs the workload once, unharmed, on whatever file system is current.
   static Reference Measure(const Factory& make);
   // Runs the workload in a fresh in-memory file system, crashes it just
-  // before file call n, recovers, and checks; "" when the file is as it
-  // must be, else what is wrong.
+  // before file call n, recovers, and checks (the state read, then the
+  // file with the deep verifier); "" when the file is as it must be, else
+  // what is wrong.
   static std::string CrashInMemory(const Factory& make, const Reference& reference, std::uint64_t n, Crash crash,
                                    std::uint32_t seed);
   // Checks the state read after a crash at call n.
   static std::string Check(const Reference& reference, std::uint64_t n, const CrashWorkload::State& after);
+  // Checks the package file left after a crash at call n (and opened
+  // since) with the deep verifier; "" when it is sound or not a package.
+  static std::string Verify(const std::wstring& file, std::uint64_t n);
   // The calls to crash at: all of 1..calls when the environment variable
   // TOVREL_CRASH_EXHAUSTIVE is 1, else at most `sample` of them, spread
   // evenly with a seeded offset (the first and the last always in).

@@ -35,6 +35,10 @@ class CrashWorkload {
   virtual void Run(const std::function<void(int round)>& saved,
                    const std::function<void(int round, const State& state)>& state) = 0;
   virtual State Read() = 0;
+  // The package file the workload writes, which the deep verifier checks
+  // after every crash (once Read has opened it, and so rolled back what
+  // the crash left half done).
+  virtual std::wstring PackageFile() const = 0;
   virtual int Rounds() const = 0;
 
   // The size and a 64-bit FNV-1a hash of bytes, folded into one number.

@@ -6,6 +6,7 @@
 #include <thread>
 #include <utility>
 
+#include "effectcache/CacheFileNames.h"
 #include "effectcache/EffectCacheImpl.h"
 #include "platform/WideText.h"
 #include "support/EffectTesting.h"
@@ -71,6 +72,10 @@ CrashWorkload::State EffectCrashWorkload::Found(EffectCacheImpl& cache) {
     }
   }
   return state;
+}
+
+std::wstring EffectCrashWorkload::PackageFile() const {
+  return CacheFileNames::CacheFilePathFor(WStr(folder_.c_str())).data();
 }
 
 CrashWorkload::State EffectCrashWorkload::Read() {

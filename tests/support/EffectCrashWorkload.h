@@ -28,6 +28,7 @@ class EffectCrashWorkload : public CrashWorkload {
   void Run(const std::function<void(int round)>& saved,
            const std::function<void(int round, const State& state)>& state) override;
   State Read() override;
+  std::wstring PackageFile() const override;
   int Rounds() const override { return rounds_; }
 
   static constexpr int kNames = 20;

@@ -31,6 +31,7 @@ class PackageCrashWorkload : public CrashWorkload {
   void Run(const std::function<void(int round)>& saved,
            const std::function<void(int round, const State& state)>& state) override;
   State Read() override;
+  std::wstring PackageFile() const override { return path_; }
   int Rounds() const override { return rounds_; }
 
  private:
