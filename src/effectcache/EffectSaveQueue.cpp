@@ -1,5 +1,6 @@
 #include "effectcache/EffectSaveQueue.h"
 
+#include <algorithm>
 #include <cassert>
 #include <utility>
 
@@ -11,6 +12,7 @@ bool EffectSaveQueue::Add(const std::string& name, PendingEffect&& effect, std::
   std::lock_guard<std::mutex> held(lock_);
   // The node is made before the map changes: out of memory leaves it as it was.
   PendingMap one;
+  effect.fileBytes = bytes;
   one.emplace(name, std::move(effect));
   auto existing = waiting_.find(name);
   if (existing != waiting_.end()) {
@@ -46,13 +48,20 @@ bool EffectSaveQueue::WaitUnderBound(std::uint64_t bound) {
   return true;
 }
 
-void EffectSaveQueue::Take() {
+bool EffectSaveQueue::Take(std::uint64_t bytes) {
   std::lock_guard<std::mutex> held(lock_);
   assert(saving_.empty() && savingBytes_ == 0);
-  saving_.swap(waiting_);
-  savingBytes_ = waitingBytes_;
-  waitingBytes_ = 0;
-  saveUnderWay_ = true;
+  // Moving nodes allocates nothing; searches find each effect in one map
+  // or the other, as they look in both under the lock.
+  while (!waiting_.empty() && savingBytes_ < bytes) {
+    auto node = waiting_.extract(waiting_.begin());
+    savingBytes_ += node.mapped().fileBytes;
+    saving_.insert(std::move(node));
+  }
+  // A name cached twice counted twice: what is left counts with nothing waiting.
+  waitingBytes_ = waiting_.empty() ? 0 : waitingBytes_ - std::min(waitingBytes_, savingBytes_);
+  saveUnderWay_ = !saving_.empty();
+  return saveUnderWay_;
 }
 
 void EffectSaveQueue::Finish() {
@@ -91,6 +100,11 @@ std::size_t EffectSaveQueue::CountBeside(const PendingMap& pending) const {
     count += pending.count(effect.first) == 0 && waiting_.count(effect.first) == 0 ? 1 : 0;
   }
   return count;
+}
+
+std::uint64_t EffectSaveQueue::SavingBytes() const {
+  std::lock_guard<std::mutex> held(lock_);
+  return savingBytes_;
 }
 
 std::uint64_t EffectSaveQueue::Bytes() const {

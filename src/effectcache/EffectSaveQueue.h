@@ -47,8 +47,12 @@ class EffectSaveQueue {
   // it waited.
   bool WaitUnderBound(std::uint64_t bound);
 
-  // The worker: the waiting effects become the save's.
-  void Take();
+  // The worker: waiting effects become the save's, in name order, until
+  // they add at least `bytes` (all of them with no limit). True when any
+  // were taken.
+  bool Take(std::uint64_t bytes = ~std::uint64_t{0});
+  // The worker: what the save's effects add to the file.
+  std::uint64_t SavingBytes() const;
   // The worker: the save's effects (stable until Finish or GiveBack).
   const PendingMap& Saving() const { return saving_; }
   // The worker, with the cache's lock held: the save has ended and its

@@ -178,8 +178,24 @@ bool EffectSaver::WriteEffectStream(const std::uint8_t* compressed, std::uint64_
 }
 
 void EffectSaver::SaveInBackground() noexcept {
+  // What was queued when the run began is saved in batches of about the
+  // size that starts a save: the object's lock (which searches of stored
+  // effects need) is held for one batch's writes at a time, not for all.
   EffectSaveQueue& queue = cache_.queue_;
-  queue.Take();
+  const std::uint64_t owed = queue.Bytes();
+  std::uint64_t taken = 0;
+  bool first = true;
+  do {
+    const bool any = queue.Take(EffectCacheImpl::kAutoSaveThreshold);
+    if (!any && !first) break;  // the first saves what is pending even with nothing queued
+    first = false;
+    taken += queue.SavingBytes();
+    if (!SaveBatch()) break;
+  } while (taken < owed);
+}
+
+bool EffectSaver::SaveBatch() noexcept {
+  EffectSaveQueue& queue = cache_.queue_;
   try {
     // The effects stay in the queue, where searches find them, until the
     // index (or, when the save could not write them, the pending map)
@@ -196,12 +212,14 @@ void EffectSaver::SaveInBackground() noexcept {
     SaveToFile();
     cache_.backgroundSaves_.fetch_add(1, std::memory_order_relaxed);
     queue.Finish();
+    return static_cast<bool>(cache_.package_);
   } catch (...) {
     // No memory for the copies, or a save that threw: the file keeps its
     // last completed save and the queued effects wait again.
     std::lock_guard<ReaderWriterLock> guard(cache_.lock_);
     cache_.AbandonWrite();
     queue.GiveBack();
+    return false;
   }
 }
 

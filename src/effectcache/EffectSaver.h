@@ -35,11 +35,10 @@ class EffectSaver {
   // Saves the pending effects (a read-only file: PUTs them to the remote
   // store instead); false when the save failed.
   bool SaveToFile();
-  // The worker's job (see EffectSaveWorker): takes the queued effects,
-  // compresses them without any lock, then, with the object's lock, makes
-  // them pending (their compressed bytes with them) and saves as
-  // SaveToFile does. Never throws: a save that failed leaves the cache
-  // unusable, as a failed save does on the host's thread.
+  // The worker's job (see EffectSaveWorker): saves what was queued when it
+  // began, in batches of about 2 MiB (SaveBatch). Never throws: a save
+  // that failed leaves the cache unusable, as a failed save does on the
+  // host's thread.
   void SaveInBackground() noexcept;
   // The index, the header block, the statistics and the change mark, then
   // the package's save.
@@ -60,6 +59,11 @@ class EffectSaver {
   };
 
   bool SaveToFileUnderMutex();
+  // Compresses the batch taken from the queue without any lock, then,
+  // with the object's lock, makes it pending (its compressed bytes with
+  // it) and saves as SaveToFile does; false when the cache is unusable
+  // afterwards.
+  bool SaveBatch() noexcept;
   // Makes the queued effects of the save under way pending ones, with the
   // compressed bytes made for them.
   void AdoptSaving(std::vector<EffectBatchCompressor::Result>& compressed);

@@ -29,6 +29,9 @@ struct PendingEffect {
   std::vector<std::uint8_t> compressed;
   // How long making `compressed` took, for the profile (0 when it came so).
   std::uint32_t compressMilliseconds = 0;
+  // What it adds to the file, as its holder estimates it (see
+  // EffectSaveQueue); 0 where the holder keeps a total instead.
+  std::uint64_t fileBytes = 0;
 };
 
 // Pending effects by name (UTF-8), in the order of the file's index.
