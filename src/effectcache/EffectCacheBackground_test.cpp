@@ -165,6 +165,10 @@ TEST_F(EffectCacheBackgroundTest, PastTheBoundACallWaitsForTheSaveUnderWay) {
     EXPECT_EQ(cache->GetBoundWaits(), 1u);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_FALSE(finished.load()) << "a call went on past the bound while the save could not end";
+    // The worker waits for the other holder without the cache's lock: the
+    // counts answer meanwhile, and show the bound kept (to one effect).
+    EXPECT_LE(cache->GetPendingBytes(), (3u << 20) + 70000);
+    EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 0u);
   }
   host->join();
   EXPECT_TRUE(finished.load());

@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "effectcache/CacheFileNames.h"
 #include "effectcache/CacheTimeStamp.h"
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectCacheStats.h"
@@ -207,6 +208,7 @@ bool EffectSaver::SaveBatch() noexcept {
     }
     std::vector<EffectBatchCompressor::Result> compressed =
         EffectBatchCompressor::CompressAll(jobs, cache_.compressionLevel_);
+    WaitForOtherHolders();
     std::lock_guard<ReaderWriterLock> guard(cache_.lock_);
     AdoptSaving(compressed);
     SaveToFile();
@@ -220,6 +222,23 @@ bool EffectSaver::SaveBatch() noexcept {
     cache_.AbandonWrite();
     queue.GiveBack();
     return false;
+  }
+}
+
+void EffectSaver::WaitForOtherHolders() {
+  // The file's mutex taken and let go at once, without the object's lock:
+  // while another process saves, this thread waits here, and the host's
+  // searches and counts go on; the save's own hold then seldom waits. A
+  // mutex of its own, so the object's lock-keeping (CacheFileLock) sees
+  // nothing of it.
+  if (cache_.cacheFilePath_.isNull()) return;
+  if (!otherHolders_) {
+    otherHolders_.reset(
+        new NorvaneSDK::Util::MutexObject(CacheFileNames::FileMutexName(cache_.cacheFilePath_.data()).c_str()));
+  }
+  const std::uint32_t result = otherHolders_->Acquire(NorvaneSDK::Util::MutexObject::kInfinite);
+  if (result == NorvaneSDK::Util::MutexObject::kWaitObject0 || result == NorvaneSDK::Util::MutexObject::kWaitAbandoned) {
+    otherHolders_->Release();
   }
 }
 

@@ -16,11 +16,13 @@
 #define TOVREL_EFFECTCACHE_EFFECTSAVER_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "effectcache/EffectBatchCompressor.h"
 #include "effectcache/EffectTable.h"
+#include "host/MutexObject.h"
 
 namespace Tovrel {
 
@@ -67,6 +69,8 @@ class EffectSaver {
   // Makes the queued effects of the save under way pending ones, with the
   // compressed bytes made for them.
   void AdoptSaving(std::vector<EffectBatchCompressor::Result>& compressed);
+  // The worker: returns once no other process holds the file's mutex.
+  void WaitForOtherHolders();
   bool SaveIndex();
   bool WritePendingEffects();
   std::vector<EffectBatchCompressor::Result> CompressPending();
@@ -83,6 +87,9 @@ class EffectSaver {
   // What the save under way compressed, for the remote store once it
   // completed; empty otherwise.
   std::vector<RemotePush> remotePushes_;
+  // The file's mutex as the worker waits for other holders (made at its
+  // first wait; used on the worker's thread only).
+  std::unique_ptr<NorvaneSDK::Util::MutexObject> otherHolders_;
 };
 
 }  // namespace Tovrel
