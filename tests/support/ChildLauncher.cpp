@@ -35,9 +35,15 @@ std::unique_ptr<PlatformProcess> ChildLauncher::Start(const std::string& role,
                                                       const std::vector<std::string>& arguments) {
   std::vector<std::string> words{"--tovrel-child=" + role};
   words.insert(words.end(), arguments.begin(), arguments.end());
-  auto child = std::make_unique<PlatformProcess>();
-  if (!child->Start(PlatformProcess::CurrentExecutable(), words)) return nullptr;
-  return child;
+  // The system may refuse a new process for a moment (wine, with another
+  // test program starting its own children at the same time, now and then
+  // does): a few tries, a little apart, before the test hears of it.
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    auto child = std::make_unique<PlatformProcess>();
+    if (child->Start(PlatformProcess::CurrentExecutable(), words)) return child;
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+  return nullptr;
 }
 
 int ChildLauncher::Finish(PlatformProcess& child, std::uint32_t boundMilliseconds) {

@@ -25,7 +25,8 @@ class ChildLauncher {
   // Finish's answer for a child that did not end within the bound.
   static constexpr int kHung = -1;
 
-  // Starts this program as "--tovrel-child=role arguments..."; null on failure.
+  // Starts this program as "--tovrel-child=role arguments..."; null when the
+  // system refused five tries, 200 ms apart.
   static std::unique_ptr<PlatformProcess> Start(const std::string& role,
                                                 const std::vector<std::string>& arguments);
   // The child's exit code, or kHung (the child is killed then).
