@@ -2,8 +2,9 @@
 # finds it there:
 #
 #   bin/      tovrel (tovrel.exe), and tovrel.dll on Windows
-#   lib/      libtovrel.so with its version links, or the import library
-#             libtovrel.dll.a; cmake/Tovrel/ (the CMake package) and
+#   lib/      libtovrel.so with its version links, or the import libraries
+#             libtovrel.dll.a (mingw-w64) and tovrel.lib (MSVC, the C
+#             interface only); cmake/Tovrel/ (the CMake package) and
 #             pkgconfig/tovrel.pc
 #   include/tovrel/        the exported surface
 #   include/tovrel/host/   the host types that surface is written with
@@ -50,13 +51,18 @@ install(TARGETS tovrel EXPORT TovrelTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS tovrel_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+if(WIN32)
+  install(FILES ${TOVREL_MSVC_IMPLIB} DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endif()
 install(DIRECTORY include/tovrel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 install(FILES ${TOVREL_INSTALLED_HOST_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tovrel/host)
 
-# The CMake package: find_package(Tovrel 0.2) gives the target Tovrel::tovrel.
+# The CMake package: find_package(Tovrel 0.5) gives the targets
+# Tovrel::tovrel (C++) and Tovrel::tovrel_c (the C interface; see
+# TovrelConfig.cmake.in).
 install(EXPORT TovrelTargets NAMESPACE Tovrel:: DESTINATION ${TOVREL_CMAKE_DIR})
 configure_package_config_file(cmake/TovrelConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/TovrelConfig.cmake
-  INSTALL_DESTINATION ${TOVREL_CMAKE_DIR})
+  INSTALL_DESTINATION ${TOVREL_CMAKE_DIR} PATH_VARS CMAKE_INSTALL_LIBDIR CMAKE_INSTALL_INCLUDEDIR)
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/TovrelConfigVersion.cmake
   COMPATIBILITY ${TOVREL_COMPATIBILITY})
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/TovrelConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/TovrelConfigVersion.cmake

@@ -47,6 +47,8 @@ tovrel_add_test_program(streams_tests src/streams)
 tovrel_add_test_program(package_tests src/package)
 tovrel_add_test_program(shared_tests src/shared)
 tovrel_add_test_program(effectcache_tests src/effectcache)
+tovrel_add_test_program(capi_tests src/capi)
+target_compile_definitions(capi_tests PRIVATE TOVREL_PROJECT_VERSION="${PROJECT_VERSION}")
 # Every effect cache test again with background saving on (the caches the
 # tests make read the variable), as effectcache_background_tests.
 add_test(NAME effectcache_background_tests

@@ -6,7 +6,7 @@
 # bytes, compression ratio and wall time; the second its speed-up.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash tools/setup.sh
+bash tools/setup.sh demo
 dir=build/demo
 mkdir -p build
 cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Release -DTOVREL_TESTS=OFF > "$dir.configure.log" 2>&1 || {

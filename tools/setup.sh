@@ -1,13 +1,29 @@
 #!/usr/bin/env bash
-# Installs what building and testing Tovrel needs on a Debian machine,
-# skipping what is already there. Needs root (or sudo) when anything is missing.
+# Installs what a job needs on a Debian machine, skipping what is already
+# there. Needs root (or sudo) when anything is missing.
+#
+#   setup.sh demo   the main job (tools/demo.sh): the compiler, CMake and the
+#                   library's own dependencies (zlib, libdeflate, libcurl's
+#                   header), no more
+#   setup.sh [test] everything the tests and benchmarks use besides: clang
+#                   and LLVM's tools (the fuzzers, tovrel.lib, the MSVC-ABI
+#                   check), mingw-w64 and wine, nginx, the benchmarks' peers,
+#                   and libdeflate built for mingw-w64
 set -euo pipefail
+job=${1:-test}
+case $job in
+  demo|test) ;;
+  *) echo "usage: setup.sh [demo|test]" >&2; exit 2 ;;
+esac
 
-packages=(cmake make g++ binutils clang libclang-rt-dev zlib1g-dev googletest libgtest-dev
-          libbenchmark-dev libsqlite3-dev liblmdb-dev libleveldb-dev
-          libcurl4-openssl-dev nginx python3 nlohmann-json3-dev
-          pkg-config g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 libz-mingw-w64-dev wine wine64
-          libdeflate-dev dpkg-dev)
+packages=(cmake make g++ binutils zlib1g-dev libdeflate-dev libcurl4-openssl-dev)
+if [ "$job" = test ]; then
+  packages+=(clang libclang-rt-dev llvm lld googletest libgtest-dev
+             libbenchmark-dev libsqlite3-dev liblmdb-dev libleveldb-dev
+             nginx python3 nlohmann-json3-dev
+             pkg-config g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 libz-mingw-w64-dev wine wine64
+             dpkg-dev)
+fi
 sudo_cmd=""
 [ "$(id -u)" -ne 0 ] && sudo_cmd="sudo"
 missing=()
@@ -31,6 +47,7 @@ fi
 # mingw-w64 into a fixed prefix, where CMakeLists.txt looks for it
 # (TOVREL_MINGW_LIBDEFLATE_PREFIX). Skipped when the prefix already holds
 # that release.
+[ "$job" = test ] || exit 0
 mingw_libdeflate=/opt/x86_64-w64-mingw32-libdeflate
 libdeflate_version=$(dpkg-query -W -f='${Version}' libdeflate-dev)
 if [ "$(cat "$mingw_libdeflate/debian-version" 2> /dev/null || true)" != "$libdeflate_version" ]; then

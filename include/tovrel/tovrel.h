@@ -12,5 +12,6 @@
 #include "tovrel/PagedFilePackageConfig.h"
 #include "tovrel/TimeStampValue.h"
 #include "tovrel/VertexNormalsControl.h"
+#include "tovrel/tovrel_c.h"
 
 #endif

@@ -14,6 +14,7 @@
 
 #include <memory>
 
+#include "effectcache/EffectCacheHeader.h"
 #include "effectcache/EffectPayload.h"
 #include "effectcache/EffectTable.h"
 #include "host/AutoMutex.h"
@@ -32,8 +33,22 @@ class EffectCacheReader {
   EffectCacheReader(const EffectCacheReader&) = delete;
   EffectCacheReader& operator=(const EffectCacheReader&) = delete;
 
+  // Why a reader is not Ok.
+  enum class Failure {
+    kNone,        // Ok
+    kNoFile,      // the folder holds no cache file
+    kNotACache,   // the file's bytes are not a cache a host would load
+    kUnreadable,  // the file could not be read now (a failed file call, no
+                  // memory, the mutex not had, a living writer's journal)
+  };
+
   bool Ok() const { return package_.Get() != nullptr; }
+  Failure Why() const { return why_; }
   const EffectTable& Entries() const { return entries_; }
+  // Only while Ok.
+  const PagedFilePackage& Package() const { return *package_; }
+  PagedFilePackage& Package() { return *package_; }
+  const EffectCacheHeader& Header() const { return header_; }
   // The effect's compressed bytes exactly as stored, once they are known
   // to decompress to the record's size (kOk), or why not.
   EffectPayload::Result ReadChecked(const EffectRecord& record, Tab<unsigned char>& compressed);
@@ -42,6 +57,8 @@ class EffectCacheReader {
   std::unique_ptr<NorvaneSDK::Util::MutexObject> mutex_;
   std::unique_ptr<NorvaneSDK::Util::AutoMutex> hold_;
   RefPtr<PagedFilePackage> package_;  // null when the file could not be read as a cache
+  Failure why_ = Failure::kNoFile;    // kNone exactly when package_ is not null
+  EffectCacheHeader header_{};
   EffectTable entries_;
 };
 

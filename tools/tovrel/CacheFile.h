@@ -23,6 +23,7 @@
 #include "effectcache/EffectCacheHeader.h"
 #include "effectcache/EffectPayload.h"
 #include "effectcache/EffectRecord.h"
+#include "effectcache/EffectTable.h"
 #include "host/Tab.h"
 
 namespace Tovrel {
@@ -30,10 +31,8 @@ namespace Tool {
 
 class CacheFile {
  public:
-  struct Entry {
-    std::string name;  // UTF-8, as stored
-    EffectRecord record;
-  };
+  // The UTF-8 name as stored, and the record.
+  using Entry = EffectTable::Entry;
 
   // The cache file of a folder: the path the library gives it.
   static UserPath FileOf(const UserPath& folder);

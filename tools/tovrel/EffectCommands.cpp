@@ -16,6 +16,7 @@
 #include "TextFormat.h"
 #include "ToolError.h"
 #include "VerifyReport.h"
+#include "effectcache/EffectCacheVerifier.h"
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectCacheMaintenance.h"
 #include "effectcache/EffectCacheStats.h"
@@ -196,39 +197,6 @@ void PrintStatsJson(const CacheFile& cache, const Totals& t, std::ostream& out) 
 
 // Problems of the index as a whole: names twice, streams shared or owned
 // by no effect.
-void CheckStreamOwners(const CacheFile& cache, std::vector<std::string>& problems) {
-  std::map<std::uint64_t, const CacheFile::Entry*> owners;
-  std::set<std::string> names;
-  for (const CacheFile::Entry& entry : cache.Entries()) {
-    if (!names.insert(entry.name).second) problems.push_back("effect " + entry.name + ": named twice in the index");
-    const auto found = owners.emplace(entry.record.streamId, &entry);
-    if (!found.second) {
-      problems.push_back("effects " + found.first->second->name + " and " + entry.name + " share stream " +
-                         std::to_string(entry.record.streamId));
-    }
-  }
-  const PagedFilePackage& package = cache.Package();
-  for (std::uint64_t i = 0; i < package.GetNumberOfStreams(); ++i) {
-    const std::uint64_t id = package.GetStreamIdentifier(i);
-    if (id != cache.Header().indexStreamId && owners.count(id) == 0) {
-      problems.push_back("stream " + std::to_string(id) + " belongs to no effect");
-    }
-  }
-}
-
-void CheckEffects(const CacheFile& cache, const Console& console, std::vector<std::string>& problems) {
-  ProgressReporter progress(console, "checking effects", cache.Entries().size());
-  std::uint64_t done = 0;
-  for (const CacheFile::Entry& entry : cache.Entries()) {
-    Tab<unsigned char> data;
-    const EffectPayload::Result result = cache.Read(entry, data);
-    if (result != EffectPayload::Result::kOk) {
-      problems.push_back("effect " + entry.name + ": " + EffectPayload::Describe(result));
-    }
-    progress.Update(++done);
-  }
-}
-
 // Puts one effect through the library, as a host would; false when the
 // cache could not be used or saved.
 bool StoreThroughLibrary(const UserPath& folder, const std::string& name, const std::vector<unsigned char>& bytes,
@@ -376,8 +344,11 @@ int EffectCommands::Verify(const CommandLine& line, Console& console) {
   const std::string& name = line.Positionals()[0];
   const CacheFile cache{UserPath(name)};
   std::vector<std::string> problems;
-  CheckStreamOwners(cache, problems);
-  CheckEffects(cache, console, problems);
+  EffectCacheVerifier::CheckIndex(cache.Package(), cache.Header().indexStreamId, cache.Entries(), problems);
+  ProgressReporter progress(console, "checking effects", cache.Entries().size());
+  EffectCacheVerifier::CheckEffects(
+      cache.Entries(), [&cache](const CacheFile::Entry& entry, Tab<unsigned char>& data) { return cache.Read(entry, data); },
+      [&progress](std::uint64_t done, std::uint64_t) { progress.Update(done); }, problems);
   const auto report = line.Has("--json") ? &VerifyReport::PrintJson : &VerifyReport::Print;
   return report(console, name, problems, TextFormat::Counted(cache.Entries().size(), "effect"),
                 cache.Locked().JournalNote());

@@ -1,0 +1,66 @@
+#include "effectcache/EffectCacheVerifier.h"
+
+#include <map>
+#include <set>
+
+#include "effectcache/EffectCacheReader.h"
+#include "package/PackageVerifier.h"
+
+namespace Tovrel {
+
+void EffectCacheVerifier::CheckIndex(const IDataStreamSet& package, std::uint64_t indexStreamId,
+                                     const Entries& entries, std::vector<std::string>& problems) {
+  std::map<std::uint64_t, const EffectTable::Entry*> owners;
+  std::set<std::string> names;
+  for (const EffectTable::Entry& entry : entries) {
+    if (!names.insert(entry.name).second) problems.push_back("effect " + entry.name + ": named twice in the index");
+    const auto found = owners.emplace(entry.record.streamId, &entry);
+    if (!found.second) {
+      problems.push_back("effects " + found.first->second->name + " and " + entry.name + " share stream " +
+                         std::to_string(entry.record.streamId));
+    }
+  }
+  for (std::uint64_t i = 0; i < package.GetNumberOfStreams(); ++i) {
+    const std::uint64_t id = package.GetStreamIdentifier(i);
+    if (id != indexStreamId && owners.count(id) == 0) {
+      problems.push_back("stream " + std::to_string(id) + " belongs to no effect");
+    }
+  }
+}
+
+void EffectCacheVerifier::CheckEffects(const Entries& entries, const ReadEffect& read, const Progress& progress,
+                                       std::vector<std::string>& problems) {
+  std::uint64_t done = 0;
+  for (const EffectTable::Entry& entry : entries) {
+    Tab<unsigned char> data;
+    const EffectPayload::Result result = read(entry, data);
+    if (result != EffectPayload::Result::kOk) {
+      problems.push_back("effect " + entry.name + ": " + EffectPayload::Describe(result));
+    }
+    if (progress) progress(++done, entries.size());
+  }
+}
+
+EffectCacheVerifier::Report EffectCacheVerifier::VerifyFolder(const WStr& folder, const Progress& progress) {
+  Report report;
+  EffectCacheReader reader(folder);
+  switch (reader.Why()) {
+    case EffectCacheReader::Failure::kNone: break;
+    case EffectCacheReader::Failure::kNoFile: report.outcome = Outcome::kNoFile; return report;
+    case EffectCacheReader::Failure::kNotACache: report.outcome = Outcome::kNotACache; return report;
+    case EffectCacheReader::Failure::kUnreadable: report.outcome = Outcome::kUnreadable; return report;
+  }
+  report.outcome = Outcome::kChecked;
+  PagedFilePackage& package = reader.Package();
+  report.problems = PackageVerifier(package, package.GetFileLength()).Run();
+  const Entries entries(reader.Entries().begin(), reader.Entries().end());
+  report.effects = entries.size();
+  CheckIndex(package, reader.Header().indexStreamId, entries, report.problems);
+  const ReadEffect read = [&reader](const EffectTable::Entry& entry, Tab<unsigned char>& data) {
+    return reader.ReadChecked(entry.record, data);
+  };
+  CheckEffects(entries, read, progress, report.problems);
+  return report;
+}
+
+}  // namespace Tovrel
