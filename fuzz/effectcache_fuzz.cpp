@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "FuzzFiles.h"
 #include "effectcache/EffectCacheImpl.h"
 #include "host/MutexObject.h"
 #include "package/PackageVerifier.h"
@@ -35,16 +36,7 @@ namespace {
 // Bytes the verifier reads at most from one file.
 constexpr std::uint64_t kMostVerifiedBytes = 4 << 20;
 
-// The in-memory file system that holds the input, made current once.
-Tovrel::MemoryFileSystem& Files() {
-  static Tovrel::MemoryFileSystem* files = [] {
-    auto* memory = new Tovrel::MemoryFileSystem;
-    memory->SetTrackingUnsyncedChanges(false);
-    Tovrel::FileSystem::Install(memory);
-    return memory;
-  }();
-  return *files;
-}
+using TovrelFuzz::Files;
 
 // A folder name of its own per process, so that the cache's named mutex
 // and time stamp are not shared with another fuzzing process.

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "FuzzFiles.h"
 #include "package/PackageVerifier.h"
 #include "platform/FileSystem.h"
 #include "platform/MemoryFileSystem.h"
@@ -30,16 +31,7 @@ namespace {
 constexpr std::uint64_t kMostStreams = 256;
 constexpr std::uint64_t kMostBytes = 4 << 20;
 
-// The in-memory file system that holds the input, made current once.
-Tovrel::MemoryFileSystem& Files() {
-  static Tovrel::MemoryFileSystem* files = [] {
-    auto* memory = new Tovrel::MemoryFileSystem;
-    memory->SetTrackingUnsyncedChanges(false);
-    Tovrel::FileSystem::Install(memory);
-    return memory;
-  }();
-  return *files;
-}
+using TovrelFuzz::Files;
 
 const std::wstring kPath = L"fuzz-package.dat";
 

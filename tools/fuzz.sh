@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets with clang (ASan + UBSan) and runs each
-# (package files, effect cache files, remote store answers) for
+# (package files, effect cache files, remote store answers, call programs
+# of the C interface) for
 # FUZZ_SECONDS (60) seconds from its committed seed corpus, with leak
 # detection and a one-second limit per input. Any crash, leak or slow
 # input fails. "tools/fuzz.sh corpus"
@@ -12,7 +13,7 @@ dir=${FUZZ_BUILD_DIR:-build/fuzz}
 mkdir -p "$(dirname "$dir")"
 cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
   -DTOVREL_FUZZ=ON -DTOVREL_TESTS=OFF -DTOVREL_WERROR=ON > "$dir.configure.log" 2>&1 || { cat "$dir.configure.log"; exit 1; }
-targets=(package effectcache remoteobject)
+targets=(package effectcache remoteobject capi)
 for t in "${targets[@]}"; do
   cmake --build "$dir" -j "${FUZZ_JOBS:-$(nproc)}" --target "${t}_fuzz" "${t}_corpus"
 done

@@ -45,7 +45,7 @@ tsan() {
   echo "=== $dir (RelWithDebInfo, ThreadSanitizer)"
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVREL_WERROR=ON -DTOVREL_TSAN=ON > "$dir.configure.log" 2>&1 || {
     cat "$dir.configure.log"; exit 1; }
-  cmake --build "$dir" -j "$jobs" --target platform_tests package_tests effectcache_tests
+  cmake --build "$dir" -j "$jobs" --target platform_tests package_tests effectcache_tests capi_tests
   export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
   "$dir/platform_tests" --gtest_brief=1 --gtest_filter='ReaderWriterLockTest.*:PositionalFileHandleTest.ReadAt*:MemoryFileSystemTest.ReadAt*'
   "$dir/package_tests" --gtest_brief=1 --gtest_filter='DirectStreamReaderTest.*'
@@ -54,8 +54,10 @@ tsan() {
   # Host threads caching and searching while the worker saves.
   TOVREL_EFFECT_CACHE_BACKGROUND_SAVING=1 "$dir/effectcache_tests" --gtest_brief=1 \
     --gtest_filter='EffectCacheParallelTest.Threads*:EffectCacheParallelTest.Searches*'
+  # The C interface's handles, found and closed from many threads.
+  "$dir/capi_tests" --gtest_brief=1 --gtest_filter='CEffectCacheApiTest.Threads*:CHandleRegistryTest.*'
   unset TSAN_OPTIONS
-  passed=$((passed + 4))
+  passed=$((passed + 5))
 }
 
 passed=0

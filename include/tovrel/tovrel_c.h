@@ -98,9 +98,10 @@ typedef struct tovrel_effect_cache_options {
 
 TOVREL_C_API tovrel_status tovrel_effect_cache_options_init(tovrel_effect_cache_options* options);
 
-/* Opens (or creates) the cache in the folder. A cache whose file cannot be
- * opened or created is still made, and its calls answer TOVREL_UNUSABLE:
- * close it as any other. */
+/* Opens the cache of a folder, creating its file if there is none (the
+ * folder itself must exist). A cache whose file cannot be opened or
+ * created is still made, and its calls answer TOVREL_UNUSABLE: close it
+ * as any other. */
 TOVREL_C_API tovrel_status tovrel_effect_cache_open(const char* folder, const tovrel_effect_cache_options* options,
                                                     tovrel_effect_cache** cache);
 /* Saves what waits (as the C++ object's last Release does) and ends the

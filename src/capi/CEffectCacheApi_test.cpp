@@ -2,6 +2,8 @@
 
 #include <cstdint>
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -394,6 +396,33 @@ TEST(CEffectCacheApiTest, ThreadsSearchOneHandleAtOnce) {
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(wrong, std::vector<int>(4, 0));
   EXPECT_EQ(tovrel_effect_cache_close(cache), TOVREL_OK);
+}
+
+TEST(CEffectCacheApiTest, ThreadsSearchingWhileAnotherClosesSeeTheEffectOrAnEndedHandle) {
+  TempDir dir;
+  Fill(dir, 4);
+  tovrel_effect_cache* cache = Open(Utf8(dir));
+  std::atomic<int> unexpected{0};
+  std::atomic<int> ended{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 2; ++t) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < 400; ++round) {
+        tovrel_status status = TOVREL_INTERNAL_ERROR;
+        const std::vector<unsigned char> found = Get(cache, "fx1", &status);
+        if (status == TOVREL_INVALID_HANDLE) {
+          ++ended;
+        } else if (status != TOVREL_OK || found != Bytes(4100, 1)) {
+          ++unexpected;
+        }
+      }
+    });
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  EXPECT_EQ(tovrel_effect_cache_close(cache), TOVREL_OK);
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(unexpected.load(), 0);
+  EXPECT_EQ(tovrel_effect_cache_close(cache), TOVREL_INVALID_HANDLE);
 }
 
 }  // namespace

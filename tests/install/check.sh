@@ -89,6 +89,19 @@ if [ "$system" = linux ]; then
   mkdir -p "$work/capi-pc-run"
   expect_c_passed "$(cd "$work/capi-pc-run" && LD_LIBRARY_PATH=$prefix/lib "$work/pkg-config-capi")"
 
+  step "README's C example"
+  awk '/^## From C and other languages/ { section = 1 } section && /^```c$/ { code = 1; next }
+       code && /^```$/ { exit } code { print }' "$source_dir/README.md" > "$work/readme-example.c"
+  [ -s "$work/readme-example.c" ] || fail "README has no C example under \"From C and other languages\""
+  quiet gcc -std=c99 -pedantic "${warnings[@]}" "$work/readme-example.c" "${cflags[@]}" -o "$work/readme-example"
+  mkdir -p "$work/readme-run"
+  first=$(cd "$work/readme-run" && LD_LIBRARY_PATH=$prefix/lib "$work/readme-example") || fail "README's example: $first"
+  second=$(cd "$work/readme-run" && LD_LIBRARY_PATH=$prefix/lib "$work/readme-example") || fail "README's example: $second"
+  grep -qx "1 effects, [0-9]* bytes stored (Tovrel $(pkg-config --modversion tovrel))" <<< "$first" ||
+    fail "README's example printed \"$first\""
+  grep -qx "found shaders/glass.fx: 8 bytes" <<< "$second" || fail "README's example, run again, printed \"$second\""
+  echo "  $second"
+
   step "the C header as C++"
   quiet "$third" -x c++ -std=c++17 -pedantic "${warnings[@]}" -fsyntax-only -I"$prefix/include" \
     "$prefix/include/tovrel/tovrel_c.h"
