@@ -34,17 +34,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#if defined(TOVREL_STATIC)
-#define TOVREL_C_API
-#elif defined(_WIN32)
-#if defined(TOVREL_BUILDING)
-#define TOVREL_C_API __declspec(dllexport)
-#else
-#define TOVREL_C_API __declspec(dllimport)
-#endif
-#else
-#define TOVREL_C_API __attribute__((visibility("default")))
-#endif
+#include "tovrel/export.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -76,11 +66,11 @@ typedef enum tovrel_status {
 } tovrel_status;
 
 /* "0.5.0": the library's version, whatever header the caller was built with. */
-TOVREL_C_API const char* tovrel_version(void);
+TOVREL_API const char* tovrel_version(void);
 /* A short English text for a status; "unknown status" for any other value. */
-TOVREL_C_API const char* tovrel_status_string(tovrel_status status);
+TOVREL_API const char* tovrel_status_string(tovrel_status status);
 /* Frees memory the library handed out; null is ignored. */
-TOVREL_C_API void tovrel_free(void* memory);
+TOVREL_API void tovrel_free(void* memory);
 
 /* ---- The effect cache -------------------------------------------------- */
 
@@ -96,33 +86,33 @@ typedef struct tovrel_effect_cache_options {
                                 as "TOVREL_EFFECT_CACHE_REMOTE" says */
 } tovrel_effect_cache_options;
 
-TOVREL_C_API tovrel_status tovrel_effect_cache_options_init(tovrel_effect_cache_options* options);
+TOVREL_API tovrel_status tovrel_effect_cache_options_init(tovrel_effect_cache_options* options);
 
 /* Opens the cache of a folder, creating its file if there is none (the
  * folder itself must exist). A cache whose file cannot be opened or
  * created is still made, and its calls answer TOVREL_UNUSABLE: close it
  * as any other. */
-TOVREL_C_API tovrel_status tovrel_effect_cache_open(const char* folder, const tovrel_effect_cache_options* options,
+TOVREL_API tovrel_status tovrel_effect_cache_open(const char* folder, const tovrel_effect_cache_options* options,
                                                     tovrel_effect_cache** cache);
 /* Saves what waits (as the C++ object's last Release does) and ends the
  * handle; TOVREL_UNUSABLE when that save failed (the handle ends anyway). */
-TOVREL_C_API tovrel_status tovrel_effect_cache_close(tovrel_effect_cache* cache);
+TOVREL_API tovrel_status tovrel_effect_cache_close(tovrel_effect_cache* cache);
 
 /* Keeps an effect (1 byte to 1 MiB) under its name. */
-TOVREL_C_API tovrel_status tovrel_effect_cache_put(tovrel_effect_cache* cache, const char* name, size_t name_size,
+TOVREL_API tovrel_status tovrel_effect_cache_put(tovrel_effect_cache* cache, const char* name, size_t name_size,
                                                    const void* data, size_t size, int permanent);
 /* Copies the effect into the caller's buffer (capacity bytes; null with
  * capacity 0 only asks the size). *size is the effect's size on TOVREL_OK
  * and on TOVREL_BUFFER_TOO_SMALL. */
-TOVREL_C_API tovrel_status tovrel_effect_cache_get(tovrel_effect_cache* cache, const char* name, size_t name_size,
+TOVREL_API tovrel_status tovrel_effect_cache_get(tovrel_effect_cache* cache, const char* name, size_t name_size,
                                                    void* buffer, size_t capacity, size_t* size);
 /* The same into memory the library allocates (free it with tovrel_free). */
-TOVREL_C_API tovrel_status tovrel_effect_cache_get_alloc(tovrel_effect_cache* cache, const char* name,
+TOVREL_API tovrel_status tovrel_effect_cache_get_alloc(tovrel_effect_cache* cache, const char* name,
                                                          size_t name_size, void** data, size_t* size);
 /* Saves the effects that wait, now. */
-TOVREL_C_API tovrel_status tovrel_effect_cache_save(tovrel_effect_cache* cache);
+TOVREL_API tovrel_status tovrel_effect_cache_save(tovrel_effect_cache* cache);
 /* Effects waiting in memory and effects in the file; each counted once. */
-TOVREL_C_API tovrel_status tovrel_effect_cache_counts(tovrel_effect_cache* cache, uint64_t* in_memory,
+TOVREL_API tovrel_status tovrel_effect_cache_counts(tovrel_effect_cache* cache, uint64_t* in_memory,
                                                       uint64_t* in_file);
 
 /* The hit statistics of the folder's file (counted across processes and
@@ -135,7 +125,7 @@ typedef struct tovrel_effect_cache_stats {
   uint64_t stored_bytes; /* their compressed sizes together */
   uint64_t file_bytes;   /* the file's length */
 } tovrel_effect_cache_stats;
-TOVREL_C_API tovrel_status tovrel_effect_cache_stats_read(const char* folder, tovrel_effect_cache_stats* stats);
+TOVREL_API tovrel_status tovrel_effect_cache_stats_read(const char* folder, tovrel_effect_cache_stats* stats);
 
 /* One stored effect, as tovrel_effect_cache_list shows it. The name is
  * valid during the call only. */
@@ -152,7 +142,7 @@ typedef struct tovrel_effect_info {
  * named mutex held: keep it short and do not call Tovrel from it. */
 typedef int (*tovrel_effect_visitor)(void* context, const tovrel_effect_info* effect);
 /* Every effect stored in the folder's file, in the order of its index. */
-TOVREL_C_API tovrel_status tovrel_effect_cache_list(const char* folder, tovrel_effect_visitor visitor, void* context);
+TOVREL_API tovrel_status tovrel_effect_cache_list(const char* folder, tovrel_effect_visitor visitor, void* context);
 
 /* The maintenance operations, on a folder (hosts using it at the same
  * time reload before their next search or save). dry_run reports and
@@ -165,18 +155,18 @@ typedef struct tovrel_maintenance_result {
 /* Removes non-permanent effects: oldest last use first until the stored
  * bytes are at most max_stored_bytes (UINT64_MAX: no size rule), and every
  * one unused for more than max_age_seconds (-1: no age rule). */
-TOVREL_C_API tovrel_status tovrel_effect_cache_trim(const char* folder, uint64_t max_stored_bytes,
+TOVREL_API tovrel_status tovrel_effect_cache_trim(const char* folder, uint64_t max_stored_bytes,
                                                     int64_t max_age_seconds, int dry_run,
                                                     tovrel_maintenance_result* result);
 /* Removes the named effects, permanent or not. */
-TOVREL_C_API tovrel_status tovrel_effect_cache_remove(const char* folder, const char* const* names,
+TOVREL_API tovrel_status tovrel_effect_cache_remove(const char* folder, const char* const* names,
                                                       const size_t* name_sizes, size_t count, int dry_run,
                                                       tovrel_maintenance_result* result);
 /* Removes every effect, or every non-permanent one. */
-TOVREL_C_API tovrel_status tovrel_effect_cache_clear(const char* folder, int keep_permanent, int dry_run,
+TOVREL_API tovrel_status tovrel_effect_cache_clear(const char* folder, int keep_permanent, int dry_run,
                                                      tovrel_maintenance_result* result);
 /* Shrinks the file to the pages it uses; every effect stays. */
-TOVREL_C_API tovrel_status tovrel_effect_cache_compact(const char* folder, uint64_t* file_bytes_before,
+TOVREL_API tovrel_status tovrel_effect_cache_compact(const char* folder, uint64_t* file_bytes_before,
                                                        uint64_t* file_bytes_after);
 /* Checks the folder's file (its package's tables, and that every effect
  * decompresses to its size) without changing it. Each problem found is
@@ -184,7 +174,7 @@ TOVREL_C_API tovrel_status tovrel_effect_cache_compact(const char* folder, uint6
  * valid during the call only; return 0 to go on. TOVREL_OK with
  * *problems 0 means sound. */
 typedef int (*tovrel_text_visitor)(void* context, const char* text, size_t size);
-TOVREL_C_API tovrel_status tovrel_effect_cache_verify(const char* folder, tovrel_text_visitor visitor, void* context,
+TOVREL_API tovrel_status tovrel_effect_cache_verify(const char* folder, tovrel_text_visitor visitor, void* context,
                                                       uint64_t* problems);
 
 /* ---- The file package -------------------------------------------------- */
@@ -200,53 +190,53 @@ typedef struct tovrel_package_options {
   uint64_t stream_limit;     /* most streams; the default is 65535 */
 } tovrel_package_options;
 
-TOVREL_C_API tovrel_status tovrel_package_options_init(tovrel_package_options* options);
+TOVREL_API tovrel_status tovrel_package_options_init(tovrel_package_options* options);
 
 /* Starts an empty package in the file (created, or reused without being
  * cut) and saves it. */
-TOVREL_C_API tovrel_status tovrel_package_create(const char* path, const tovrel_package_options* options,
+TOVREL_API tovrel_status tovrel_package_create(const char* path, const tovrel_package_options* options,
                                                  tovrel_package** package);
 /* Opens the package a file holds, for update. */
-TOVREL_C_API tovrel_status tovrel_package_open(const char* path, const tovrel_package_options* options,
+TOVREL_API tovrel_status tovrel_package_open(const char* path, const tovrel_package_options* options,
                                                tovrel_package** package);
 /* Opens it for reading only: nothing is ever written to the file. */
-TOVREL_C_API tovrel_status tovrel_package_open_read_only(const char* path, const tovrel_package_options* options,
+TOVREL_API tovrel_status tovrel_package_open_read_only(const char* path, const tovrel_package_options* options,
                                                          tovrel_package** package);
 /* Saves unsaved changes and ends the handle. Streams still open keep the
  * file open until they are closed. */
-TOVREL_C_API tovrel_status tovrel_package_close(tovrel_package* package);
-TOVREL_C_API tovrel_status tovrel_package_save(tovrel_package* package);
+TOVREL_API tovrel_status tovrel_package_close(tovrel_package* package);
+TOVREL_API tovrel_status tovrel_package_save(tovrel_package* package);
 
-TOVREL_C_API tovrel_status tovrel_package_stream_count(tovrel_package* package, uint64_t* count);
+TOVREL_API tovrel_status tovrel_package_stream_count(tovrel_package* package, uint64_t* count);
 /* The identifier of the index-th stream, in ascending identifier order. */
-TOVREL_C_API tovrel_status tovrel_package_stream_id(tovrel_package* package, uint64_t index, uint64_t* id);
+TOVREL_API tovrel_status tovrel_package_stream_id(tovrel_package* package, uint64_t index, uint64_t* id);
 /* A new stream of a fixed size (below 2^31 bytes). */
-TOVREL_C_API tovrel_status tovrel_package_stream_create(tovrel_package* package, uint64_t size, uint64_t* id);
-TOVREL_C_API tovrel_status tovrel_package_stream_remove(tovrel_package* package, uint64_t id);
+TOVREL_API tovrel_status tovrel_package_stream_create(tovrel_package* package, uint64_t size, uint64_t* id);
+TOVREL_API tovrel_status tovrel_package_stream_remove(tovrel_package* package, uint64_t id);
 /* A stream may be open once at a time. A stream of size 0 holds nothing
  * to open: TOVREL_NOT_FOUND. */
-TOVREL_C_API tovrel_status tovrel_package_stream_open(tovrel_package* package, uint64_t id, tovrel_stream** stream);
+TOVREL_API tovrel_status tovrel_package_stream_open(tovrel_package* package, uint64_t id, tovrel_stream** stream);
 
-TOVREL_C_API tovrel_status tovrel_package_user_data_size(tovrel_package* package, uint64_t* size);
+TOVREL_API tovrel_status tovrel_package_user_data_size(tovrel_package* package, uint64_t* size);
 /* Copies the user data out (as tovrel_effect_cache_get does). */
-TOVREL_C_API tovrel_status tovrel_package_user_data_get(tovrel_package* package, void* buffer, size_t capacity,
+TOVREL_API tovrel_status tovrel_package_user_data_get(tovrel_package* package, void* buffer, size_t capacity,
                                                         size_t* size);
 /* Replaces the user data with these bytes. */
-TOVREL_C_API tovrel_status tovrel_package_user_data_set(tovrel_package* package, const void* data, size_t size);
+TOVREL_API tovrel_status tovrel_package_user_data_set(tovrel_package* package, const void* data, size_t size);
 
-TOVREL_C_API tovrel_status tovrel_stream_close(tovrel_stream* stream);
+TOVREL_API tovrel_status tovrel_stream_close(tovrel_stream* stream);
 /* Reads up to count bytes from the position; *done tells how many (fewer
  * at the end of the stream). */
-TOVREL_C_API tovrel_status tovrel_stream_read(tovrel_stream* stream, void* buffer, uint64_t count, uint64_t* done);
+TOVREL_API tovrel_status tovrel_stream_read(tovrel_stream* stream, void* buffer, uint64_t count, uint64_t* done);
 /* Overwrites up to count bytes from the position, stopping at the end. */
-TOVREL_C_API tovrel_status tovrel_stream_write(tovrel_stream* stream, const void* data, uint64_t count,
+TOVREL_API tovrel_status tovrel_stream_write(tovrel_stream* stream, const void* data, uint64_t count,
                                                uint64_t* done);
 /* origin 0: from the start, 1: from the position, 2: from the end. A
  * target before 0 or past the size is TOVREL_INVALID_ARGUMENT, the
  * position unchanged. */
-TOVREL_C_API tovrel_status tovrel_stream_seek(tovrel_stream* stream, int origin, int32_t offset);
-TOVREL_C_API tovrel_status tovrel_stream_position(tovrel_stream* stream, uint64_t* position);
-TOVREL_C_API tovrel_status tovrel_stream_size(tovrel_stream* stream, uint64_t* size);
+TOVREL_API tovrel_status tovrel_stream_seek(tovrel_stream* stream, int origin, int32_t offset);
+TOVREL_API tovrel_status tovrel_stream_position(tovrel_stream* stream, uint64_t* position);
+TOVREL_API tovrel_status tovrel_stream_size(tovrel_stream* stream, uint64_t* size);
 
 #ifdef __cplusplus
 }

@@ -8,6 +8,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "capi/CApiCall.h"
@@ -24,7 +25,7 @@
 
 // One open cache. Owned by the registry (and by calls in progress).
 struct tovrel_effect_cache {
-  explicit tovrel_effect_cache(Tovrel::EffectCacheImpl* made) : impl(made) {}
+  explicit tovrel_effect_cache(std::unique_ptr<Tovrel::EffectCacheImpl> made) : impl(std::move(made)) {}
   std::unique_ptr<Tovrel::EffectCacheImpl> impl;  // never null
 };
 
@@ -132,8 +133,8 @@ tovrel_status tovrel_effect_cache_open(const char* folder, const tovrel_effect_c
     std::wstring store;
     if (status == TOVREL_OK && chosen.remote_store != nullptr) status = CApiCall::WidePath(chosen.remote_store, &store);
     if (status != TOVREL_OK) return status;
-    auto made = std::make_shared<tovrel_effect_cache>(
-        new Tovrel::EffectCacheImpl(WStr(path), chosen.compression_level));
+    std::unique_ptr<Tovrel::EffectCacheImpl> impl(new Tovrel::EffectCacheImpl(WStr(path), chosen.compression_level));
+    auto made = std::make_shared<tovrel_effect_cache>(std::move(impl));
     if (chosen.remote_store != nullptr && !made->impl->SetRemoteStore(store.c_str())) return TOVREL_INVALID_ARGUMENT;
     if (chosen.background_saving >= 0) made->impl->SetBackgroundSaving(chosen.background_saving == 1);
     *cache = Tovrel::Registry::Instance().Add(std::move(made));
