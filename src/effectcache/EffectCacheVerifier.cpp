@@ -41,6 +41,15 @@ void EffectCacheVerifier::CheckEffects(const Entries& entries, const ReadEffect&
   }
 }
 
+std::vector<std::string> EffectCacheVerifier::CheckAll(PagedFilePackage& package, std::uint64_t fileSize,
+                                                       std::uint64_t indexStreamId, const Entries& entries,
+                                                       const ReadEffect& read, const Progress& progress) {
+  std::vector<std::string> problems = PackageVerifier(package, fileSize).Run();
+  CheckIndex(package, indexStreamId, entries, problems);
+  CheckEffects(entries, read, progress, problems);
+  return problems;
+}
+
 EffectCacheVerifier::Report EffectCacheVerifier::VerifyFolder(const WStr& folder, const Progress& progress) {
   Report report;
   EffectCacheReader reader(folder);
@@ -52,14 +61,13 @@ EffectCacheVerifier::Report EffectCacheVerifier::VerifyFolder(const WStr& folder
   }
   report.outcome = Outcome::kChecked;
   PagedFilePackage& package = reader.Package();
-  report.problems = PackageVerifier(package, package.GetFileLength()).Run();
   const Entries entries(reader.Entries().begin(), reader.Entries().end());
   report.effects = entries.size();
-  CheckIndex(package, reader.Header().indexStreamId, entries, report.problems);
   const ReadEffect read = [&reader](const EffectTable::Entry& entry, Tab<unsigned char>& data) {
     return reader.ReadChecked(entry.record, data);
   };
-  CheckEffects(entries, read, progress, report.problems);
+  report.problems =
+      CheckAll(package, package.GetFileLength(), reader.Header().indexStreamId, entries, read, progress);
   return report;
 }
 

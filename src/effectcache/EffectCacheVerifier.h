@@ -4,7 +4,7 @@
 // twice, no stream without an effect), and that every effect decompresses
 // to its recorded size.
 //
-// CheckIndex and CheckEffects serve any holder of an open cache file (the
+// CheckAll (and its parts) serve any holder of an open cache file (the
 // tool's readers); VerifyFolder opens the folder's file for reading only
 // under the cache's named mutex, runs every check and lets both go.
 // Nothing is ever written.
@@ -41,6 +41,12 @@ class EffectCacheVerifier {
   // Each effect that does not read back through `read`.
   static void CheckEffects(const Entries& entries, const ReadEffect& read, const Progress& progress,
                            std::vector<std::string>& problems);
+
+  // Every check of an open cache file: the package's tables (against
+  // `fileSize`, the file's length), then CheckIndex, then CheckEffects.
+  static std::vector<std::string> CheckAll(PagedFilePackage& package, std::uint64_t fileSize,
+                                           std::uint64_t indexStreamId, const Entries& entries,
+                                           const ReadEffect& read, const Progress& progress);
 
   enum class Outcome {
     kChecked,     // the checks ran; the problems are what they found

@@ -2,12 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
 #include "effectcache/EffectCacheReader.h"
 #include "support/EffectTesting.h"
+#include "support/PackagePatch.h"
 #include "support/TempDir.h"
 #include "tovrel/EffectCacheSystem.h"
 #include "tovrel/FilePackage.h"
@@ -79,6 +81,17 @@ TEST_F(EffectCacheVerifierTest, AStreamOfNoEffectAndAnIndexEntryNamedTwiceArePro
   ASSERT_GE(problems.size(), 2u);
   EXPECT_EQ(problems[0], "effect twice: named twice in the index");
   EXPECT_EQ(problems[1], "effects twice and twice share stream 7");
+}
+
+TEST_F(EffectCacheVerifierTest, ThePackagesOwnProblemsAreFoundToo) {
+  Fill(3);
+  Testing::PackagePatch patch{std::filesystem::path(CacheFile())};
+  const std::uint64_t free = patch.ChildFile(0, Testing::PackagePatch::kChildFreeBytes);
+  patch.Set(patch.ChildFile(0, Testing::PackagePatch::kChildFreeBytes), free - 10).Save();
+  const auto report = EffectCacheVerifier::VerifyFolder(Folder());
+  ASSERT_EQ(report.outcome, EffectCacheVerifier::Outcome::kChecked);
+  ASSERT_FALSE(report.problems.empty());
+  EXPECT_EQ(report.problems[0].rfind("child file 0: ", 0), 0u) << report.problems[0];
 }
 
 TEST_F(EffectCacheVerifierTest, AFolderWithoutACacheOrWithAForeignFileIsNotChecked) {

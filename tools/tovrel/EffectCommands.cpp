@@ -343,12 +343,11 @@ int EffectCommands::Stats(const CommandLine& line, Console& console) {
 int EffectCommands::Verify(const CommandLine& line, Console& console) {
   const std::string& name = line.Positionals()[0];
   const CacheFile cache{UserPath(name)};
-  std::vector<std::string> problems;
-  EffectCacheVerifier::CheckIndex(cache.Package(), cache.Header().indexStreamId, cache.Entries(), problems);
   ProgressReporter progress(console, "checking effects", cache.Entries().size());
-  EffectCacheVerifier::CheckEffects(
-      cache.Entries(), [&cache](const CacheFile::Entry& entry, Tab<unsigned char>& data) { return cache.Read(entry, data); },
-      [&progress](std::uint64_t done, std::uint64_t) { progress.Update(done); }, problems);
+  const std::vector<std::string> problems = EffectCacheVerifier::CheckAll(
+      cache.Package(), cache.FileSize(), cache.Header().indexStreamId, cache.Entries(),
+      [&cache](const CacheFile::Entry& entry, Tab<unsigned char>& data) { return cache.Read(entry, data); },
+      [&progress](std::uint64_t done, std::uint64_t) { progress.Update(done); });
   const auto report = line.Has("--json") ? &VerifyReport::PrintJson : &VerifyReport::Print;
   return report(console, name, problems, TextFormat::Counted(cache.Entries().size(), "effect"),
                 cache.Locked().JournalNote());
