@@ -67,6 +67,7 @@ void Fill(const EffectCacheMaintenance::Result& from, tovrel_maintenance_result*
 }
 
 tovrel_status Finish(const EffectCacheMaintenance::Result& result, tovrel_maintenance_result* out) {
+  if (result.damaged) return TOVREL_DAMAGED;
   if (!result.ok) return TOVREL_UNUSABLE;
   if (out != nullptr) Fill(result, out);
   return TOVREL_OK;
@@ -330,6 +331,7 @@ tovrel_status tovrel_effect_cache_compact(const char* folder, uint64_t* file_byt
     const tovrel_status status = Tovrel::CacheFolder(folder, &wide);
     if (status != TOVREL_OK) return status;
     const auto compacted = Tovrel::EffectCacheMaintenance::Compact(wide);
+    if (compacted.damaged) return TOVREL_DAMAGED;
     if (!compacted.ok) return TOVREL_UNUSABLE;
     if (file_bytes_before != nullptr) *file_bytes_before = compacted.fileBytesBefore;
     if (file_bytes_after != nullptr) *file_bytes_after = compacted.fileBytesAfter;

@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "effectcache/EffectRecord.h"
+#include "support/EffectTesting.h"
 #include "support/TempDir.h"
 #include "tovrel/tovrel_c.h"
 
@@ -331,6 +333,23 @@ TEST(CEffectCacheApiTest, MaintenanceRemovesTrimsClearsAndCompacts) {
   EXPECT_EQ(tovrel_effect_cache_trim(Utf8(empty).c_str(), 1, -1, 0, &result), TOVREL_NOT_FOUND);
   EXPECT_EQ(tovrel_effect_cache_compact(Utf8(empty).c_str(), &before, &after), TOVREL_NOT_FOUND);
   EXPECT_FALSE(std::filesystem::exists(empty.Path() / "norvaneFxoCache.dat")) << "no cache is made where there was none";
+}
+
+TEST(CEffectCacheApiTest, MaintenanceOnADamagedFileAnswersDamagedAndChangesNothing) {
+  TempDir dir;
+  Fill(dir, 4);
+  const std::wstring file = dir.File("norvaneFxoCache.dat");
+  Tovrel::Testing::EffectTesting::PatchRecord(file, "fx2", [](Tovrel::EffectRecord& r) { r.streamId += 100000; });
+  const std::vector<std::uint8_t> before = TempDir::ReadAll(file);
+  tovrel_maintenance_result result{};
+  uint64_t bytes = 0;
+  EXPECT_EQ(tovrel_effect_cache_compact(Utf8(dir).c_str(), &bytes, &bytes), TOVREL_DAMAGED);
+  EXPECT_EQ(tovrel_effect_cache_trim(Utf8(dir).c_str(), 1, -1, 0, &result), TOVREL_DAMAGED);
+  EXPECT_EQ(tovrel_effect_cache_clear(Utf8(dir).c_str(), 0, 0, &result), TOVREL_DAMAGED);
+  EXPECT_EQ(TempDir::ReadAll(file), before);
+  uint64_t problems = 0;
+  EXPECT_EQ(tovrel_effect_cache_verify(Utf8(dir).c_str(), nullptr, nullptr, &problems), TOVREL_OK);
+  EXPECT_GE(problems, 1u);
 }
 
 int Collect(void* context, const char* text, size_t size) {

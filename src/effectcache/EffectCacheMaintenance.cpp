@@ -6,6 +6,7 @@
 
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectCacheReader.h"
+#include "effectcache/EffectCacheVerifier.h"
 
 namespace Tovrel {
 
@@ -13,8 +14,25 @@ namespace {
 
 using Choice = EffectCacheImpl::RemovalChoice;
 
+// True (the result marked) when the folder's file may not be changed.
+template <class Result>
+bool Refuse(const WStr& folder, Result& result) {
+  switch (EffectCacheMaintenance::CheckFolder(folder)) {
+    case EffectCacheMaintenance::Check::kSound:
+    case EffectCacheMaintenance::Check::kNoFile:
+      return false;
+    case EffectCacheMaintenance::Check::kDamaged:
+      result.damaged = true;
+      return true;
+    case EffectCacheMaintenance::Check::kUnreadable:
+      break;
+  }
+  return true;
+}
+
 EffectCacheMaintenance::Result RemoveChosen(const WStr& folder, const Choice& choose, bool dryRun) {
   EffectCacheMaintenance::Result result;
+  if (Refuse(folder, result)) return result;
   EffectCacheImpl cache(folder, EffectCacheImpl::kHostCompressionLevel, EffectCacheImpl::kCacheBytesLimit);
   std::uint64_t stored = 0;
   std::uint64_t count = 0;
@@ -82,18 +100,25 @@ EffectCacheMaintenance::Result EffectCacheMaintenance::Trim(const WStr& folder, 
 EffectCacheMaintenance::MergeResult EffectCacheMaintenance::Merge(const WStr& destination,
                                                                   const std::vector<WStr>& sources) {
   MergeResult result;
+  if (Refuse(destination, result)) return result;
   // First the newest copy of every name among the sources.
   struct Best {
     std::size_t source;
     EffectRecord record;
   };
   std::map<std::string, Best> best;
+  std::vector<bool> usable(sources.size(), false);
   for (std::size_t i = 0; i < sources.size(); ++i) {
+    if (CheckFolder(sources[i]) != Check::kSound) {
+      result.unreadableSources.push_back(i);
+      continue;
+    }
     const EffectCacheReader reader(sources[i]);
     if (!reader.Ok()) {
       result.unreadableSources.push_back(i);
       continue;
     }
+    usable[i] = true;
     for (const EffectTable::Entry& entry : reader.Entries()) {
       const auto found = best.find(entry.name);
       if (found == best.end() || found->second.record.lastUsed < entry.record.lastUsed) {
@@ -105,6 +130,7 @@ EffectCacheMaintenance::MergeResult EffectCacheMaintenance::Merge(const WStr& de
   // is passed over.
   std::vector<EffectCacheImpl::StoredCopy> copies;
   for (std::size_t i = 0; i < sources.size(); ++i) {
+    if (!usable[i]) continue;
     EffectCacheReader reader(sources[i]);
     if (!reader.Ok()) continue;
     for (const auto& item : best) {
@@ -128,6 +154,10 @@ EffectCacheMaintenance::MergeResult EffectCacheMaintenance::Merge(const WStr& de
 }
 
 EffectCacheMaintenance::CompactResult EffectCacheMaintenance::Compact(const WStr& folder) {
+  {
+    CompactResult refused;
+    if (Refuse(folder, refused)) return refused;
+  }
   EffectCacheImpl cache(folder, EffectCacheImpl::kHostCompressionLevel, EffectCacheImpl::kCacheBytesLimit);
   PagedFilePackage::CompactResult compacted;
   CompactResult result;
@@ -137,9 +167,25 @@ EffectCacheMaintenance::CompactResult EffectCacheMaintenance::Compact(const WStr
   return result;
 }
 
-bool EffectCacheMaintenance::ZeroStatistics(const WStr& folder) {
+bool EffectCacheMaintenance::ZeroStatistics(const WStr& folder, bool* damaged) {
+  Result refused;
+  if (Refuse(folder, refused)) {
+    if (damaged != nullptr) *damaged = refused.damaged;
+    return false;
+  }
   EffectCacheImpl cache(folder, EffectCacheImpl::kHostCompressionLevel, EffectCacheImpl::kCacheBytesLimit);
   return cache.IsEnabled() && cache.ZeroStatistics();
+}
+
+EffectCacheMaintenance::Check EffectCacheMaintenance::CheckFolder(const WStr& folder) {
+  const EffectCacheVerifier::Report report = EffectCacheVerifier::CheckFolderTables(folder);
+  switch (report.outcome) {
+    case EffectCacheVerifier::Outcome::kChecked: return report.problems.empty() ? Check::kSound : Check::kDamaged;
+    case EffectCacheVerifier::Outcome::kNoFile: return Check::kNoFile;
+    case EffectCacheVerifier::Outcome::kNotACache: return Check::kDamaged;
+    case EffectCacheVerifier::Outcome::kUnreadable: break;
+  }
+  return Check::kUnreadable;
 }
 
 }  // namespace Tovrel

@@ -2,7 +2,12 @@
 // to it from outside a host: remove named effects, clear it, trim it to a
 // size or an age, merge other caches into it, compact its file.
 //
-// Each operation opens the folder's cache as a host would (an interrupted
+// Each operation first checks the tables of the folder's file (the
+// package's and the index; EffectCacheVerifier::CheckFolderTables) and
+// refuses a file that fails them, or that a host would not load, with
+// `damaged` set and nothing changed: moving or removing streams of damaged
+// tables could spoil what is intact, and a host's open would replace the
+// file. Then it opens the folder's cache as a host would (an interrupted
 // save is rolled back first), removes what it chose in one crash-safe save
 // under the cache's named mutex, and renews the shared time stamp, so that
 // hosts using the folder at the same time reload before their next search
@@ -27,6 +32,7 @@ class EffectCacheMaintenance {
  public:
   struct Result {
     bool ok = false;                   // false: the cache could not be opened or saved
+    bool damaged = false;              // the file is damaged (then not ok): nothing was done
     std::uint64_t removedEffects = 0;
     std::uint64_t removedBytes = 0;    // stored (compressed) bytes of the removed effects
     std::uint64_t keptEffects = 0;
@@ -51,11 +57,12 @@ class EffectCacheMaintenance {
   // What a merge did.
   struct MergeResult {
     bool ok = false;                        // false: the destination could not be opened or saved
+    bool damaged = false;                   // the destination's file is damaged (then not ok): nothing was done
     std::uint64_t copiedEffects = 0;        // stored into the destination
     std::uint64_t copiedBytes = 0;          // their stored (compressed) bytes
     std::uint64_t keptEffects = 0;          // names the destination already held as recently used or more
     std::uint64_t damagedEffects = 0;       // found in a source but not readable there: not copied
-    std::vector<std::size_t> unreadableSources;  // sources without a cache a host would load
+    std::vector<std::size_t> unreadableSources;  // sources without a cache a host would load, or damaged
   };
   // Copies effects from the source folders into `destination`: a name held
   // in several keeps the copy with the newest last use (the destination's
@@ -68,6 +75,7 @@ class EffectCacheMaintenance {
   // What a compaction did.
   struct CompactResult {
     bool ok = false;                 // false: the cache could not be opened or compacted
+    bool damaged = false;            // the file is damaged (then not ok): nothing was done
     std::uint64_t fileBytesBefore = 0;
     std::uint64_t fileBytesAfter = 0;
   };
@@ -76,8 +84,13 @@ class EffectCacheMaintenance {
   // was.
   static CompactResult Compact(const WStr& folder);
   // Zeroes the folder's hit statistics (their time becomes now); false when
-  // the cache could not be opened or saved.
-  static bool ZeroStatistics(const WStr& folder);
+  // the cache could not be opened or saved, or is damaged (`damaged` set,
+  // when given).
+  static bool ZeroStatistics(const WStr& folder, bool* damaged = nullptr);
+
+  // What the check before an operation found.
+  enum class Check { kSound, kNoFile, kDamaged, kUnreadable };
+  static Check CheckFolder(const WStr& folder);
 };
 
 }  // namespace Tovrel

@@ -50,16 +50,27 @@ std::vector<std::string> EffectCacheVerifier::CheckAll(PagedFilePackage& package
   return problems;
 }
 
+namespace {
+
+// Opens the folder's file for reading; the reader when it is a cache,
+// else the outcome that says why not.
+EffectCacheVerifier::Outcome OutcomeOf(const EffectCacheReader& reader) {
+  switch (reader.Why()) {
+    case EffectCacheReader::Failure::kNone: return EffectCacheVerifier::Outcome::kChecked;
+    case EffectCacheReader::Failure::kNoFile: return EffectCacheVerifier::Outcome::kNoFile;
+    case EffectCacheReader::Failure::kNotACache: return EffectCacheVerifier::Outcome::kNotACache;
+    case EffectCacheReader::Failure::kUnreadable: break;
+  }
+  return EffectCacheVerifier::Outcome::kUnreadable;
+}
+
+}  // namespace
+
 EffectCacheVerifier::Report EffectCacheVerifier::VerifyFolder(const WStr& folder, const Progress& progress) {
   Report report;
   EffectCacheReader reader(folder);
-  switch (reader.Why()) {
-    case EffectCacheReader::Failure::kNone: break;
-    case EffectCacheReader::Failure::kNoFile: report.outcome = Outcome::kNoFile; return report;
-    case EffectCacheReader::Failure::kNotACache: report.outcome = Outcome::kNotACache; return report;
-    case EffectCacheReader::Failure::kUnreadable: report.outcome = Outcome::kUnreadable; return report;
-  }
-  report.outcome = Outcome::kChecked;
+  report.outcome = OutcomeOf(reader);
+  if (report.outcome != Outcome::kChecked) return report;
   PagedFilePackage& package = reader.Package();
   const Entries entries(reader.Entries().begin(), reader.Entries().end());
   report.effects = entries.size();
@@ -68,6 +79,21 @@ EffectCacheVerifier::Report EffectCacheVerifier::VerifyFolder(const WStr& folder
   };
   report.problems =
       CheckAll(package, package.GetFileLength(), reader.Header().indexStreamId, entries, read, progress);
+  return report;
+}
+
+EffectCacheVerifier::Report EffectCacheVerifier::CheckFolderTables(const WStr& folder) {
+  Report report;
+  EffectCacheReader reader(folder);
+  report.outcome = OutcomeOf(reader);
+  if (report.outcome != Outcome::kChecked) return report;
+  PagedFilePackage& package = reader.Package();
+  PackageVerifier tables(package, package.GetFileLength());
+  tables.LimitReads(0);
+  report.problems = tables.Run();
+  const Entries entries(reader.Entries().begin(), reader.Entries().end());
+  report.effects = entries.size();
+  CheckIndex(package, reader.Header().indexStreamId, entries, report.problems);
   return report;
 }
 

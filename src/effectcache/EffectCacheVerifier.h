@@ -62,6 +62,11 @@ class EffectCacheVerifier {
   // Every check on the folder's file. An exception leaves only for want of
   // memory.
   static Report VerifyFolder(const WStr& folder, const Progress& progress = Progress());
+  // The checks of the tables alone (the package's, and the index against
+  // the streams), without reading a stream's bytes: what an operation that
+  // moves or removes streams needs to know before it starts, in time linear
+  // in the tables' size. `effects` counts the index's entries.
+  static Report CheckFolderTables(const WStr& folder);
 };
 
 }  // namespace Tovrel

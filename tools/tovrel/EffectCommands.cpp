@@ -325,7 +325,11 @@ int EffectCommands::Stats(const CommandLine& line, Console& console) {
     {
       const CacheFile check(folder);  // refuses a folder without a readable cache
     }
-    if (!EffectCacheMaintenance::ZeroStatistics(WStr(folder.Absolute().c_str()))) {
+    bool damaged = false;
+    if (!EffectCacheMaintenance::ZeroStatistics(WStr(folder.Absolute().c_str()), &damaged)) {
+      if (damaged) {
+        throw ToolError(ExitStatus::kUnreadable, folder.Typed() + ": the cache file is damaged, so nothing was changed");
+      }
       throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved");
     }
     if (!line.Has("--json")) console.Out() << "hit statistics zeroed\n";

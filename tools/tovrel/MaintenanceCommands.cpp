@@ -25,10 +25,20 @@ UserPath CheckedFolder(const CommandLine& line) {
   return folder;
 }
 
+// Refuses a cache file the library found damaged, which it left as it was.
+void RefuseDamaged(bool damaged, const UserPath& folder) {
+  if (damaged) {
+    throw ToolError(ExitStatus::kUnreadable, folder.Typed() +
+                                                 ": the cache file is damaged, so nothing was changed (tovrel effects "
+                                                 "verify lists its problems)");
+  }
+}
+
 // "removed 3 effects: 12,345 bytes (12.1 KiB) stored"
 // "left 7 effects: 1,234 bytes (1.2 KiB) stored"
 void PrintResult(const EffectCacheMaintenance::Result& result, const UserPath& folder, bool dryRun,
                  Console& console) {
+  RefuseDamaged(result.damaged, folder);
   if (!result.ok) {
     throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved");
   }
@@ -86,6 +96,7 @@ int MaintenanceCommands::CompactFolder(const UserPath& folder, const std::string
     const CacheFile check(folder);
   }
   const auto result = EffectCacheMaintenance::Compact(WStr(folder.Absolute().c_str()));
+  RefuseDamaged(result.damaged, folder);
   if (!result.ok) {
     throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or compacted");
   }
@@ -112,6 +123,7 @@ int MaintenanceCommands::Merge(const CommandLine& line, Console& console) {
     folders.emplace_back(sources.back().Absolute().c_str());
   }
   const auto result = EffectCacheMaintenance::Merge(WStr(destination.Absolute().c_str()), folders);
+  RefuseDamaged(result.damaged, destination);
   if (!result.ok) {
     throw ToolError(ExitStatus::kFailed, destination.Typed() + ": the effect cache could not be opened or saved");
   }
@@ -126,7 +138,7 @@ int MaintenanceCommands::Merge(const CommandLine& line, Console& console) {
                   << " whose bytes in their source could not be read back\n";
   }
   for (std::size_t i : result.unreadableSources) {
-    console.Err() << "tovrel: " << sources[i].Typed() << ": no effect cache a host would load; skipped\n";
+    console.Err() << "tovrel: " << sources[i].Typed() << ": no effect cache a host would load, or a damaged one; skipped\n";
   }
   return result.unreadableSources.empty() ? ExitStatus::kOk : ExitStatus::kFailed;
 }

@@ -95,7 +95,7 @@ TEST_F(MaintenanceCommandsTest, MergeCopiesTheEffectsOfOtherFoldersAndNamesTheUn
                                          {ToolTesting::Utf8(other), ToolTesting::Utf8(dir_.Path() / "none")});
   EXPECT_EQ(result.status, ExitStatus::kFailed);  // one source could not be read
   EXPECT_EQ(result.out.rfind("copied 8 effects: ", 0), 0u) << result.out;  // all newer than the destination's
-  EXPECT_TRUE(ToolTesting::Contains(result.err, "none: no effect cache a host would load; skipped")) << result.err;
+  EXPECT_TRUE(ToolTesting::Contains(result.err, "none: no effect cache a host would load, or a damaged one; skipped")) << result.err;
   EXPECT_EQ(Names().size(), 8u);
   EXPECT_EQ(EffectTesting::ReadIndex(CacheFile()).at("fx/0").uncompressedSize, 5000u);
   const fs::path fresh = dir_.Path() / "fresh";
@@ -142,6 +142,35 @@ TEST_F(MaintenanceCommandsTest, UsageErrorsAndMissingCachesAreRefused) {
   EXPECT_EQ(missing.status, ExitStatus::kUnreadable);
   EXPECT_FALSE(fs::exists(dir_.Path() / "nothing-here"));
   EXPECT_EQ(Names().size(), 6u);
+}
+
+}  // namespace
+}  // namespace Tool
+}  // namespace Tovrel
+
+namespace Tovrel {
+namespace Tool {
+namespace {
+
+TEST(MaintenanceCommandsDamageTest, EveryCommandRefusesADamagedFileWithExitStatus2AndChangesNothing) {
+  Testing::TempDir dir;
+  const fs::path folder = dir.Path() / "cache";
+  ToolTesting::MakeCache(folder, 6, 3000);
+  const std::wstring file = WideText::FromUtf8(ToolTesting::Utf8(folder / "norvaneFxoCache.dat"));
+  EffectTesting::PatchRecord(file, "fx/2", [](EffectRecord& r) { r.streamId += 100000; });
+  const std::vector<std::uint8_t> before = Testing::TempDir::ReadAll(file);
+  const std::vector<std::pair<std::string, std::vector<std::string>>> commands = {
+      {"compact", {}}, {"trim", {"--max-size", "1"}}, {"clear", {}}, {"remove", {"fx/1"}}, {"stats", {"--zero"}}};
+  for (const auto& command : commands) {
+    const auto result = ToolTesting::RunOn("effects", command.first, folder, command.second);
+    EXPECT_EQ(result.status, ExitStatus::kUnreadable) << command.first << ": " << result.err;
+    EXPECT_TRUE(ToolTesting::Contains(result.err, "the cache file is damaged, so nothing was changed"))
+        << command.first << ": " << result.err;
+    EXPECT_EQ(Testing::TempDir::ReadAll(file), before) << command.first;
+  }
+  const auto verify = ToolTesting::RunOn("effects", "verify", folder, {});
+  EXPECT_EQ(verify.status, ExitStatus::kFailed);
+  EXPECT_TRUE(ToolTesting::Contains(verify.out, "belongs to no effect")) << verify.out;
 }
 
 }  // namespace
