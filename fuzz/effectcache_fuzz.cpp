@@ -20,15 +20,14 @@
 #include <string>
 #include <vector>
 
+#include "FuzzCacheObjects.h"
 #include "FuzzFiles.h"
 #include "effectcache/EffectCacheImpl.h"
-#include "host/MutexObject.h"
 #include "package/PackageVerifier.h"
 #include "platform/FileSystem.h"
 #include "platform/MemoryFileSystem.h"
 #include "platform/PlatformFile.h"
 #include "tovrel/FilePackage.h"
-#include "tovrel/MultiProcessTimeStamp.h"
 #include "tovrel/tovrel.h"
 
 namespace {
@@ -72,25 +71,6 @@ __attribute__((no_sanitize("coverage"))) std::vector<std::wstring> NamesFrom(con
   return names;
 }
 
-// The cache's named mutex and shared time stamp, held open for the whole
-// run under the names every cache object of this folder uses: each input's
-// cache object then joins system objects that exist instead of creating
-// and removing them. This thread also owns both mutexes (the file's and
-// the time stamp's) for the whole run, as a host thread that nests its
-// calls would: the cache's waits re-enter them without a system call, so
-// that the run spends its time on the file, which is what it explores.
-void KeepSharedObjects(const std::wstring& file) {
-  static NorvaneSDK::Util::MutexObject mutex(Tovrel::CacheFileNames::FileMutexName(file).c_str());
-  static const std::wstring stampName = Tovrel::CacheFileNames::TimeStampName(file);
-  static Tovrel::MultiProcessTimeStamp stamp;
-  static NorvaneSDK::Util::MutexObject stampMutex((stampName + L"_mutex").c_str());
-  static const bool owned =
-      stamp.Initialize(stampName.c_str()) &&
-      mutex.Acquire(NorvaneSDK::Util::MutexObject::kInfinite) == NorvaneSDK::Util::MutexObject::kWaitObject0 &&
-      stampMutex.Acquire(NorvaneSDK::Util::MutexObject::kInfinite) == NorvaneSDK::Util::MutexObject::kWaitObject0;
-  if (!owned) std::abort();
-}
-
 // A cache refuses a file whose package does not open and starts a new
 // file in its place; what it does after that no longer depends on the
 // input (a new cache is searched and saved exactly alike whatever the
@@ -131,7 +111,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::wstring folder = Folder();
   const std::wstring file = folder + Tovrel::PlatformFile::Separator() + L"norvaneFxoCache.dat";
   const std::wstring journal = file + L"-journal";
-  KeepSharedObjects(file);
+  static const TovrelFuzz::FuzzCacheObjects kept(file);
   Files().Remove(journal.c_str());
   Files().WriteAll(file, std::vector<std::uint8_t>(data, data + size));
   const bool sound = Sound(file);
