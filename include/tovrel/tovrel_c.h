@@ -135,7 +135,7 @@ typedef struct tovrel_effect_info {
   uint64_t size;        /* bytes */
   uint64_t stored_size; /* compressed bytes in the file */
   int permanent;
-  int64_t last_used;    /* local time, seconds since 1970-01-01 as the clock on the wall reads */
+  int64_t last_used;    /* seconds since 1970-01-01 00:00:00 UTC */
 } tovrel_effect_info;
 /* Return 0 to go on, anything else to stop (tovrel_effect_cache_list then
  * returns TOVREL_OK). Called on the caller's thread, with the folder's

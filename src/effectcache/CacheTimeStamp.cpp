@@ -72,7 +72,7 @@ CacheTimeStamp CacheTimeStamp::Decode(const std::uint8_t* bytes) {
 }
 
 CacheTimeStamp CacheTimeStamp::Now() {
-  const LocalClock::Time t = LocalClock::Now();
+  const LocalClock::Time t = LocalClock::UtcNow();
   return CacheTimeStamp{t.year, t.month, t.day, t.hour, t.minute, t.second, t.milliseconds};
 }
 

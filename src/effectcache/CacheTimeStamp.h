@@ -1,7 +1,10 @@
-// CacheTimeStamp: the local time at which an effect was written or last
+// CacheTimeStamp: the time, in UTC, at which an effect was written or last
 // found, as kept in its index record (16 bytes, little-endian: year,
 // month, day, hour, minute, second as 16-bit values, then milliseconds as
-// a 32-bit value). Stamps order field by field in that order.
+// a 32-bit value). Stamps order field by field in that order. UTC, so that
+// a stamp means the same to every reader whatever its time zone (caches
+// move between machines, and daylight saving turns local time back once a
+// year); stamps that earlier versions wrote in local time are read as UTC.
 // Plain value.
 #ifndef TOVREL_EFFECTCACHE_CACHETIMESTAMP_H
 #define TOVREL_EFFECTCACHE_CACHETIMESTAMP_H
@@ -25,12 +28,11 @@ struct CacheTimeStamp {
   bool operator<(const CacheTimeStamp& other) const { return Fields() < other.Fields(); }
   bool operator==(const CacheTimeStamp& other) const { return Fields() == other.Fields(); }
 
-  // Whole seconds since 1970-01-01 00:00:00 on the same clock (local
-  // time: a daylight-saving change shifts it by an hour), for ages.
+  // Whole seconds since 1970-01-01 00:00:00 UTC, for ages.
   std::int64_t Seconds() const;
   // The stamp `seconds` after 1970-01-01 00:00:00 (milliseconds 0).
   static CacheTimeStamp FromSeconds(std::int64_t seconds);
-  // The local time now, to the millisecond.
+  // The time now, in UTC, to the millisecond.
   static CacheTimeStamp Now();
 
   void Encode(std::uint8_t* bytes) const;

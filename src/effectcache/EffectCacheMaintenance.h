@@ -52,7 +52,7 @@ class EffectCacheMaintenance {
   // Removes every effect, or every non-permanent one.
   static Result Clear(const WStr& folder, bool keepPermanent, bool dryRun);
   // Removes non-permanent effects by the rule, `now` being the current
-  // local time in CacheTimeStamp seconds.
+  // time in CacheTimeStamp seconds (UTC).
   static Result Trim(const WStr& folder, const TrimRule& rule, std::int64_t now, bool dryRun);
   // What a merge did.
   struct MergeResult {

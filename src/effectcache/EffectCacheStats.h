@@ -3,7 +3,7 @@
 //
 // Block tag 20261124, payload 56 bytes, little-endian: version (4, = 1),
 // reserved (4, written as 0), searches that hit (8), searches that missed
-// (8), effects cached (8), effects trimmed (8), and the local time the
+// (8), effects cached (8), effects trimmed (8), and the time (UTC) the
 // counts were last zeroed (16, a CacheTimeStamp). A cache counts in memory
 // and adds its counts to the block at each save, under the file's mutex;
 // readers that know only the header block pass over it.

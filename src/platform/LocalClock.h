@@ -1,7 +1,9 @@
-// LocalClock: the wall clock in local time and a millisecond tick counter.
+// LocalClock: the wall clock, in local time and in UTC, and a millisecond
+// tick counter.
 //
 // Now() gives the local date and time down to milliseconds (GetLocalTime
-// on Windows; CLOCK_REALTIME and localtime_r elsewhere). TickCount() gives
+// on Windows; CLOCK_REALTIME and localtime_r elsewhere), UtcNow() the same
+// in UTC (GetSystemTime; CLOCK_REALTIME and gmtime_r). TickCount() gives
 // milliseconds since an arbitrary start, wrapping at 2^32 (GetTickCount;
 // CLOCK_MONOTONIC elsewhere). Stateless; safe from any thread.
 #ifndef TOVREL_PLATFORM_LOCALCLOCK_H
@@ -24,6 +26,7 @@ class LocalClock {
   };
 
   static Time Now();
+  static Time UtcNow();
   static std::uint32_t TickCount();
 };
 

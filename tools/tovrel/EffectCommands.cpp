@@ -84,13 +84,13 @@ std::vector<const CacheFile::Entry*> Listed(const CacheFile& cache, const Comman
 }
 
 void PrintListText(const std::vector<const CacheFile::Entry*>& entries, std::ostream& out) {
-  out << TextFormat::Right("SIZE", 9) << TextFormat::Right("STORED", 9) << "  P  " << TextFormat::Left("LAST USED", 25)
+  out << TextFormat::Right("SIZE", 9) << TextFormat::Right("STORED", 9) << "  P  " << TextFormat::Left("LAST USED", 32)
       << "NAME\n";
   for (const CacheFile::Entry* item : entries) {
     const CacheFile::Entry& entry = *item;
     out << TextFormat::Right(std::to_string(entry.record.uncompressedSize), 9)
         << TextFormat::Right(std::to_string(entry.record.compressedSize), 9) << "  "
-        << (entry.record.permanent != 0 ? "p" : "-") << "  " << TextFormat::Left(TextFormat::Time(entry.record.lastUsed), 25)
+        << (entry.record.permanent != 0 ? "p" : "-") << "  " << TextFormat::Left(TextFormat::Time(entry.record.lastUsed), 32)
         << entry.name << "\n";
   }
 }

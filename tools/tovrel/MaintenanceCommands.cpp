@@ -11,7 +11,6 @@
 #include "effectcache/CacheTimeStamp.h"
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectCacheMaintenance.h"
-#include "platform/LocalClock.h"
 
 namespace Tovrel {
 namespace Tool {
@@ -172,8 +171,7 @@ int MaintenanceCommands::Trim(const CommandLine& line, Console& console) {
   }
   const UserPath folder = CheckedFolder(line);
   const bool dryRun = line.Has("--dry-run");
-  const LocalClock::Time t = LocalClock::Now();
-  const std::int64_t now = CacheTimeStamp{t.year, t.month, t.day, t.hour, t.minute, t.second, 0}.Seconds();
+  const std::int64_t now = CacheTimeStamp::Now().Seconds();
   const auto result = EffectCacheMaintenance::Trim(WStr(folder.Absolute().c_str()), rule, now, dryRun);
   PrintResult(result, folder, dryRun, console);
   if (rule.bySize && result.keptBytes >= rule.maxStoredBytes) {

@@ -61,53 +61,49 @@ std::string TextFormat::Seconds(double seconds) {
   return text;
 }
 
-std::string TextFormat::Time(const CacheTimeStamp& stamp) {
-  char text[48];
-  std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u.%03u", static_cast<unsigned>(stamp.year),
-                static_cast<unsigned>(stamp.month), static_cast<unsigned>(stamp.day),
-                static_cast<unsigned>(stamp.hour), static_cast<unsigned>(stamp.minute),
-                static_cast<unsigned>(stamp.second), static_cast<unsigned>(stamp.milliseconds));
-  return text;
-}
-
 namespace {
 
-// The offset from UTC, in minutes, of the local time the stamp names (as
-// the system's time zone rules give it then); 0 when the system cannot
-// place it.
-long UtcOffsetMinutes(const CacheTimeStamp& stamp) {
-  std::tm local{};
-  local.tm_year = stamp.year - 1900;
-  local.tm_mon = stamp.month - 1;
-  local.tm_mday = stamp.day;
-  local.tm_hour = stamp.hour;
-  local.tm_min = stamp.minute;
-  local.tm_sec = stamp.second;
-  local.tm_isdst = -1;
-  const std::time_t when = std::mktime(&local);
-  if (when == static_cast<std::time_t>(-1)) return 0;
-  const std::tm* utc = std::gmtime(&when);
-  if (utc == nullptr) return 0;
-  const CacheTimeStamp asUtc{static_cast<std::uint16_t>(utc->tm_year + 1900), static_cast<std::uint16_t>(utc->tm_mon + 1),
-                             static_cast<std::uint16_t>(utc->tm_mday), static_cast<std::uint16_t>(utc->tm_hour),
-                             static_cast<std::uint16_t>(utc->tm_min), static_cast<std::uint16_t>(utc->tm_sec), 0};
-  const CacheTimeStamp asLocal{stamp.year, stamp.month, stamp.day, stamp.hour, stamp.minute, stamp.second, 0};
-  return static_cast<long>((asLocal.Seconds() - asUtc.Seconds()) / 60);
+// A stamp (UTC) as the local time of this system's time zone then, with
+// that time's offset from UTC in minutes; the stamp itself, offset 0, when
+// the system cannot place it.
+struct LocalTime {
+  CacheTimeStamp fields;
+  long offsetMinutes;
+};
+
+LocalTime ToLocal(const CacheTimeStamp& utc) {
+  const std::time_t when = static_cast<std::time_t>(utc.Seconds());
+  const std::tm* local = std::localtime(&when);
+  if (local == nullptr) return LocalTime{utc, 0};
+  const CacheTimeStamp fields{static_cast<std::uint16_t>(local->tm_year + 1900),
+                              static_cast<std::uint16_t>(local->tm_mon + 1),
+                              static_cast<std::uint16_t>(local->tm_mday),
+                              static_cast<std::uint16_t>(local->tm_hour),
+                              static_cast<std::uint16_t>(local->tm_min),
+                              static_cast<std::uint16_t>(local->tm_sec),
+                              utc.milliseconds};
+  return LocalTime{fields, static_cast<long>((fields.Seconds() - utc.Seconds()) / 60)};
+}
+
+// "2024-05-01" + separator + "11:03:07.045" + space + "+02:00"
+std::string Format(const CacheTimeStamp& utc, char separator, const char* beforeOffset) {
+  const LocalTime local = ToLocal(utc);
+  const CacheTimeStamp& t = local.fields;
+  const long minutes = local.offsetMinutes < 0 ? -local.offsetMinutes : local.offsetMinutes;
+  char text[64];
+  std::snprintf(text, sizeof text, "%04u-%02u-%02u%c%02u:%02u:%02u.%03u%s%c%02ld:%02ld", static_cast<unsigned>(t.year),
+                static_cast<unsigned>(t.month), static_cast<unsigned>(t.day), separator,
+                static_cast<unsigned>(t.hour), static_cast<unsigned>(t.minute), static_cast<unsigned>(t.second),
+                static_cast<unsigned>(t.milliseconds), beforeOffset, local.offsetMinutes < 0 ? '-' : '+',
+                minutes / 60, minutes % 60);
+  return text;
 }
 
 }  // namespace
 
-std::string TextFormat::IsoTime(const CacheTimeStamp& stamp) {
-  const long offset = UtcOffsetMinutes(stamp);
-  const long minutes = offset < 0 ? -offset : offset;
-  char text[64];
-  std::snprintf(text, sizeof text, "%04u-%02u-%02uT%02u:%02u:%02u.%03u%c%02ld:%02ld", static_cast<unsigned>(stamp.year),
-                static_cast<unsigned>(stamp.month), static_cast<unsigned>(stamp.day),
-                static_cast<unsigned>(stamp.hour), static_cast<unsigned>(stamp.minute),
-                static_cast<unsigned>(stamp.second), static_cast<unsigned>(stamp.milliseconds), offset < 0 ? '-' : '+',
-                minutes / 60, minutes % 60);
-  return text;
-}
+std::string TextFormat::Time(const CacheTimeStamp& stamp) { return Format(stamp, ' ', " "); }
+
+std::string TextFormat::IsoTime(const CacheTimeStamp& stamp) { return Format(stamp, 'T', ""); }
 
 std::string TextFormat::Path(const std::wstring& path) { return WideText::ToUtf8(path); }
 

@@ -29,9 +29,10 @@ class TextFormat {
   static std::string Percent(std::uint64_t part, std::uint64_t whole);
   // "7.41 s" (milliseconds below a second: "310 ms").
   static std::string Seconds(double seconds);
+  // A stamp (kept in UTC) in this system's local time then, with its
+  // offset from UTC: "2026-11-24 17:34:18.875 +01:00".
   static std::string Time(const CacheTimeStamp& stamp);
-  // The same local time in ISO 8601 with its offset from UTC, as JSON gives
-  // times: "2026-11-24T17:34:18.875+01:00".
+  // The same in ISO 8601, as JSON gives times: "2026-11-24T17:34:18.875+01:00".
   static std::string IsoTime(const CacheTimeStamp& stamp);
   static std::string Path(const std::wstring& path);
   // `text` padded with spaces on the left (numbers) or right to `width`.

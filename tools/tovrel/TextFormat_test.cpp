@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/ScopedTimeZone.h"
+
 namespace Tovrel {
 namespace Tool {
 namespace {
@@ -32,7 +34,26 @@ TEST(TextFormatTest, RatiosAndPercentsWithoutADivisorAreADash) {
 TEST(TextFormatTest, SecondsAndTimeStamps) {
   EXPECT_EQ(TextFormat::Seconds(0.31), "310 ms");
   EXPECT_EQ(TextFormat::Seconds(7.414), "7.41 s");
-  EXPECT_EQ(TextFormat::Time(CacheTimeStamp{2024, 5, 1, 9, 3, 7, 45}), "2024-05-01 09:03:07.045");
+}
+
+// Stamps are kept in UTC and shown in the reader's local time, with its
+// offset.
+TEST(TextFormatTest, TimeStampsAreShownInTheLocalTimeWithItsOffset) {
+  const CacheTimeStamp stamp{2024, 5, 1, 9, 3, 7, 45};
+  {
+    const Testing::ScopedTimeZone utc("UTC0");
+    EXPECT_EQ(TextFormat::Time(stamp), "2024-05-01 09:03:07.045 +00:00");
+    EXPECT_EQ(TextFormat::IsoTime(stamp), "2024-05-01T09:03:07.045+00:00");
+  }
+  {
+    const Testing::ScopedTimeZone east("CET-1CEST,M3.5.0,M10.5.0/3");
+    EXPECT_EQ(TextFormat::Time(stamp), "2024-05-01 11:03:07.045 +02:00");
+    EXPECT_EQ(TextFormat::IsoTime(CacheTimeStamp{2024, 12, 31, 23, 30, 0, 0}), "2025-01-01T00:30:00.000+01:00");
+  }
+  {
+    const Testing::ScopedTimeZone west("EST5EDT,M3.2.0,M11.1.0");
+    EXPECT_EQ(TextFormat::Time(stamp), "2024-05-01 05:03:07.045 -04:00");
+  }
 }
 
 TEST(TextFormatTest, PadsToAWidth) {

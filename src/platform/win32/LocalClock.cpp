@@ -4,18 +4,32 @@
 
 namespace Tovrel {
 
+namespace {
+
+LocalClock::Time FromSystemTime(const SYSTEMTIME& t) {
+  LocalClock::Time time{};
+  time.year = t.wYear;
+  time.month = t.wMonth;
+  time.day = t.wDay;
+  time.hour = t.wHour;
+  time.minute = t.wMinute;
+  time.second = t.wSecond;
+  time.milliseconds = t.wMilliseconds;
+  return time;
+}
+
+}  // namespace
+
 LocalClock::Time LocalClock::Now() {
   SYSTEMTIME local{};
   GetLocalTime(&local);
-  Time time{};
-  time.year = local.wYear;
-  time.month = local.wMonth;
-  time.day = local.wDay;
-  time.hour = local.wHour;
-  time.minute = local.wMinute;
-  time.second = local.wSecond;
-  time.milliseconds = local.wMilliseconds;
-  return time;
+  return FromSystemTime(local);
+}
+
+LocalClock::Time LocalClock::UtcNow() {
+  SYSTEMTIME utc{};
+  GetSystemTime(&utc);
+  return FromSystemTime(utc);
 }
 
 std::uint32_t LocalClock::TickCount() { return GetTickCount(); }
