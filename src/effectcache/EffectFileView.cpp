@@ -95,9 +95,10 @@ EffectFileView::OpenOutcome EffectFileView::OpenCacheFile() {
         return OpenOutcome::kUnavailable;
       }
     }
-    const OpenOutcome loaded = LoadView();
+    OpenOutcome loaded = LoadView();
+    if (loaded == OpenOutcome::kCannotWrite) loaded = OpenWithoutWriting();
     if (loaded != OpenOutcome::kOpened) cache_.DropPackage();
-    return loaded;
+    return loaded == OpenOutcome::kCannotWrite ? OpenOutcome::kUnavailable : loaded;
   } catch (const std::bad_alloc&) {
     cache_.DropPackage();
     return OpenOutcome::kUnavailable;
@@ -183,7 +184,17 @@ EffectFileView::OpenOutcome EffectFileView::LoadView() {
   cache_.fileEffects_.Swap(table);
   cache_.knownMark_ = ChangeMark::Read(package);
   cache_.staleView_ = false;
-  return TrimAfterLoad() ? OpenOutcome::kOpened : OpenOutcome::kUnavailable;
+  return TrimAfterLoad() ? OpenOutcome::kOpened : OpenOutcome::kCannotWrite;
+}
+
+EffectFileView::OpenOutcome EffectFileView::OpenWithoutWriting() {
+  // A cache whose file is whole serves it even when nothing can be
+  // written: searches find every stored effect, new effects wait in memory
+  // up to the size limit, and the trim is left to a later open that can
+  // write it.
+  cache_.DropPackage();
+  if (!OpenReadOnly()) return OpenOutcome::kUnavailable;
+  return LoadView();
 }
 
 bool EffectFileView::TrimAfterLoad() {

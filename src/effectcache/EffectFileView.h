@@ -34,8 +34,11 @@ class EffectFileView {
   EffectFileView& operator=(const EffectFileView&) = delete;
 
   // What a try to open the cache file found: the file is loaded, proven
-  // damaged or foreign (to be replaced), or could not be read as it is.
-  enum class OpenOutcome { kOpened, kCorrupt, kUnavailable };
+  // damaged or foreign (to be replaced), or could not be read as it is; or
+  // it loaded but the trim its size rule asked for could not be written
+  // (no space left, a folder that refuses the journal): the file stays as
+  // it was, and the cache opens it for reading only.
+  enum class OpenOutcome { kOpened, kCorrupt, kUnavailable, kCannotWrite };
 
   // Opens the file if it is not open and may be tried now; true when open.
   bool EnsureOpen();
@@ -58,6 +61,8 @@ class EffectFileView {
   bool TrimToLimit(std::uint64_t limit, std::uint64_t* removed);
   std::uint64_t GetSizeLimit() const;
   bool OpenReadOnlyIfNotWritable();
+  // After kCannotWrite: the file opened again for reading only, and loaded.
+  OpenOutcome OpenWithoutWriting();
   bool OpenReadOnly();
   // Reads a stored effect's compressed bytes through the package; kTrouble
   // when it failed and a file call failed on the way.
