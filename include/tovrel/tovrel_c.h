@@ -146,7 +146,8 @@ TOVREL_API tovrel_status tovrel_effect_cache_list(const char* folder, tovrel_eff
 
 /* The maintenance operations, on a folder (hosts using it at the same
  * time reload before their next search or save). dry_run reports and
- * writes nothing. */
+ * writes nothing. Each checks the file's tables first: a damaged file is
+ * refused with TOVREL_DAMAGED and left exactly as it is. */
 typedef struct tovrel_maintenance_result {
   uint64_t removed_effects, removed_bytes; /* stored bytes */
   uint64_t kept_effects, kept_bytes;
