@@ -15,9 +15,10 @@
  *
  * Handles. tovrel_*_open and tovrel_package_create make a handle; the
  * matching close ends it. A handle is checked on every call: a null
- * handle, or one already closed, gets TOVREL_INVALID_HANDLE (a closed
- * handle's address may be given to a handle made later, after which the
- * old value names the new object: do not keep closed handles).
+ * handle, one already closed, or one the library never made gets
+ * TOVREL_INVALID_HANDLE. A handle is never given out twice, so a closed
+ * one stays invalid for good. Handles are opaque values: never
+ * dereference one.
  *
  * Threads. An effect cache handle may be used from any number of threads
  * at once; searches run side by side. A package handle and the stream
