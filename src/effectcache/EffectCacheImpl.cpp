@@ -306,6 +306,11 @@ bool EffectCacheImpl::IsReadOnly() const {
   return readOnly_;
 }
 
+CacheWriteAccess::Why EffectCacheImpl::ReadOnlyWhy() const {
+  std::shared_lock<ReaderWriterLock> shared(lock_);
+  return readOnlyWhy_;
+}
+
 
 bool EffectCacheImpl::StoreCopies(std::vector<StoredCopy>& copies, std::uint64_t* stored, std::uint64_t* bytes) {
   std::lock_guard<ReaderWriterLock> guard(lock_);
@@ -462,6 +467,7 @@ void EffectCacheImpl::CheckInvariants() const {
   assert(compressionLevel_ >= 0 && compressionLevel_ <= 9);
   assert(fileLock_ != nullptr);
   assert(queueOpen_.load() == (package_ && !readOnly_));
+  assert(readOnly_ == (readOnlyWhy_ != CacheWriteAccess::Why::kWritable));
 #ifndef NDEBUG
   for (const auto& pending : pendingEffects_) {
     assert(pending.second.bytes.Count() >= 1 && static_cast<std::uint64_t>(pending.second.bytes.Count()) <= kEffectSizeLimit);

@@ -80,6 +80,7 @@
 
 #include "effectcache/CacheFileLock.h"
 #include "effectcache/CacheFileNames.h"
+#include "effectcache/CacheWriteAccess.h"
 #include "effectcache/ChangeMark.h"
 #include "effectcache/EffectBatchCompressor.h"
 #include "effectcache/EffectCacheHeader.h"
@@ -194,6 +195,8 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // True when the cache file is only read: it could only be opened for
   // reading, or it belongs to another user (see OwnerNote).
   bool IsReadOnly() const;
+  // Why the file is served read only (kWritable while it is not).
+  CacheWriteAccess::Why ReadOnlyWhy() const;
   // Gives the cache a remote store (see EffectRemoteStore), or none with
   // null. A store named by the environment variable
   // "TOVREL_EFFECT_CACHE_REMOTE" ("URL" or "URL|read-only") is set by the
@@ -311,8 +314,11 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   PagedFilePackageConfig config_;  // filePath points into cacheFilePath_
   std::wstring journalPath_;       // the package file's rollback journal
   // The file could be opened for reading only; then package_ writes
-  // nothing, and every change to the file is refused.
+  // nothing, and every change to the file is refused. Set once a file
+  // is served read only, for the rest of the object's life; readOnlyWhy_
+  // is kWritable exactly while readOnly_ is clear.
   bool readOnly_;
+  CacheWriteAccess::Why readOnlyWhy_ = CacheWriteAccess::Why::kWritable;
   // The second tier, or null. Requests to it are made without the file
   // mutex, so that other processes never wait on the network.
   // Shared, so that a search holds the store while it asks it without

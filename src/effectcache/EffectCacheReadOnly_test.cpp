@@ -1,6 +1,6 @@
 // A cache file that may be read but not written (deployed with the host,
-// on a read-only share) serves every search, is never written, and keeps
-// new effects in memory.
+// on a read-only share, or in a folder that refuses the journal) serves
+// every search, is never written, and keeps new effects in memory.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -16,9 +16,11 @@
 #include <sys/mount.h>
 #endif
 
+#include "effectcache/CacheWriteAccess.h"
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectCacheMaintenance.h"
 #include "platform/FileFaults.h"
+#include "platform/PlatformFile.h"
 #include "support/ChildLauncher.h"
 #include "support/ChildProcess.h"
 #include "support/EffectTesting.h"
@@ -31,6 +33,7 @@ namespace Tovrel {
 namespace {
 
 using Testing::EffectTesting;
+using Why = CacheWriteAccess::Why;
 
 constexpr int kEffects = 30;
 
@@ -48,6 +51,12 @@ void Fill(const std::wstring& folder) {
     ASSERT_TRUE(cache.CacheCompiledEffect(WStr(Name(i).c_str()), bytes.data(), bytes.size(), i == 3));
   }
   cache.ForceSaveToFile();
+}
+
+void ExpectFound(EffectCacheImpl& cache, const std::wstring& name, const std::vector<unsigned char>& bytes) {
+  Tab<unsigned char> data;
+  ASSERT_TRUE(cache.SearchCachedEffects(WStr(name.c_str()), data));
+  EXPECT_EQ(EffectTesting::ToVector(data), bytes);
 }
 
 void ExpectEveryEffect(EffectCacheImpl& cache) {
@@ -190,13 +199,13 @@ void ExpectAFileWithoutWritePermissionServedReadOnly(const std::filesystem::path
 // checks above in folder argv[0], which the account owns. Exit status 0
 // when every check held; a failed check prints itself.
 TOVREL_CHILD_ROLE(read_only_file_as_user) {
-  if (argc != 3) return 2;
+  std::filesystem::path folder;
   std::string why;
-  if (!Testing::UnprivilegedUser::FromWords(argv[1], argv[2]).Become(&why)) {
+  if (!Testing::UnprivilegedUser::BecomeFromArguments(argc, argv, &folder, &why)) {
     std::cerr << why << "\n";
     return 3;
   }
-  ExpectAFileWithoutWritePermissionServedReadOnly(std::filesystem::u8path(argv[0]));
+  ExpectAFileWithoutWritePermissionServedReadOnly(folder);
   return ::testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0;
 }
 
@@ -219,15 +228,9 @@ TEST(EffectCacheReadOnlyFileTest, AFileWithoutWritePermissionServesEverySearch) 
     ExpectAFileWithoutWritePermissionServedReadOnly(folder);
     return;
   }
-  Testing::UnprivilegedUser user;
   std::string why;
-  ASSERT_TRUE(Testing::UnprivilegedUser::Find(&user, &why)) << why;
-  ASSERT_TRUE(user.Own(folder, &why)) << why;
-  std::vector<std::string> words{folder.u8string()};
-  for (const std::string& word : user.ToWords()) words.push_back(word);
-  auto child = Testing::ChildLauncher::Start("read_only_file_as_user", words);
-  ASSERT_NE(child, nullptr);
-  EXPECT_EQ(Testing::ChildLauncher::Finish(*child), 0) << "the checks as an unprivileged user failed (see above)";
+  EXPECT_EQ(Testing::UnprivilegedUser::RunChildAs("read_only_file_as_user", folder, &why), 0)
+      << "the checks as an unprivileged user failed (see above) " << why;
 }
 
 #ifndef _WIN32
@@ -293,6 +296,171 @@ TEST(EffectCacheReadOnlyFileTest, ACacheOnAReadOnlyMountServesEverySearch) {
   GTEST_SKIP() << "Windows has no read-only mount that a test can make";
 }
 #endif
+
+// A writable file in a folder that refuses new files (a deployed cache
+// folder): the journal beside the file cannot be created, so no save can
+// be made. The cache serves the file read only from the save that meets
+// it on (or from its open, when the open had to write), keeps new
+// effects in memory, and writes nothing.
+
+// Opens the folder's cache, caches two new effects and saves: the save
+// cannot create the journal, and the cache goes on read only.
+void ExpectServedWithoutJournal(const std::wstring& folder, bool background) {
+  EffectCacheImpl cache(WStr(folder.c_str()), 2);
+  ASSERT_TRUE(cache.IsEnabled());
+  cache.SetBackgroundSaving(background);
+  ExpectEveryEffect(cache);
+  const auto first = Bytes(40);
+  ASSERT_TRUE(cache.CacheCompiledEffect(WStr(L"new/first.fxo"), first.data(), first.size(), false));
+  cache.ForceSaveToFile();
+  EXPECT_TRUE(cache.IsEnabled());
+  EXPECT_TRUE(cache.IsReadOnly());
+  EXPECT_EQ(cache.ReadOnlyWhy(), Why::kNoJournal);
+  ExpectEveryEffect(cache);
+  ExpectFound(cache, L"new/first.fxo", first);
+  // Effects cached later stay in memory too, and later saves change nothing.
+  const auto second = Bytes(41);
+  ASSERT_TRUE(cache.CacheCompiledEffect(WStr(L"new/second.fxo"), second.data(), second.size(), true));
+  cache.ForceSaveToFile();
+  EXPECT_TRUE(cache.IsEnabled());
+  ExpectFound(cache, L"new/second.fxo", second);
+  ExpectFound(cache, L"new/first.fxo", first);
+  EXPECT_EQ(cache.GetNumberOfEffectsInMemory(), 2u);
+}
+
+class EffectCacheNoJournalTest : public ::testing::TestWithParam<bool> {
+ protected:
+  void SetUp() override {
+    Fill(kFolder);
+    before_ = files_.Memory().ReadAll(CacheFile());
+    ASSERT_FALSE(before_.empty());
+    files_.Memory().SetReadOnly(Journal());
+  }
+  void TearDown() override { FileFaults::Reset(); }
+  static std::wstring CacheFile() { return std::wstring(CacheFileNames::CacheFilePathFor(WStr(kFolder)).data()); }
+  static std::wstring Journal() { return CacheFile() + L"-journal"; }
+
+  static constexpr const wchar_t* kFolder = L"deployed";
+  Testing::InstalledFileSystem files_;
+  std::vector<std::uint8_t> before_;
+};
+
+TEST_P(EffectCacheNoJournalTest, TheFirstSaveTurnsTheCacheReadOnlyAndNothingIsLostOrWritten) {
+  ExpectServedWithoutJournal(kFolder, GetParam());
+  EXPECT_EQ(files_.Memory().ReadAll(CacheFile()), before_);
+  EXPECT_FALSE(files_.Memory().Exists(Journal().c_str()));
+  // The file is as the last save that could be made left it.
+  EffectCacheImpl again(WStr(kFolder), 2);
+  ExpectEveryEffect(again);
+  Tab<unsigned char> data;
+  EXPECT_FALSE(again.SearchCachedEffects(WStr(L"new/first.fxo"), data));
+}
+
+TEST_P(EffectCacheNoJournalTest, AnOpenThatMustTrimServesTheFileReadOnlyUntrimmed) {
+  {
+    // A size limit below the file's asks the open for a trim, which needs
+    // the journal.
+    EffectCacheImpl cache(WStr(kFolder), 2, 16384);
+    ASSERT_TRUE(cache.IsEnabled());
+    cache.SetBackgroundSaving(GetParam());
+    EXPECT_TRUE(cache.IsReadOnly());
+    EXPECT_EQ(cache.ReadOnlyWhy(), Why::kNoJournal);
+    ExpectEveryEffect(cache);
+  }
+  EXPECT_EQ(files_.Memory().ReadAll(CacheFile()), before_);
+}
+
+INSTANTIATE_TEST_SUITE_P(Saving, EffectCacheNoJournalTest, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return info.param ? "InTheBackground" : "InTheForeground";
+                         });
+
+TEST(CacheWriteAccessTest, TellsWhyAFileCannotBeWritten) {
+  Testing::InstalledFileSystem files;
+  Fill(L"one");
+  Fill(L"two");
+  const std::wstring one(CacheFileNames::CacheFilePathFor(WStr(L"one")).data());
+  const std::wstring two(CacheFileNames::CacheFilePathFor(WStr(L"two")).data());
+  EXPECT_EQ(CacheWriteAccess::Check(one), Why::kWritable);
+  EXPECT_EQ(CacheWriteAccess::Check(L"three/norvaneFxoCache.dat"), Why::kWritable);
+  EXPECT_FALSE(files.Memory().Exists((one + L"-journal").c_str()));
+  files.Memory().SetReadOnly(one + L"-journal");
+  EXPECT_EQ(CacheWriteAccess::Check(one), Why::kNoJournal);
+  EXPECT_FALSE(CacheWriteAccess::CanCreateJournal(one));
+  files.Memory().SetReadOnly(two);
+  EXPECT_EQ(CacheWriteAccess::Check(two), Why::kFileNotWritable);
+  EXPECT_STREQ(CacheWriteAccess::Describe(Why::kNoJournal), "read only: cannot create the journal");
+  EXPECT_STREQ(CacheWriteAccess::Describe(Why::kWritable), "read and write");
+}
+
+TEST(CacheWriteAccessTest, AJournalThatIsThereIsLeftAlone) {
+  Testing::InstalledFileSystem files;
+  const std::wstring journal = L"f/norvaneFxoCache.dat-journal";
+  FileHandle* made = PlatformFile::Open(journal.c_str(), "wb");
+  ASSERT_NE(made, nullptr);
+  ASSERT_EQ(PlatformFile::Write("abc", 3, 1, made), 1u);
+  PlatformFile::Close(made);
+  EXPECT_TRUE(CacheWriteAccess::CanCreateJournal(L"f/norvaneFxoCache.dat"));
+  EXPECT_EQ(files.Memory().ReadAll(journal), (std::vector<std::uint8_t>{'a', 'b', 'c'}));
+}
+
+TEST(CacheWriteAccessTest, AFailedProbeSaysNoJournal) {
+  Testing::InstalledFileSystem files;
+  Fill(L"f");
+  FileFaults::FailNth(FileCall::kOpen, 1, EMFILE);
+  EXPECT_FALSE(CacheWriteAccess::CanCreateJournal(L"f/norvaneFxoCache.dat"));
+  FileFaults::Reset();
+  EXPECT_TRUE(CacheWriteAccess::CanCreateJournal(L"f/norvaneFxoCache.dat"));
+}
+
+// The same through the system's own permissions, in argv[0]: the folder
+// is made 0555 with its file 0644, by a process that the folder's mode
+// stops. Exit status 0 when every check held.
+int CheckAReadOnlyFolder(const std::filesystem::path& folder) {
+  Fill(folder.wstring());
+  const std::filesystem::path file = folder / "norvaneFxoCache.dat";
+  const std::vector<std::uint8_t> before = Testing::TempDir::ReadAll(file.wstring());
+  namespace fs = std::filesystem;
+  fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read);
+  fs::permissions(folder, fs::perms::owner_read | fs::perms::owner_exec | fs::perms::group_read |
+                              fs::perms::group_exec | fs::perms::others_read | fs::perms::others_exec);
+  EXPECT_FALSE(std::ofstream(folder / "probe").is_open()) << "the folder's mode does not stop this process";
+  EXPECT_EQ(CacheWriteAccess::Check(file.wstring()), Why::kNoJournal);
+  ExpectServedWithoutJournal(folder.wstring(), false);
+  EXPECT_EQ(Testing::TempDir::ReadAll(file.wstring()), before);
+  EXPECT_FALSE(fs::exists(folder / "norvaneFxoCache.dat-journal"));
+  fs::permissions(folder, fs::perms::owner_write, fs::perm_options::add);
+  return ::testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0;
+}
+
+TOVREL_CHILD_ROLE(read_only_folder_as_user) {
+  std::filesystem::path folder;
+  std::string why;
+  if (!Testing::UnprivilegedUser::BecomeFromArguments(argc, argv, &folder, &why)) {
+    std::cerr << why << "\n";
+    return 3;
+  }
+  return CheckAReadOnlyFolder(folder);
+}
+
+TEST(EffectCacheReadOnlyFileTest, AFolderThatRefusesNewFilesServesEverySearch) {
+#ifdef _WIN32
+  GTEST_SKIP() << "a Windows folder's read-only attribute does not stop new files in it";
+#else
+  Testing::TempDir dir;
+  const std::filesystem::path folder = dir.Path() / "deployed";
+  std::filesystem::create_directories(folder);
+  if (!Testing::UnprivilegedUser::ThisProcessIsPrivileged()) {
+    EXPECT_EQ(CheckAReadOnlyFolder(folder), 0);
+    return;
+  }
+  // Root is not stopped by a folder's mode: a child that takes on an
+  // unprivileged account, which owns the folder, runs the checks.
+  std::string why;
+  EXPECT_EQ(Testing::UnprivilegedUser::RunChildAs("read_only_folder_as_user", folder, &why), 0)
+      << "the checks as an unprivileged user failed (see above) " << why;
+#endif
+}
 
 }  // namespace
 }  // namespace Tovrel

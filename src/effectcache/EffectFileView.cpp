@@ -83,7 +83,7 @@ EffectFileView::OpenOutcome EffectFileView::OpenCacheFile() {
       // Named objects belong to their user: another user's hosts lock and
       // stamp the file through objects this process cannot meet, so it
       // reads their file and never writes it.
-      if (!OpenReadOnly()) return OpenOutcome::kUnavailable;
+      if (!OpenReadOnly(CacheWriteAccess::Why::kOtherOwner)) return OpenOutcome::kUnavailable;
     } else {
       PagedFilePackage::LoadFailure why = PagedFilePackage::LoadFailure::kNone;
       RefPtr<PagedFilePackage> opened = PagedFilePackage::Open(cache_.config_, &why);
@@ -119,14 +119,15 @@ bool EffectFileView::OpenReadOnlyIfNotWritable() {
   probe = PlatformFile::Open(cache_.config_.filePath, "rb");
   if (probe == nullptr) return false;
   PlatformFile::Close(probe);
-  return OpenReadOnly();
+  return OpenReadOnly(CacheWriteAccess::Why::kFileNotWritable);
 }
 
-bool EffectFileView::OpenReadOnly() {
+bool EffectFileView::OpenReadOnly(CacheWriteAccess::Why why) {
   RefPtr<PagedFilePackage> package(new PagedFilePackage(cache_.config_));
   if (!package->LoadReadOnly()) return false;
   cache_.package_ = RefPtr<IDataStreamSet>(package.Get());
   cache_.readOnly_ = true;
+  cache_.readOnlyWhy_ = why;
   return true;
 }
 
@@ -193,8 +194,23 @@ EffectFileView::OpenOutcome EffectFileView::OpenWithoutWriting() {
   // up to the size limit, and the trim is left to a later open that can
   // write it.
   cache_.DropPackage();
-  if (!OpenReadOnly()) return OpenOutcome::kUnavailable;
+  const bool journal = CacheWriteAccess::CanCreateJournal(cache_.cacheFilePath_.data());
+  if (!OpenReadOnly(journal ? CacheWriteAccess::Why::kWriteFailed : CacheWriteAccess::Why::kNoJournal))
+    return OpenOutcome::kUnavailable;
   return LoadView();
+}
+
+bool EffectFileView::ServeWithoutJournal() {
+  // The save that failed wrote nothing to the file (the journal comes
+  // before any page is overwritten); the view is read again from the file
+  // as it is, and the effects that save took stay pending in memory.
+  try {
+    if (OpenWithoutWriting() != OpenOutcome::kOpened) cache_.DropPackage();
+  } catch (const std::exception&) {
+    cache_.DropPackage();  // no memory, or a file that no longer reads: unusable, as any failed save leaves it
+  }
+  cache_.NoteQueueOpen();
+  return static_cast<bool>(cache_.package_);
 }
 
 bool EffectFileView::TrimAfterLoad() {

@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "effectcache/CacheWriteAccess.h"
 #include "effectcache/EffectPayload.h"
 #include "effectcache/EffectRecord.h"
 #include "host/Tab.h"
@@ -63,7 +64,11 @@ class EffectFileView {
   bool OpenReadOnlyIfNotWritable();
   // After kCannotWrite: the file opened again for reading only, and loaded.
   OpenOutcome OpenWithoutWriting();
-  bool OpenReadOnly();
+  bool OpenReadOnly(CacheWriteAccess::Why why);
+  // After a save that could not create the journal: the file opened again
+  // for reading only and loaded, the pending effects kept in memory. True
+  // when the cache serves the file so; false leaves it unusable.
+  bool ServeWithoutJournal();
   // Reads a stored effect's compressed bytes through the package; kTrouble
   // when it failed and a file call failed on the way.
   EffectPayload::Result ReadStoredBytes(const EffectRecord& record, std::vector<std::uint8_t>& compressed);

@@ -6,6 +6,7 @@
 
 #include "effectcache/CacheFileNames.h"
 #include "effectcache/CacheTimeStamp.h"
+#include "effectcache/CacheWriteAccess.h"
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectCacheStats.h"
 #include "effectcache/EffectIndex.h"
@@ -90,10 +91,9 @@ bool EffectSaver::WritePendingEffects() {
     throw;
   }
   cache_.fileEffects_.Apply(std::move(changes));
-  if (written) {
-    CollectRemotePushes(compressed);
-    cache_.DiscardPending();
-  }
+  // The pending effects stay until the directory is saved too (the
+  // caller drops them then): a save refused at its end keeps them.
+  if (written) CollectRemotePushes(compressed);
   return written;
 }
 
@@ -287,9 +287,13 @@ bool EffectSaver::SaveToFileUnderMutex() {
   try {
     DropDamagedEntries();
     if (!WritePendingEffects() || !SaveDirectory()) throw FileIOException();
+    cache_.DiscardPending();
     return true;
   } catch (const std::exception&) {
     cache_.AbandonWrite();
+    // A folder that refuses the journal (deployed read only) refuses every
+    // save: the cache goes on serving the file as it is, read only.
+    if (!CacheWriteAccess::CanCreateJournal(cache_.cacheFilePath_.data())) cache_.view_.ServeWithoutJournal();
     return false;
   }
 }

@@ -12,6 +12,8 @@
 #include <unistd.h>
 #endif
 
+#include "support/ChildLauncher.h"
+
 namespace Tovrel {
 namespace Testing {
 
@@ -121,6 +123,28 @@ bool UnprivilegedUser::Become(std::string* why) const {
 
 std::vector<std::string> UnprivilegedUser::ToWords() const {
   return {std::to_string(userId), std::to_string(groupId)};
+}
+
+int UnprivilegedUser::RunChildAs(const std::string& role, const std::filesystem::path& folder, std::string* why) {
+  UnprivilegedUser user;
+  if (!Find(&user, why) || !user.Own(folder, why)) return -2;
+  std::vector<std::string> words{folder.u8string()};
+  for (const std::string& word : user.ToWords()) words.push_back(word);
+  auto child = ChildLauncher::Start(role, words);
+  if (child == nullptr) {
+    *why = "the child " + role + " could not be started";
+    return -2;
+  }
+  return ChildLauncher::Finish(*child);
+}
+
+bool UnprivilegedUser::BecomeFromArguments(int argc, char** argv, std::filesystem::path* folder, std::string* why) {
+  if (argc != 3) {
+    *why = "a child run as another account takes a folder, a user id and a group id";
+    return false;
+  }
+  *folder = std::filesystem::u8path(argv[0]);
+  return FromWords(argv[1], argv[2]).Become(why);
 }
 
 UnprivilegedUser UnprivilegedUser::FromWords(const char* userId, const char* groupId) {

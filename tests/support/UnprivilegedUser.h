@@ -39,6 +39,15 @@ class UnprivilegedUser {
   std::vector<std::string> ToWords() const;
   static UnprivilegedUser FromWords(const char* userId, const char* groupId);
 
+  // Gives `folder` to the account and runs this test program's child
+  // `role` (see ChildLauncher) with the folder's path and the account's
+  // words; the role starts with BecomeFromArguments. The child's exit
+  // status, or -2 with *why when there is no account or no child.
+  static int RunChildAs(const std::string& role, const std::filesystem::path& folder, std::string* why);
+  // In such a child: takes on the account its arguments name and gives
+  // the folder's path; false, with *why, when it cannot.
+  static bool BecomeFromArguments(int argc, char** argv, std::filesystem::path* folder, std::string* why);
+
   std::uint32_t userId = 0;
   std::uint32_t groupId = 0;
 };

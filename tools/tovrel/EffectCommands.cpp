@@ -16,6 +16,7 @@
 #include "TextFormat.h"
 #include "ToolError.h"
 #include "VerifyReport.h"
+#include "effectcache/CacheWriteAccess.h"
 #include "effectcache/EffectCacheVerifier.h"
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectCacheMaintenance.h"
@@ -118,12 +119,18 @@ bool ReadCounts(const CacheFile& cache, EffectCacheStats& stats) {
   return inBlock || beside;
 }
 
+// How a host would use the file: "read and write", or "read only: " and why.
+const char* Access(const CacheFile& cache) {
+  return CacheWriteAccess::Describe(CacheWriteAccess::Check(cache.File().Absolute()));
+}
+
 void PrintStatsText(const CacheFile& cache, const Totals& t, std::ostream& out) {
   out << "cache file   " << cache.File().AbsoluteText() << ", " << TextFormat::Bytes(cache.FileSize()) << "\n"
       << "effects      " << TextFormat::Count(t.effects) << " (" << TextFormat::Count(t.permanent) << " permanent)\n"
       << "stored       " << TextFormat::Bytes(t.compressed) << " compressed\n"
       << "effects      " << TextFormat::Bytes(t.uncompressed) << " uncompressed\n"
-      << "compression  " << TextFormat::Ratio(t.uncompressed, t.compressed) << "\n";
+      << "compression  " << TextFormat::Ratio(t.uncompressed, t.compressed) << "\n"
+      << "access       " << Access(cache) << "\n";
   if (t.oldest != nullptr) {
     out << "oldest used  " << TextFormat::Time(t.oldest->record.lastUsed) << "  " << t.oldest->name << "\n"
         << "newest used  " << TextFormat::Time(t.newest->record.lastUsed) << "  " << t.newest->name << "\n";
@@ -168,6 +175,7 @@ void PrintStatsJson(const CacheFile& cache, const Totals& t, std::ostream& out) 
   } else {
     json.Number(RatioOf(t.uncompressed, t.compressed));
   }
+  json.Field("access", Access(cache));
   LastUse(json, "oldestUsed", t.oldest);
   LastUse(json, "newestUsed", t.newest);
   EffectCacheStats stats;
@@ -240,7 +248,8 @@ std::shared_ptr<CommandGroup> EffectCommands::Group() {
                              "The number of effects, the bytes stored and the bytes of the effects, the\n"
                              "compression ratio, the oldest and newest last use, and the searches that hit\n"
                              "and missed, effects cached and trimmed since the counts were last zeroed\n"
-                             "(hosts add their counts when they save, or when they end without saving).\n"
+                             "(hosts add their counts when they save, or when they end without saving),\n"
+                             "and whether a host could write the file (\"read only: \" and why if not).\n"
                              "--zero zeroes the counts first.\n"
                              "--json: one object.\n",
                              {"--json", "--zero"}, {}, 1, 1, &EffectCommands::Stats, nullptr});

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <regex>
 #include <fstream>
+#include <iostream>
 #include <sstream>
 #include <thread>
 
@@ -19,9 +20,11 @@
 #include "platform/MutexWaits.h"
 #include "platform/WideText.h"
 #include "support/ChildLauncher.h"
+#include "support/ChildProcess.h"
 #include "support/EffectTesting.h"
 #include "support/PackagePatch.h"
 #include "support/TempDir.h"
+#include "support/UnprivilegedUser.h"
 #include "tool/ToolTesting.h"
 #include "tovrel/EffectCacheSystem.h"
 
@@ -261,7 +264,9 @@ TEST_F(EffectCommandsTest, StatsCountsBytesRatioAndUse) {
   EXPECT_TRUE(ToolTesting::Contains(result.out, "compression  ")) << result.out;
   EXPECT_TRUE(ToolTesting::Contains(result.out, "oldest used  ")) << result.out;
   EXPECT_TRUE(ToolTesting::Contains(result.out, "newest used  ")) << result.out;
+  EXPECT_TRUE(ToolTesting::Contains(result.out, "access       read and write\n")) << result.out;
   const nlohmann::json json = nlohmann::json::parse(Run("stats", {"--json"}).out);
+  EXPECT_EQ(json.at("access"), "read and write");
   EXPECT_EQ(json.at("effects"), 6);
   EXPECT_EQ(json.at("permanent"), 2);
   EXPECT_EQ(json.at("sizeBytes"), 18015);
@@ -270,6 +275,52 @@ TEST_F(EffectCommandsTest, StatsCountsBytesRatioAndUse) {
   EXPECT_NEAR(json.at("compressionRatio").get<double>(), 18015.0 / json.at("storedBytes").get<double>(), 1e-5);
   EXPECT_TRUE(json.at("oldestUsed").at("time").is_string());
   EXPECT_TRUE(json.at("newestUsed").at("name").is_string());
+}
+
+// In a folder that refuses new files (made 0555 by a process the mode
+// stops), stats says that a host serves the cache read only, and why.
+// Exit status 0 when every check held.
+int CheckStatsInAReadOnlyFolder(const fs::path& folder) {
+  ToolTesting::MakeCache(folder, 3, 2000);
+  const fs::perms readAndEnter = fs::perms::owner_read | fs::perms::owner_exec | fs::perms::group_read |
+                                 fs::perms::group_exec | fs::perms::others_read | fs::perms::others_exec;
+  fs::permissions(folder, readAndEnter);
+  EXPECT_FALSE(std::ofstream(folder / "probe").is_open()) << "the folder's mode does not stop this process";
+  const ToolTesting::Result text = ToolTesting::RunOn("effects", "stats", folder);
+  EXPECT_EQ(text.status, ExitStatus::kOk) << text.err;
+  EXPECT_TRUE(ToolTesting::Contains(text.out, "access       read only: cannot create the journal\n")) << text.out;
+  const nlohmann::json json = nlohmann::json::parse(ToolTesting::RunOn("effects", "stats", folder, {"--json"}).out);
+  EXPECT_EQ(json.at("access"), "read only: cannot create the journal");
+  EXPECT_EQ(json.at("effects"), 3);
+  fs::permissions(folder, fs::perms::owner_write, fs::perm_options::add);
+  return ::testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0;
+}
+
+TOVREL_CHILD_ROLE(stats_in_a_read_only_folder) {
+  fs::path folder;
+  std::string why;
+  if (!Testing::UnprivilegedUser::BecomeFromArguments(argc, argv, &folder, &why)) {
+    std::cerr << why << "\n";
+    return 3;
+  }
+  return CheckStatsInAReadOnlyFolder(folder);
+}
+
+TEST(EffectStatsAccessTest, AFolderThatRefusesTheJournalIsReportedReadOnly) {
+#ifdef _WIN32
+  GTEST_SKIP() << "a Windows folder's read-only attribute does not stop new files in it";
+#else
+  TempDir dir;
+  const fs::path folder = dir.Path() / "deployed";
+  fs::create_directories(folder);
+  if (!Testing::UnprivilegedUser::ThisProcessIsPrivileged()) {
+    EXPECT_EQ(CheckStatsInAReadOnlyFolder(folder), 0);
+    return;
+  }
+  std::string why;
+  EXPECT_EQ(Testing::UnprivilegedUser::RunChildAs("stats_in_a_read_only_folder", folder, &why), 0)
+      << "the checks as an unprivileged user failed (see above) " << why;
+#endif
 }
 
 TEST_F(EffectCommandsTest, VerifyCountsOneEffectInTheSingular) {
