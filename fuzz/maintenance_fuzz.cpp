@@ -1,10 +1,11 @@
 // Fuzz target: the input bytes are a cache file "norvaneFxoCache.dat" and,
 // in its last byte, the maintenance operation to run on its folder:
 // remove, clear, trim (by size and by age), compact, merge into it, merge
-// from it into a healthy cache, zero the statistics, or verify. Any crash,
+// from it into a healthy cache, zero the statistics, salvage, or verify. Any crash,
 // leak, sanitizer report or slow input is a finding; so is an operation
 // that succeeds on a file whose checks found problems (it must refuse),
-// and one that leaves problems where the checks found none before. Its
+// and one that leaves problems where the checks found none before, or a
+// salvage that succeeds and leaves any problem. Its
 // seeds are the effect cache target's (fuzz/corpus/effectcache). Files
 // live in an in-memory file system.
 #include <cstddef>
@@ -54,7 +55,7 @@ bool Sound(const std::wstring& folder) {
 // Runs the chosen operation; its ok, and whether it said the file was damaged.
 bool Run(std::uint8_t choice, const std::wstring& folder, const std::wstring& healthy, bool* damaged) {
   const WStr at(folder.c_str());
-  switch (choice % 8) {
+  switch (choice % 9) {
     case 0: {
       const auto result = EffectCacheMaintenance::Remove(at, {"fx/0", "fx/1", "b"}, false);
       *damaged = result.damaged;
@@ -93,6 +94,13 @@ bool Run(std::uint8_t choice, const std::wstring& folder, const std::wstring& he
       return false;
     }
     case 6: return EffectCacheMaintenance::ZeroStatistics(at, damaged);
+    case 7: {
+      // A salvage that succeeds leaves a file that passes every check.
+      const auto result = EffectCacheMaintenance::Salvage(at);
+      if (result.ok && !Sound(folder)) std::abort();
+      *damaged = false;
+      return false;
+    }
     default:
       EffectCacheVerifier::VerifyFolder(at);
       *damaged = false;

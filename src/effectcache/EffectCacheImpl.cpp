@@ -317,10 +317,14 @@ bool EffectCacheImpl::StoreCopies(std::vector<StoredCopy>& copies, std::uint64_t
   CheckInvariants();
   if (stored != nullptr) *stored = 0;
   if (bytes != nullptr) *bytes = 0;
-  std::uint64_t written = 0;
   if (!view_.EnsureOpen() || readOnly_) return false;
   CacheFileLock::Hold hold(*fileLock_);
   if (!hold.IsOwner() || !view_.MakeViewCurrent() || !package_) return false;
+  return WriteCopies(copies, stored, bytes);
+}
+
+bool EffectCacheImpl::WriteCopies(std::vector<StoredCopy>& copies, std::uint64_t* stored, std::uint64_t* bytes) {
+  std::uint64_t written = 0;
   fileEffects_.FoldUses();
   std::sort(copies.begin(), copies.end(),
             [](const StoredCopy& a, const StoredCopy& b) { return EffectNameOrder()(a.name, b.name); });
@@ -354,6 +358,34 @@ bool EffectCacheImpl::StoreCopies(std::vector<StoredCopy>& copies, std::uint64_t
     AbandonWrite();
     return false;
   }
+}
+
+bool EffectCacheImpl::SalvageFile(EffectCacheSalvage::Summary* summary) {
+  std::lock_guard<ReaderWriterLock> guard(lock_);
+  CheckInvariants();
+  if (!view_.EnsureOpen() || readOnly_) return false;
+  if (!salvaged_) {
+    CacheFileLock::Hold hold(*fileLock_);
+    if (!hold.IsOwner() || !view_.MakeViewCurrent() || !package_) return false;
+    auto* paged = dynamic_cast<PagedFilePackage*>(package_.Get());
+    if (paged == nullptr) return false;
+    const std::uint64_t failures = PlatformFile::FailuresOnThisThread();
+    EffectCacheSalvage::Found found;
+    try {
+      found = EffectCacheSalvage::CollectFrom(*paged);
+    } catch (const std::exception&) {
+      return false;
+    }
+    if (PlatformFile::FailuresOnThisThread() != failures || !view_.ReplaceWith(found)) return false;
+  }
+  *summary = lastSalvage_;
+  return true;
+}
+
+bool EffectCacheImpl::LastSalvage(EffectCacheSalvage::Summary* summary) const {
+  std::shared_lock<ReaderWriterLock> shared(lock_);
+  if (salvaged_) *summary = lastSalvage_;
+  return salvaged_;
 }
 
 bool EffectCacheImpl::ChangeUnderFileMutex(const std::function<bool()>& change) {

@@ -85,6 +85,7 @@
 #include "effectcache/EffectBatchCompressor.h"
 #include "effectcache/EffectCacheHeader.h"
 #include "effectcache/EffectCacheProfile.h"
+#include "effectcache/EffectCacheSalvage.h"
 #include "effectcache/EffectCacheStats.h"
 #include "effectcache/EffectNameOrder.h"
 #include "effectcache/EffectPayload.h"
@@ -182,6 +183,18 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // how many went in and `bytes` their compressed bytes. False when the
   // cache is unusable or the save failed.
   bool StoreCopies(std::vector<StoredCopy>& copies, std::uint64_t* stored, std::uint64_t* bytes);
+  // StoreCopies' writing and save, with the object's lock and the file's
+  // mutex held and the view the file's.
+  bool WriteCopies(std::vector<StoredCopy>& copies, std::uint64_t* stored, std::uint64_t* bytes);
+  // Salvages the file on demand: a file that did not load was salvaged
+  // when this object opened it; one that did is read as a damaged one
+  // would be (see EffectCacheSalvage) and replaced by what is proven
+  // intact in it, the former file kept beside it. `summary` says what was
+  // kept and dropped. False when the cache is unusable or read only, or
+  // the file could not be read or written.
+  bool SalvageFile(EffectCacheSalvage::Summary* summary);
+  // What the salvage of this object's file found; false when there was none.
+  bool LastSalvage(EffectCacheSalvage::Summary* summary) const;
   // Zeroes the file's hit statistics (and this object's counts) in one
   // save under the file mutex; the block's time becomes now.
   bool ZeroStatistics();
@@ -319,6 +332,9 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // is kWritable exactly while readOnly_ is clear.
   bool readOnly_;
   CacheWriteAccess::Why readOnlyWhy_ = CacheWriteAccess::Why::kWritable;
+  // Set when this object replaced a damaged file, with what it found.
+  bool salvaged_ = false;
+  EffectCacheSalvage::Summary lastSalvage_;
   // The second tier, or null. Requests to it are made without the file
   // mutex, so that other processes never wait on the network.
   // Shared, so that a search holds the store while it asks it without

@@ -177,6 +177,30 @@ bool EffectCacheMaintenance::ZeroStatistics(const WStr& folder, bool* damaged) {
   return cache.IsEnabled() && cache.ZeroStatistics();
 }
 
+EffectCacheMaintenance::SalvageResult EffectCacheMaintenance::Salvage(const WStr& folder) {
+  SalvageResult result;
+  const EffectCacheVerifier::Report report = EffectCacheVerifier::VerifyFolder(folder);
+  switch (report.outcome) {
+    case EffectCacheVerifier::Outcome::kNoFile:
+      result.noFile = true;
+      return result;
+    case EffectCacheVerifier::Outcome::kUnreadable:
+      return result;
+    case EffectCacheVerifier::Outcome::kChecked:
+      if (!report.problems.empty()) break;
+      result.ok = true;
+      result.effects = report.effects;
+      return result;
+    case EffectCacheVerifier::Outcome::kNotACache:
+      break;
+  }
+  // A file that does not load is salvaged by the open itself.
+  EffectCacheImpl cache(folder, EffectCacheImpl::kHostCompressionLevel, EffectCacheImpl::kCacheBytesLimit);
+  result.needed = true;
+  result.ok = cache.IsEnabled() && (cache.LastSalvage(&result.summary) || cache.SalvageFile(&result.summary));
+  return result;
+}
+
 EffectCacheMaintenance::Check EffectCacheMaintenance::CheckFolder(const WStr& folder) {
   const EffectCacheVerifier::Report report = EffectCacheVerifier::CheckFolderTables(folder);
   switch (report.outcome) {

@@ -1,6 +1,7 @@
 // EffectCacheMaintenance: what the people who look after a cache folder do
 // to it from outside a host: remove named effects, clear it, trim it to a
-// size or an age, merge other caches into it, compact its file.
+// size or an age, merge other caches into it, compact its file, salvage
+// what is intact in a damaged one.
 //
 // Each operation first checks the tables of the folder's file (the
 // package's and the index; EffectCacheVerifier::CheckFolderTables) and
@@ -24,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "effectcache/EffectCacheSalvage.h"
 #include "host/WStr.h"
 
 namespace Tovrel {
@@ -87,6 +89,22 @@ class EffectCacheMaintenance {
   // the cache could not be opened or saved, or is damaged (`damaged` set,
   // when given).
   static bool ZeroStatistics(const WStr& folder, bool* damaged = nullptr);
+
+  // What a salvage on demand did.
+  struct SalvageResult {
+    bool ok = false;      // false: no cache file, or it could not be read or written now
+    bool noFile = false;  // the folder holds no cache file
+    bool needed = false;  // false: the file passed every check, and nothing changed
+    std::uint64_t effects = 0;          // when not needed: the sound file's effects
+    EffectCacheSalvage::Summary summary;  // when needed: what was kept and dropped
+  };
+  // Checks the folder's file deeply (EffectCacheVerifier); a file that
+  // fails a check is salvaged as a host salvages one that does not load
+  // (see EffectCacheSalvage): what is proven intact is kept, the rest
+  // dropped, the former file kept as "<file>-damaged". A sound file is
+  // left as it is. Unlike the other operations, a damaged file is the
+  // point, not a refusal.
+  static SalvageResult Salvage(const WStr& folder);
 
   // What the check before an operation found.
   enum class Check { kSound, kNoFile, kDamaged, kUnreadable };

@@ -44,7 +44,7 @@ bool EffectFileView::EnsureOpen() {
   // Only a file proven damaged or foreign (or missing) is replaced; one
   // that could not be read as it is stays untouched for a later try.
   const OpenOutcome opened = OpenCacheFile();
-  if (opened == OpenOutcome::kCorrupt && !CreateCacheFile()) cache_.DropPackage();
+  if (opened == OpenOutcome::kCorrupt && !ReplaceDamagedFile()) cache_.DropPackage();
   if (cache_.package_) cache_.retryOpen_ = false;
   cache_.NoteQueueOpen();
   return static_cast<bool>(cache_.package_);
@@ -131,24 +131,67 @@ bool EffectFileView::OpenReadOnly(CacheWriteAccess::Why why) {
   return true;
 }
 
-bool EffectFileView::CreateCacheFile() {
+bool EffectFileView::ReplaceDamagedFile() {
+  if (cache_.readOnly_) return false;  // a file that may not be written is never replaced
+  CacheFileLock::Hold hold(*cache_.fileLock_);
+  if (!hold.IsOwner()) return false;
+  cache_.DropPackage();
+  EffectCacheSalvage::Found found = EffectCacheSalvage::Collect(cache_.config_);
+  if (found.summary.verdict == EffectCacheSalvage::Verdict::kUnreadable) return false;  // tried again later
+  return ReplaceWith(found);
+}
+
+bool EffectFileView::ReplaceWith(EffectCacheSalvage::Found& found) {
+  const std::wstring file(cache_.cacheFilePath_.data());
+  // Until the damaged bytes are kept whole beside it, the file is not
+  // touched. With no room for them the cache stays unusable rather than
+  // read the file again at every try; a copy that failed otherwise is
+  // tried again later.
+  if (found.summary.verdict == EffectCacheSalvage::Verdict::kSalvaged) {
+    if (PlatformFile::AvailableBytes(cache_.folderPath_.data()) < found.summary.fileBytes) {
+      cache_.retryOpen_ = false;
+      return false;
+    }
+    if (!EffectCacheSalvage::KeepDamagedCopy(file)) return false;
+  }
+  if (!CreateCacheFile(&found.kept)) return false;
+  cache_.lastSalvage_ = found.summary;
+  cache_.salvaged_ = true;
+  return true;
+}
+
+bool EffectFileView::CreateCacheFile(std::vector<EffectCacheSalvage::Effect>* kept) {
   if (cache_.readOnly_) return false;  // a file that may not be written is never replaced
   cache_.ResetState();
   try {
     CacheFileLock::Hold hold(*cache_.fileLock_);
     if (!hold.IsOwner()) return false;
     cache_.DropPackage();
-    cache_.package_ = CreateFilePackage(cache_.config_);
-    if (!cache_.package_) return false;
+    // One save makes the whole new file: until it commits, a failure or a
+    // crash leaves the former file as it was (a damaged one is then
+    // salvaged again at the next try).
+    RefPtr<PagedFilePackage> fresh(new PagedFilePackage(cache_.config_));
+    fresh->Replace();
+    cache_.package_ = RefPtr<IDataStreamSet>(fresh.Get());
     cache_.timeStamp_.UpdateTimeStamp();
     cache_.header_ = EffectCacheHeader::Empty();
     cache_.header_.indexStreamId = cache_.package_->CreateStream(1);
     if (!cache_.package_->OpenStream(cache_.header_.indexStreamId)) throw FileIOException();
+    cache_.knownMark_ = ChangeMark{};
+    cache_.staleView_ = false;
+    if (kept != nullptr && !kept->empty()) {
+      std::vector<EffectCacheImpl::StoredCopy> copies;
+      copies.reserve(kept->size());
+      for (EffectCacheSalvage::Effect& effect : *kept) {
+        copies.push_back(EffectCacheImpl::StoredCopy{std::move(effect.name), effect.record, std::move(effect.compressed)});
+      }
+      kept->clear();
+      return cache_.WriteCopies(copies, nullptr, nullptr);
+    }
     const ChangeMark mark = ChangeMark{}.Next();
     if (!WriteHeader() || !ChangeMark::WriteLast(*cache_.package_, mark) || !cache_.package_->Save())
       throw FileIOException();
     cache_.knownMark_ = mark;
-    cache_.staleView_ = false;
     return true;
   } catch (const std::exception&) {
     cache_.AbandonWrite();

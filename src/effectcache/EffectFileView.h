@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "effectcache/CacheWriteAccess.h"
+#include "effectcache/EffectCacheSalvage.h"
 #include "effectcache/EffectPayload.h"
 #include "effectcache/EffectRecord.h"
 #include "host/Tab.h"
@@ -45,7 +46,17 @@ class EffectFileView {
   bool EnsureOpen();
   bool InitializeTimeStamp();
   OpenOutcome OpenCacheFile();
-  bool CreateCacheFile();
+  // Replaces the file by a new cache holding the effects `kept` (taken
+  // from it; none when null), made in one save.
+  bool CreateCacheFile(std::vector<EffectCacheSalvage::Effect>* kept = nullptr);
+  // A file proven damaged or foreign: replaced by one holding what can be
+  // proven intact in it (see EffectCacheSalvage), the damaged file kept
+  // beside it first. False leaves the file as it is (nothing could be
+  // read, or the copy could not be kept) or the cache unusable.
+  bool ReplaceDamagedFile();
+  // Replaces the file by one holding what `found` kept, with the object's
+  // lock and the file's mutex held.
+  bool ReplaceWith(EffectCacheSalvage::Found& found);
   bool WriteHeader();
   // Takes the header and index of the package just loaded as the view,
   // whole or not at all, then trims as a load does.

@@ -122,13 +122,20 @@ bool PagedFilePackage::LoadReadOnly() {
 }
 
 bool PagedFilePackage::Create() {
+  Replace();
+  Save();
+  return true;
+}
+
+bool PagedFilePackage::Replace() {
   Close();
   access_ = FilePageCache::Access::kUpdate;
   cache_.reset(new FilePageCache(path_.c_str(), config_.cachePageCount));
   streams_.Clear();
   streams_.SetStreamLimit(config_.streamLimit);
+  // The head chain starts at the first page: no stream may take it first.
+  allocator_->ClaimPage(kFirstPageId);
   modified_ = true;
-  Save();
   return true;
 }
 

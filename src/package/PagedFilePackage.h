@@ -128,6 +128,11 @@ class PagedFilePackage : public IDataStreamSet, public IStreamOwner {
 
   // Starts an empty package in the file and saves it.
   bool Create();
+  // Starts an empty package that replaces what the file holds, writing
+  // nothing yet: the first Save replaces the whole file at once (the
+  // pages it overwrites are journaled first, as any save's), so that a
+  // failure or a crash before it leaves the file exactly as it was.
+  bool Replace();
   // Reads the package from the file; false or an exception when it cannot.
   bool Load();
   // Reads the package from a file opened only for reading: nothing is ever

@@ -11,6 +11,7 @@
 #include "LocalFile.h"
 #include "MaintenanceCommands.h"
 #include "RemoteCommands.h"
+#include "SalvageCommand.h"
 #include "NamePattern.h"
 #include "ProgressReporter.h"
 #include "TextFormat.h"
@@ -243,6 +244,7 @@ std::shared_ptr<CommandGroup> EffectCommands::Group() {
                              "file that cannot be read is left alone (the library would replace it).\n",
                              {"--permanent"}, {}, 3, 3, &EffectCommands::Put, nullptr});
   MaintenanceCommands::AddTo(commands);
+  SalvageCommand::AddTo(commands);
   RemoteCommands::AddTo(commands);
   commands.push_back(Command{"stats", "FOLDER [--json] [--zero]", "count, bytes, compression, use, hit rate",
                              "The number of effects, the bytes stored and the bytes of the effects, the\n"
