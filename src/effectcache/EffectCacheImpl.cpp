@@ -346,6 +346,7 @@ bool EffectCacheImpl::WriteCopies(std::vector<StoredCopy>& copies, std::uint64_t
     }
     const std::uint64_t count = changes.size();
     fileEffects_.Apply(std::move(changes));
+    changes.clear();  // applied: a failed save below must not apply them again
     if (count > 0 && !saver_.SaveDirectory()) throw FileIOException();
     if (stored != nullptr) *stored = count;
     if (bytes != nullptr) *bytes = written;

@@ -9,6 +9,7 @@
 
 #include "effectcache/EffectCacheHeader.h"
 #include "effectcache/EffectIndex.h"
+#include "effectcache/EffectNameOrder.h"
 #include "effectcache/EffectPayload.h"
 #include "pagefile/FileDataCorruptException.h"
 #include "platform/PlatformFile.h"
@@ -56,26 +57,40 @@ std::vector<EffectCacheSalvage::Effect> DecodeEntries(const std::vector<std::uin
   return entries;
 }
 
-// True for an entry whose stream and name no other entry claims, and
-// whose stream is not the index's.
+// True for an entry whose stream and name no other entry claims, whose
+// stream is not the index's, and whose name keeps the index's order.
 class Claims {
  public:
   Claims(const std::vector<EffectCacheSalvage::Effect>& entries, std::uint64_t indexStreamId)
-      : indexStreamId_(indexStreamId) {
+      : indexStreamId_(indexStreamId), outOfOrder_(entries.size(), false) {
     for (const EffectCacheSalvage::Effect& entry : entries) {
       ++streams_[entry.record.streamId];
       ++names_[entry.name];
     }
+    MarkOutOfOrder(entries);
   }
-  bool Alone(const EffectCacheSalvage::Effect& entry) const {
+  bool Alone(std::size_t i, const EffectCacheSalvage::Effect& entry) const {
     return entry.record.streamId != indexStreamId_ && streams_.at(entry.record.streamId) == 1 &&
-           names_.at(entry.name) == 1;
+           names_.at(entry.name) == 1 && !outOfOrder_[i];
   }
 
  private:
+  // The library writes its index in name order, so a damaged name mostly
+  // breaks it: both entries of a pair out of order are marked. An index
+  // that is not mostly in order (another writer's) is not judged so.
+  void MarkOutOfOrder(const std::vector<EffectCacheSalvage::Effect>& entries) {
+    std::vector<std::size_t> breaks;
+    for (std::size_t i = 1; i < entries.size(); ++i) {
+      if (!EffectNameOrder()(entries[i - 1].name, entries[i].name)) breaks.push_back(i);
+    }
+    if (breaks.size() > std::max<std::size_t>(4, entries.size() / 8)) return;
+    for (std::size_t i : breaks) outOfOrder_[i - 1] = outOfOrder_[i] = true;
+  }
+
   std::uint64_t indexStreamId_;
   std::map<std::uint64_t, std::uint64_t> streams_;
   std::map<std::string, std::uint64_t> names_;
+  std::vector<bool> outOfOrder_;
 };
 
 // True when the entry's stream holds what its record says, proven by
@@ -114,8 +129,9 @@ EffectCacheSalvage::Found EffectCacheSalvage::CollectFrom(PagedFilePackage& pack
   index.Reset();
   found.summary.readEntries = entries.size();
   const Claims claims(entries, header.indexStreamId);
-  for (Effect& entry : entries) {
-    if (!claims.Alone(entry) || !Proven(package, entry)) {
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    Effect& entry = entries[i];
+    if (!claims.Alone(i, entry) || !Proven(package, entry)) {
       found.summary.dropped.push_back(entry.name);
       continue;
     }

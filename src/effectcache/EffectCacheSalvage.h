@@ -13,7 +13,13 @@
 //   - no other entry read names the same stream, or the same name (a
 //     damaged stream number could otherwise give one effect's bytes to
 //     another name: both entries go);
+//   - its name keeps the index's name order with the entries beside it
+//     (the library writes its index in name order, and a damaged name
+//     mostly breaks it; an index mostly out of order, another writer's,
+//     is not judged so);
 //   - its stream is not the index's.
+// The index has no checksum: a damaged name that keeps the order cannot
+// be told from a true one, here or when a host loads the file.
 // Everything else is dropped. A kept effect keeps its name, its last-use
 // time, its permanence (as 0 or 1) and its compressed bytes exactly as
 // stored.

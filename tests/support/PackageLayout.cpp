@@ -20,15 +20,15 @@ std::vector<Piece> PiecesOfStream(PagedFilePackage& package, std::uint64_t id) {
   const StreamEntry& entry = *package.GetStreamTable().Find(id);
   std::uint64_t page = entry.firstPage;
   for (std::uint64_t i = 0; i < entry.fullPageCount; ++i) {
-    pieces.push_back(Piece{page, kPageSize});
+    pieces.push_back(Piece{page, kPageSize, 0});
     page = package.GetAllocator().GetNextPage(page);
   }
   const StreamTailRecord* tail = package.GetChildFileTable().FindTail(id);
   if (tail == nullptr) return pieces;
   const ChildFileRecord& child = *package.GetChildFileTable().FindChildFile(tail->childFileIdentifier);
   const std::uint64_t inFirst = std::min(tail->size, kPageSize - tail->offset % kPageSize);
-  pieces.push_back(Piece{child.page[tail->offset / kPageSize], inFirst});
-  if (inFirst < tail->size) pieces.push_back(Piece{child.page[tail->offset / kPageSize + 1], tail->size - inFirst});
+  pieces.push_back(Piece{child.page[tail->offset / kPageSize], inFirst, tail->offset % kPageSize});
+  if (inFirst < tail->size) pieces.push_back(Piece{child.page[tail->offset / kPageSize + 1], tail->size - inFirst, 0});
   return pieces;
 }
 
@@ -57,6 +57,20 @@ std::uint64_t PackageLayout::BytesWithin(std::uint64_t stream, std::uint64_t fil
     bytes += piece.bytes;
   }
   return bytes;
+}
+
+bool PackageLayout::SameBytes(std::uint64_t stream, const std::vector<std::uint8_t>& a,
+                              const std::vector<std::uint8_t>& b) const {
+  for (const Piece& piece : PiecesOf(stream)) {
+    const std::uint64_t from = PageOffset(piece.page) + piece.offset;
+    const std::uint64_t to = from + piece.bytes;
+    if (to > a.size() || to > b.size()) return false;
+    if (!std::equal(a.begin() + static_cast<std::ptrdiff_t>(from), a.begin() + static_cast<std::ptrdiff_t>(to),
+                    b.begin() + static_cast<std::ptrdiff_t>(from))) {
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace Testing

@@ -21,8 +21,9 @@ class PackageLayout {
  public:
   // Where some consecutive bytes of a stream lie.
   struct Piece {
-    std::uint64_t page;   // page id
-    std::uint64_t bytes;  // the stream's bytes in that page
+    std::uint64_t page;    // page id
+    std::uint64_t bytes;   // the stream's bytes in that page
+    std::uint64_t offset;  // where in the page they start
   };
 
   // Reads the layout of the package at `path`; std::runtime_error when it
@@ -36,6 +37,11 @@ class PackageLayout {
   // of the file: those before its first page past them.
   std::uint64_t BytesWithin(std::uint64_t stream, std::uint64_t filePages) const;
   const std::vector<Piece>& PiecesOf(std::uint64_t stream) const { return pieces_.at(stream); }
+  // The page ids of the head chain, in order.
+  const std::vector<std::uint64_t>& HeadPages() const { return headPages_; }
+  // True when every byte of the stream lies within both files' bytes and
+  // is the same in both (a copy of the file, damaged or not, against it).
+  bool SameBytes(std::uint64_t stream, const std::vector<std::uint8_t>& a, const std::vector<std::uint8_t>& b) const;
 
  private:
   std::vector<std::uint64_t> headPages_;
