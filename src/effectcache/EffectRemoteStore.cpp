@@ -37,6 +37,19 @@ bool EffectRemoteStore::ParseOption(const std::string& option, Settings* setting
   return true;
 }
 
+std::string EffectRemoteStore::WithoutCredentials(const std::string& text) {
+  std::string shown = text;
+  for (std::size_t scheme = shown.find("://"); scheme != std::string::npos; scheme = shown.find("://", scheme + 3)) {
+    const std::size_t start = scheme + 3;
+    const std::size_t end = shown.find_first_of("/?#|", start);
+    const std::size_t at = shown.rfind('@', end == std::string::npos ? std::string::npos : end - 1);
+    if (at != std::string::npos && at >= start && (end == std::string::npos || at < end)) {
+      shown.erase(start, at + 1 - start);
+    }
+  }
+  return shown;
+}
+
 bool EffectRemoteStore::Parse(const std::string& text, Settings* settings) {
   Settings parsed;
   std::size_t bar = text.find('|');

@@ -58,6 +58,9 @@ class EffectRemoteStore {
   // unchanged, for anything else, a URL that is not http:// or https://
   // included.
   static bool Parse(const std::string& text, Settings* settings);
+  // The text with any "user:password@" of a URL's authority taken out,
+  // for messages: credentials are never shown.
+  static std::string WithoutCredentials(const std::string& text);
 
   explicit EffectRemoteStore(const Settings& settings);
 

@@ -22,6 +22,12 @@ CommandLine::CommandLine(const std::vector<std::string>& words, const std::set<s
   bool optionsEnded = false;
   for (std::size_t i = 0; i < words.size(); ++i) {
     const std::string& word = words[i];
+    if (word.empty()) {
+      // Most often a variable that is not set: it must never come to mean
+      // "this folder" (tovrel effects clear "$UNSET").
+      throw ToolError(ExitStatus::kUsage, "an empty argument names nothing (an unset variable?); "
+                                          "write . for the current folder");
+    }
     if (optionsEnded || !LooksLikeOption(word)) {
       positionals_.push_back(word);
     } else if (word == "--") {
@@ -31,14 +37,19 @@ CommandLine::CommandLine(const std::vector<std::string>& words, const std::set<s
     } else if (flags.count(word) != 0) {
       flags_.insert(word);
     } else if (valueOptions.count(word.substr(0, word.find('='))) != 0 && word.find('=') != std::string::npos) {
-      values_[word.substr(0, word.find('='))] = word.substr(word.find('=') + 1);
+      SetValue(word.substr(0, word.find('=')), word.substr(word.find('=') + 1));
     } else if (valueOptions.count(word) != 0) {
       if (i + 1 == words.size()) throw ToolError(ExitStatus::kUsage, "option " + word + " needs a value");
-      values_[word] = words[++i];
+      SetValue(word, words[++i]);
     } else {
       throw ToolError(ExitStatus::kUsage, "unknown option " + word);
     }
   }
+}
+
+void CommandLine::SetValue(const std::string& option, const std::string& value) {
+  if (value.empty()) throw ToolError(ExitStatus::kUsage, "option " + option + " needs a value, not an empty one");
+  values_[option] = value;
 }
 
 std::string CommandLine::Value(const std::string& option, const std::string& fallback) const {

@@ -46,6 +46,7 @@ class CommandLine {
   static std::int64_t Duration(const std::string& text, const std::string& what);
 
  private:
+  void SetValue(const std::string& option, const std::string& value);
   bool help_;
   std::set<std::string> flags_;
   std::map<std::string, std::string> values_;

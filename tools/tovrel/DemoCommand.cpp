@@ -14,6 +14,7 @@
 #include "SyntheticShaders.h"
 #include "TextFormat.h"
 #include "ToolError.h"
+#include "effectcache/EffectRemoteStore.h"
 #include "platform/WideText.h"
 #include "tovrel/EffectCacheSystem.h"
 
@@ -69,7 +70,7 @@ Outcome PlayHost(const UserPath& folder, const SyntheticShaders& shaders, std::u
   // calls never wait for a save.
   cache->SetBackgroundSaving(background);
   if (!remote.empty() && !cache->SetRemoteStore(WideText::FromUtf8(remote).c_str())) {
-    throw ToolError(ExitStatus::kUsage, "not a remote store: " + remote);
+    throw ToolError(ExitStatus::kUsage, "not a remote store: " + EffectRemoteStore::WithoutCredentials(remote));
   }
   ProgressReporter progress(console, "effects", effects);
   for (std::uint32_t i = 0; i < effects; ++i) {
@@ -113,7 +114,7 @@ void Report(const DemoHistory::Run& run, const Outcome& outcome, const CacheFile
       << TextFormat::Bytes(stored) << " stored, compression ratio " << TextFormat::Ratio(uncompressed, stored) << "\n"
       << "  wall time:  " << TextFormat::Seconds(run.WallSeconds()) << "\n";
   if (!remote.empty()) {
-    out << "  team tier:  " << TextFormat::Count(outcome.fromTeam) << " of the hits came from " << remote << "\n";
+    out << "  team tier:  " << TextFormat::Count(outcome.fromTeam) << " of the hits came from " << EffectRemoteStore::WithoutCredentials(remote) << "\n";
   }
   if (outcome.wrong != 0) out << "  " << outcome.wrong << " effects came back with the wrong size\n";
 }
@@ -164,11 +165,16 @@ int DemoCommand::Run(const CommandLine& line, Console& console) {
       CommandLine::Number(line.Value("--effects", std::to_string(kDefaultEffects)), "--effects", 1, 60000));
   const std::uint64_t rounds = CommandLine::Number(
       line.Value("--work", std::to_string(SyntheticShaders::kDefaultWorkRounds)), "--work", 0, 1000000000);
+  // Every argument is checked before the disk is touched.
+  const std::string remote = line.Value("--remote", "");
+  EffectRemoteStore::Settings settings;
+  if (!remote.empty() && !EffectRemoteStore::Parse(remote, &settings)) {
+    throw ToolError(ExitStatus::kUsage, "not a remote store: " + EffectRemoteStore::WithoutCredentials(remote));
+  }
   const UserPath folder = PrepareFolder(line);
   DemoHistory history(folder);
   console.Out() << "tovrel demo: a host that needs " << TextFormat::Count(effects) << " shader effects, cached in "
                 << folder.AbsoluteText() << "\n";
-  const std::string remote = line.Value("--remote", "");
   const Outcome outcome =
       PlayHost(folder, SyntheticShaders(SyntheticShaders::kDefaultSeed, rounds), effects, remote,
                !line.Has("--foreground-saving"), console);

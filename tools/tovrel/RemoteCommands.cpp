@@ -19,7 +19,7 @@ namespace {
 EffectRemoteStore::Settings StoreOf(const std::string& text) {
   EffectRemoteStore::Settings settings;
   if (!EffectRemoteStore::Parse(text, &settings)) {
-    throw ToolError(ExitStatus::kUsage, "not a remote store: " + text +
+    throw ToolError(ExitStatus::kUsage, "not a remote store: " + EffectRemoteStore::WithoutCredentials(text) +
                                             " (an http:// or https:// URL, optionally followed by |read-only, "
                                             "|connect-ms=N, |timeout-ms=N)");
   }
@@ -67,7 +67,7 @@ int RemoteCommands::Push(const CommandLine& line, Console& console) {
   progress.Finish();
   if (!result.ok) throw ToolError(ExitStatus::kUnreadable, folder.Typed() + ": the effect cache cannot be read");
   console.Out() << "pushed " << TextFormat::Counted(result.moved, "effect") << ": " << TextFormat::Bytes(result.bytes)
-                << " to " << store.baseUrl << "\n";
+                << " to " << EffectRemoteStore::WithoutCredentials(store.baseUrl) << "\n";
   return LeftOver(result, console);
 }
 
@@ -90,14 +90,14 @@ int RemoteCommands::Pull(const CommandLine& line, Console& console) {
                           : EffectRemoteSync::Pull(target, store, names, report);
   progress.Finish();
   if (result.noListing) {
-    throw ToolError(ExitStatus::kFailed, store.baseUrl + ": the server offers no listing of its objects; name the "
+    throw ToolError(ExitStatus::kFailed, EffectRemoteStore::WithoutCredentials(store.baseUrl) + ": the server offers no listing of its objects; name the "
                                                          "effects to pull");
   }
   if (!result.ok) {
     throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved");
   }
   console.Out() << "pulled " << TextFormat::Counted(result.moved, "effect") << ": " << TextFormat::Bytes(result.bytes)
-                << " from " << store.baseUrl << "\n";
+                << " from " << EffectRemoteStore::WithoutCredentials(store.baseUrl) << "\n";
   if (result.absent != 0) console.Out() << TextFormat::Counted(result.absent, "effect") << " not in the store\n";
   return LeftOver(result, console);
 }

@@ -1,6 +1,9 @@
 #include "TovrelTool.h"
 
+#include <cerrno>
+#include <cstring>
 #include <new>
+#include <string>
 
 #include "DemoCommand.h"
 #include "EffectCommands.h"
@@ -33,8 +36,12 @@ std::shared_ptr<CommandGroup> TovrelTool::Commands() {
 int TovrelTool::Run(const std::vector<std::string>& words, Console& console) {
   if (words.size() == 1 && words[0] == "--version") {
     console.Out() << "tovrel " << TOVREL_VERSION << "\n";
-    return ExitStatus::kOk;
+    return CheckOutput(ExitStatus::kOk, console);
   }
+  return CheckOutput(RunCommand(words, console), console);
+}
+
+int TovrelTool::RunCommand(const std::vector<std::string>& words, Console& console) {
   try {
     return Commands()->Run(words, console);
   } catch (const ToolError& e) {
@@ -46,6 +53,18 @@ int TovrelTool::Run(const std::vector<std::string>& words, Console& console) {
     console.Err() << "tovrel: " << e.what() << "\n";
   }
   return ExitStatus::kFailed;
+}
+
+int TovrelTool::CheckOutput(int status, Console& console) {
+  // A script must never take cut-short output for success (a full disk
+  // behind standard output, a closed pipe).
+  errno = 0;
+  console.Out().flush();
+  if (console.Out()) return status;
+  const int error = errno;
+  console.Err() << "tovrel: standard output could not be written"
+                << (error != 0 ? std::string(" (") + std::strerror(error) + ")" : std::string()) << "\n";
+  return status == ExitStatus::kOk ? ExitStatus::kFailed : status;
 }
 
 }  // namespace Tool

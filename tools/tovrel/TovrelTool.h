@@ -23,10 +23,17 @@ namespace Tool {
 
 class TovrelTool {
  public:
+  // Runs the command the words name; its exit status. Output that could
+  // not be written (a full disk, a closed pipe) makes a command that
+  // succeeded fail (status 1), with a message.
   static int Run(const std::vector<std::string>& words, Console& console);
 
   // The whole command tree, rooted at "tovrel".
   static std::shared_ptr<CommandGroup> Commands();
+
+ private:
+  static int RunCommand(const std::vector<std::string>& words, Console& console);
+  static int CheckOutput(int status, Console& console);
 };
 
 }  // namespace Tool
