@@ -31,16 +31,10 @@ tovrel_status CApiCall::CurrentException() noexcept {
   }
 }
 
-bool CApiCall::IsUtf8(const std::string& bytes) {
-  // Decoding replaces every ill-formed sequence, so well-formed text is
-  // exactly the text that comes back unchanged.
-  return WideText::ToUtf8(WideText::FromUtf8(bytes)) == bytes;
-}
-
 tovrel_status CApiCall::WidePath(const char* path, std::wstring* wide) {
   if (path == nullptr || *path == '\0') return TOVREL_INVALID_ARGUMENT;
   const std::string bytes(path);
-  if (!IsUtf8(bytes)) return TOVREL_BAD_NAME;
+  if (!WideText::IsUtf8(bytes)) return TOVREL_BAD_NAME;
   *wide = WideText::FromUtf8(bytes);
   return TOVREL_OK;
 }
@@ -49,7 +43,7 @@ tovrel_status CApiCall::WideName(const char* name, std::size_t size, std::wstrin
   if (name == nullptr) return TOVREL_INVALID_ARGUMENT;
   if (size == 0 || size > EffectCacheImpl::kEffectNameSizeLimit) return TOVREL_BAD_NAME;
   const std::string bytes(name, size);
-  if (!IsUtf8(bytes)) return TOVREL_BAD_NAME;
+  if (!WideText::IsUtf8(bytes)) return TOVREL_BAD_NAME;
   *wide = WideText::FromUtf8(bytes);
   return TOVREL_OK;
 }

@@ -35,8 +35,6 @@ class CApiCall {
   // An effect name (1 to 65,536 bytes of UTF-8): TOVREL_INVALID_ARGUMENT
   // for a null pointer, TOVREL_BAD_NAME for anything else not a name.
   static tovrel_status WideName(const char* name, std::size_t size, std::wstring* wide);
-  // True when `bytes` is well-formed UTF-8.
-  static bool IsUtf8(const std::string& bytes);
   // A null buffer is allowed only with a zero size.
   static bool BufferOk(const void* buffer, std::uint64_t size) { return buffer != nullptr || size == 0; }
 };

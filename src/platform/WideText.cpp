@@ -86,6 +86,12 @@ std::string WideText::ToUtf8(const std::wstring& wide) {
   return out;
 }
 
+bool WideText::IsUtf8(const std::string& bytes) {
+  // Decoding replaces every ill-formed sequence, so well-formed text is
+  // exactly the text that comes back unchanged.
+  return ToUtf8(FromUtf8(bytes)) == bytes;
+}
+
 bool WideText::IsWellFormed(const std::wstring& wide) {
   for (std::size_t i = 0; i < wide.size(); ++i) {
     const char32_t c = static_cast<char32_t>(static_cast<std::make_unsigned_t<wchar_t>>(wide[i]));

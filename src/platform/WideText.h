@@ -18,6 +18,8 @@ class WideText {
   // surrogate, no code point above U+10FFFF (so ToUtf8 replaces nothing).
   static bool IsWellFormed(const std::wstring& wide);
   static std::wstring FromUtf8(const std::string& utf8);
+  // True when the bytes are well-formed UTF-8 (FromUtf8 replaces nothing).
+  static bool IsUtf8(const std::string& bytes);
 };
 
 }  // namespace Tovrel

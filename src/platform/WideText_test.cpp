@@ -5,6 +5,17 @@
 namespace Tovrel {
 namespace {
 
+TEST(WideTextTest, TellsWellFormedUtf8) {
+  EXPECT_TRUE(WideText::IsUtf8(""));
+  EXPECT_TRUE(WideText::IsUtf8("plain \xc3\xa9 \xf0\x9f\x98\x80"));
+  EXPECT_TRUE(WideText::IsUtf8(std::string("a\0b", 3)));
+  EXPECT_FALSE(WideText::IsUtf8("\xff"));
+  EXPECT_FALSE(WideText::IsUtf8("\xc3"));
+  EXPECT_FALSE(WideText::IsUtf8("\xed\xa0\x80"));   // a surrogate
+  EXPECT_FALSE(WideText::IsUtf8("\xc0\xaf"));       // an overlong form
+  EXPECT_FALSE(WideText::IsUtf8("\xf4\x90\x80\x80"));  // past U+10FFFF
+}
+
 TEST(WideTextTest, RoundTripsEveryPlane) {
   const std::string utf8 = "a\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80z";
   const std::wstring wide = WideText::FromUtf8(utf8);

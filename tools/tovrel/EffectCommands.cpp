@@ -24,6 +24,7 @@
 #include "effectcache/EffectCacheStats.h"
 #include "effectcache/UnsavedCounts.h"
 #include "effectcache/EffectIndex.h"
+#include "platform/PlatformFile.h"
 #include "platform/WideText.h"
 #include "tovrel/EffectCacheSystem.h"
 
@@ -206,6 +207,12 @@ void PrintStatsJson(const CacheFile& cache, const Totals& t, std::ostream& out) 
 
 // Problems of the index as a whole: names twice, streams shared or owned
 // by no effect.
+// A name as messages show it: a long one cut short, never 64 KiB echoed.
+std::string Shown(const std::string& name) {
+  if (name.size() <= 80) return name;
+  return name.substr(0, 60) + "... (" + TextFormat::Count(name.size()) + " bytes)";
+}
+
 // Puts one effect through the library, as a host would; false when the
 // cache could not be used or saved.
 bool StoreThroughLibrary(const UserPath& folder, const std::string& name, const std::vector<unsigned char>& bytes,
@@ -213,10 +220,29 @@ bool StoreThroughLibrary(const UserPath& folder, const std::string& name, const 
   RefPtr<EffectCacheSystem> cache(new EffectCacheSystem(WStr(folder.Absolute())));
   if (!cache->IsEnabled()) return false;
   if (!cache->CacheCompiledEffect(WStr(WideText::FromUtf8(name)), bytes.data(), bytes.size(), permanent)) {
-    throw ToolError(ExitStatus::kFailed, "effect names are 1 to 65,536 bytes of UTF-8, not \"" + name + "\"");
+    throw ToolError(ExitStatus::kFailed, "the cache refused the effect " + Shown(name));
   }
   cache->ForceSaveToFile();
   return cache->IsEnabled();
+}
+
+// Refuses a name the library would not take, saying why.
+void CheckName(const std::string& name) {
+  if (!WideText::IsUtf8(name)) throw ToolError(ExitStatus::kUsage, "the effect name is not UTF-8");
+  if (name.size() > EffectIndex::kNameSizeLimit) {
+    throw ToolError(ExitStatus::kUsage, "the effect name " + Shown(name) + " is longer than 65,536 bytes");
+  }
+}
+
+// Why a save kept nothing: the file served read only (and why), too
+// little disk space, or the cache's size limit. Under the mutex `cache`
+// holds.
+std::string WhyNotKept(const CacheFile& cache, std::uint64_t bytes) {
+  const CacheWriteAccess::Why access = CacheWriteAccess::Check(cache.File().Absolute());
+  if (access != CacheWriteAccess::Why::kWritable) return CacheWriteAccess::Describe(access);
+  const std::uint64_t free = PlatformFile::AvailableBytes(cache.Folder().Absolute().c_str());
+  if (free < bytes + 65536) return "too little disk space (" + TextFormat::Bytes(free) + " free)";
+  return "the cache's size limit";
 }
 
 }  // namespace
@@ -306,6 +332,7 @@ int EffectCommands::Get(const CommandLine& line, Console& console) {
 int EffectCommands::Put(const CommandLine& line, Console& console) {
   const UserPath folder(line.Positionals()[0]);
   const std::string& name = line.Positionals()[1];
+  CheckName(name);
   const std::vector<unsigned char> bytes = LocalFile::Read(UserPath(line.Positionals()[2]), EffectIndex::kEffectSizeLimit);
   if (bytes.empty()) throw ToolError(ExitStatus::kFailed, line.Positionals()[2] + ": empty; an effect holds 1 byte or more");
   if (!folder.IsFolder()) throw ToolError(ExitStatus::kUnreadable, folder.Typed() + ": no such folder");
@@ -320,8 +347,8 @@ int EffectCommands::Put(const CommandLine& line, Console& console) {
   const CacheFile cache(folder);
   const CacheFile::Entry* stored = cache.Find(name);
   if (stored == nullptr || stored->record.uncompressedSize != bytes.size()) {
-    throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the cache did not keep " + name +
-                                             " (too little disk space, or its size limit)");
+    throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the cache did not keep " + Shown(name) + " (" +
+                                             WhyNotKept(cache, bytes.size()) + ")");
   }
   console.Out() << "stored " << name << ": " << TextFormat::Bytes(bytes.size()) << ", "
                 << TextFormat::Count(stored->record.compressedSize) << " compressed ("

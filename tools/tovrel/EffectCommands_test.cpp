@@ -245,6 +245,19 @@ TEST_F(EffectCommandsTest, PutRefusesFilesThatAreNoEffect) {
   EXPECT_EQ(Run("list").out.find(" e\n"), std::string::npos);
 }
 
+TEST_F(EffectCommandsTest, PutSaysWhatIsWrongWithAName) {
+  const fs::path file = dir_.Path() / "one.bin";
+  { std::ofstream(file, std::ios::binary) << "x"; }
+  const ToolTesting::Result notUtf8 = Run("put", {"bad\xff", ToolTesting::Utf8(file)});
+  EXPECT_EQ(notUtf8.status, ExitStatus::kUsage);
+  EXPECT_TRUE(ToolTesting::Contains(notUtf8.err, "the effect name is not UTF-8")) << notUtf8.err;
+  const ToolTesting::Result tooLong = Run("put", {std::string(70000, 'n'), ToolTesting::Utf8(file)});
+  EXPECT_EQ(tooLong.status, ExitStatus::kUsage);
+  EXPECT_TRUE(ToolTesting::Contains(tooLong.err, "(70,000 bytes) is longer than 65,536 bytes")) << tooLong.err;
+  EXPECT_LT(tooLong.err.size(), 300u) << "the long name was echoed";
+  EXPECT_EQ(Run("list").out.find("bad"), std::string::npos);
+}
+
 TEST_F(EffectCommandsTest, PutLeavesADamagedCacheAlone) {
   DamageHeader();
   const std::vector<std::uint8_t> before = ToolTesting::ReadFile(CacheFile());
@@ -292,6 +305,11 @@ int CheckStatsInAReadOnlyFolder(const fs::path& folder) {
   const nlohmann::json json = nlohmann::json::parse(ToolTesting::RunOn("effects", "stats", folder, {"--json"}).out);
   EXPECT_EQ(json.at("access"), "read only: cannot create the journal");
   EXPECT_EQ(json.at("effects"), 3);
+  // A put says why it kept nothing.
+  const ToolTesting::Result put = ToolTesting::Run(
+      {"effects", "put", ToolTesting::Utf8(folder), "new/one", ToolTesting::Utf8(folder / "norvaneFxoCache.dat")});
+  EXPECT_EQ(put.status, ExitStatus::kFailed);
+  EXPECT_TRUE(ToolTesting::Contains(put.err, "did not keep new/one (read only: cannot create the journal)")) << put.err;
   fs::permissions(folder, fs::perms::owner_write, fs::perm_options::add);
   return ::testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0;
 }
