@@ -91,10 +91,28 @@ bool EffectRemoteStore::Resting() {
   return true;
 }
 
-void EffectRemoteStore::Failed() {
+void EffectRemoteStore::Failed(const std::string& why) {
   std::lock_guard<std::mutex> guard(lock_);
-  ++counts_.errors;
+  Refused(why);
   restUntil_ = Clock::now() + std::chrono::milliseconds(settings_.restMilliseconds);
+}
+
+void EffectRemoteStore::Refused(const std::string& why) {
+  ++counts_.errors;
+  lastError_ = why;
+}
+
+std::string EffectRemoteStore::Describe(const char* method, const std::string& url,
+                                        const HttpClient::Response& response) {
+  std::string why = std::string(method) + " " + WithoutCredentials(url) + ": ";
+  if (response.answered) return why + "HTTP " + std::to_string(response.status);
+  if (response.timedOut) return why + "no answer in time";
+  return why + (response.error.empty() ? std::string("no answer") : response.error);
+}
+
+std::string EffectRemoteStore::GetLastError() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return lastError_;
 }
 
 HttpClient::Limits EffectRemoteStore::LimitsFor(std::uint64_t maxBody) const {
@@ -109,7 +127,7 @@ bool EffectRemoteStore::Get(const std::string& url, std::uint64_t maxBytes, Http
   if (Resting()) return false;
   *response = HttpClient::Get(url, LimitsFor(maxBytes));
   if (IsFailure(*response) && !response->tooLong) {
-    Failed();
+    Failed(Describe("GET", url, *response));
     return false;
   }
   std::lock_guard<std::mutex> guard(lock_);
@@ -118,7 +136,8 @@ bool EffectRemoteStore::Get(const std::string& url, std::uint64_t maxBytes, Http
     return false;
   }
   if (!response->answered || response->status != 200) {
-    ++counts_.errors;
+    Refused(response->tooLong ? "GET " + WithoutCredentials(url) + ": an answer longer than allowed"
+                              : Describe("GET", url, *response));
     return false;
   }
   return true;
@@ -132,7 +151,7 @@ bool EffectRemoteStore::Accept(const HttpClient::Response& response, const std::
   std::lock_guard<std::mutex> guard(lock_);
   if (!valid) {
     data.ZeroCount();
-    ++counts_.errors;
+    Refused(WithoutCredentials(UrlOf(name)) + ": not a valid effect object of that name");
     return false;
   }
   ++counts_.hits;
@@ -160,7 +179,7 @@ bool EffectRemoteStore::FetchKey(const std::string& key, std::string* name, Tab<
   *name = RemoteEffectObject::NameIn(response.body.data(), response.body.size());
   if (name->empty() || RemoteEffectObject::KeyFor(*name) != key) {
     std::lock_guard<std::mutex> guard(lock_);
-    ++counts_.errors;
+    Refused(WithoutCredentials(settings_.baseUrl + key) + ": not the effect object its key names");
     return false;
   }
   return Accept(response, *name, data, permanent, nullptr);
@@ -216,12 +235,12 @@ bool EffectRemoteStore::Store(const std::string& name, bool permanent, std::uint
   const HttpClient::Response response =
       HttpClient::Put(UrlOf(name), object.data(), object.size(), LimitsFor(kAnswerLimit));
   if (IsFailure(response)) {
-    Failed();
+    Failed(Describe("PUT", UrlOf(name), response));
     return false;
   }
   std::lock_guard<std::mutex> guard(lock_);
   if (response.status < 200 || response.status >= 300) {
-    ++counts_.errors;
+    Refused(Describe("PUT", UrlOf(name), response));
     return false;
   }
   ++counts_.stored;

@@ -85,6 +85,10 @@ class EffectRemoteStore {
   const Settings& GetSettings() const { return settings_; }
   std::string UrlOf(const std::string& name) const;
   Counts GetCounts() const;
+  // The last failure in words ("GET http://host/fx/ab/cd...: HTTP 401",
+  // "...: Couldn't connect to server"), the URL without credentials;
+  // empty while there was none.
+  std::string GetLastError() const;
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -101,12 +105,18 @@ class EffectRemoteStore {
   bool Accept(const HttpClient::Response& response, const std::string& name, Tab<unsigned char>& data,
               bool* permanent, std::vector<std::uint8_t>* compressed);
   bool Resting();
-  void Failed();
+  // A failed exchange: counted, the store rests, and why is kept.
+  void Failed(const std::string& why);
+  // An answer refused (counted, no rest): why is kept. With lock_ held.
+  void Refused(const std::string& why);
+  // "GET URL: HTTP 401" and the like.
+  static std::string Describe(const char* method, const std::string& url, const HttpClient::Response& response);
   HttpClient::Limits LimitsFor(std::uint64_t maxBody) const;
 
   const Settings settings_;
-  mutable std::mutex lock_;  // over counts_ and restUntil_
+  mutable std::mutex lock_;  // over counts_, lastError_ and restUntil_
   Counts counts_;
+  std::string lastError_;
   // No request before this time, after a failure; the clock's epoch when
   // none failed.
   Clock::time_point restUntil_;

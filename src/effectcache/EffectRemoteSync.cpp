@@ -74,6 +74,7 @@ EffectRemoteSync::Result EffectRemoteSync::Push(const WStr& folder, const Effect
     done = next;
   }
   result.counts = remote.GetCounts();
+  result.lastError = remote.GetLastError();
   return result;
 }
 
@@ -95,6 +96,7 @@ EffectRemoteSync::Result EffectRemoteSync::PullAll(const WStr& folder, const Eff
     Result result;
     result.noListing = true;
     result.counts = remote.GetCounts();
+    result.lastError = remote.GetLastError();
     return result;
   }
   return PullEach(folder, remote, keys.size(), progress,
@@ -134,6 +136,7 @@ EffectRemoteSync::Result EffectRemoteSync::PullEach(const WStr& folder, EffectRe
   cache.ForceSaveToFile();
   result.ok = cache.IsEnabled();
   result.counts = remote.GetCounts();
+  result.lastError = remote.GetLastError();
   return result;
 }
 

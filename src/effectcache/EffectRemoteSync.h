@@ -38,6 +38,7 @@ class EffectRemoteSync {
     std::uint64_t failed = 0;    // effects left over: requests that failed or were not made
     bool noListing = false;      // PullAll: the store offers no listing of its objects
     EffectRemoteStore::Counts counts;  // what the store saw
+    std::string lastError;             // the store's last failure in words; empty when none
   };
   // Told how many of the effects are done, of how many.
   using Progress = std::function<void(std::uint64_t done, std::uint64_t total)>;

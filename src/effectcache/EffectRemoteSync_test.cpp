@@ -138,6 +138,31 @@ TEST_F(EffectRemoteSyncTest, AStoreWithoutListingsIsSaidToHaveNone) {
   EXPECT_EQ(pulled.moved, 0u);
 }
 
+TEST_F(EffectRemoteSyncTest, AFailureIsToldByItsStatusOrTheTransfersOwnReasonWithoutCredentials) {
+  auto server = RemoteServer::StartFaults(dir_.Path() / "faults");
+  if (!server) TOVREL_SKIP_OR_FAIL(RemoteServer::WhyNone());
+  std::string url = server->Url();
+  url.insert(url.find("://") + 3, "ann:s3cret@");
+  for (const char* status : {"401", "405", "500"}) {
+    SCOPED_TRACE(status);
+    const auto pushed = EffectRemoteSync::Push(WStr(source_.wstring().c_str()), StoreAt(url + "status" + status), nullptr);
+    EXPECT_NE(pushed.lastError.find(std::string("PUT ") + server->Url() + "status" + status + "/"), std::string::npos)
+        << pushed.lastError;
+    EXPECT_NE(pushed.lastError.find(std::string(": HTTP ") + status), std::string::npos) << pushed.lastError;
+    EXPECT_EQ(pushed.lastError.find("s3cret"), std::string::npos);
+  }
+  const auto pulled = EffectRemoteSync::Pull(WStr(destination_.wstring().c_str()), StoreAt(url + "status401"),
+                                             AllNames(), nullptr);
+  EXPECT_NE(pulled.lastError.find(": HTTP 401"), std::string::npos) << pulled.lastError;
+  std::string dead = RemoteServer::DeadUrl();
+  dead.insert(dead.find("://") + 3, "ann:s3cret@");
+  const auto refused = EffectRemoteSync::Push(WStr(source_.wstring().c_str()), StoreAt(dead), nullptr);
+  EXPECT_NE(refused.lastError.find("PUT http://"), std::string::npos) << refused.lastError;
+  EXPECT_EQ(refused.lastError.find("HTTP "), std::string::npos) << refused.lastError;
+  EXPECT_GT(refused.lastError.size(), refused.lastError.find(": ") + 3) << "no reason given: " << refused.lastError;
+  EXPECT_EQ(refused.lastError.find("s3cret"), std::string::npos);
+}
+
 TEST_F(EffectRemoteSyncTest, ADeadStoreLeavesEveryEffectOverAndTheFoldersAsTheyWere) {
   const EffectRemoteStore::Settings store = StoreAt(RemoteServer::DeadUrl());
   const auto pushed = EffectRemoteSync::Push(WStr(source_.wstring().c_str()), store, nullptr);

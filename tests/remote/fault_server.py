@@ -6,7 +6,7 @@ Usage: fault_server.py PORT
 The first path segment chooses what goes wrong:
   /hang/...       reads the request and never answers
   /slow/...       sends the headers, then one byte a second
-  /status500/...  answers 500
+  /statusNNN/...  answers with status NNN (401, 404, 405, 500 ...)
   /redirect/...   answers 302 to another server
   /truncated/...  says the whole object is coming, sends half and closes
   /garbage/...    answers 200 with bytes that are no object
@@ -44,7 +44,8 @@ def read_request(conn):
 
 
 def answer(conn, status, body, length=None):
-    reason = {200: "OK", 201: "Created", 302: "Found", 404: "Not Found", 500: "Internal Server Error"}[status]
+    reason = {200: "OK", 201: "Created", 302: "Found", 401: "Unauthorized", 403: "Forbidden", 404: "Not Found",
+              405: "Method Not Allowed", 500: "Internal Server Error", 503: "Service Unavailable"}.get(status, "Other")
     extra = "Location: http://127.0.0.1:9/elsewhere\r\n" if status == 302 else ""
     size = len(body) if length is None else length
     conn.sendall(("HTTP/1.1 %d %s\r\nContent-Length: %d\r\n%sConnection: close\r\n\r\n"
@@ -69,8 +70,8 @@ def serve(conn):
             for _ in range(3600):
                 conn.sendall(b"x")
                 time.sleep(1)
-        elif mode == "status500":
-            answer(conn, 500, b"broken")
+        elif mode.startswith("status") and mode[6:].isdigit():
+            answer(conn, int(mode[6:]), b"broken")
         elif mode == "redirect":
             answer(conn, 302, b"")
         elif mode == "truncated":

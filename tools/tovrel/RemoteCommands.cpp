@@ -31,6 +31,7 @@ int LeftOver(const EffectRemoteSync::Result& result, Console& console) {
   if (result.failed == 0) return ExitStatus::kOk;
   console.Err() << "tovrel: " << TextFormat::Counted(result.failed, "effect") << " left over: the store failed ("
                 << TextFormat::Counted(result.counts.errors, "error")
+                << (result.lastError.empty() ? std::string() : "; the last: " + result.lastError)
                 << "), and is not asked again for a minute after a failure\n";
   return ExitStatus::kFailed;
 }
@@ -55,6 +56,9 @@ void RemoteCommands::AddTo(std::vector<CommandGroup::Command>& commands) {
 
 int RemoteCommands::Push(const CommandLine& line, Console& console) {
   const EffectRemoteStore::Settings store = StoreOf(line.Positionals()[1]);
+  if (store.readOnly) {
+    throw ToolError(ExitStatus::kUsage, "the store is marked |read-only: nothing can be pushed to it");
+  }
   const UserPath folder(line.Positionals()[0]);
   std::uint64_t total = 0;
   {
@@ -90,8 +94,9 @@ int RemoteCommands::Pull(const CommandLine& line, Console& console) {
                           : EffectRemoteSync::Pull(target, store, names, report);
   progress.Finish();
   if (result.noListing) {
-    throw ToolError(ExitStatus::kFailed, EffectRemoteStore::WithoutCredentials(store.baseUrl) + ": the server offers no listing of its objects; name the "
-                                                         "effects to pull");
+    throw ToolError(ExitStatus::kFailed, EffectRemoteStore::WithoutCredentials(store.baseUrl) +
+                                             ": the server offers no listing of its objects (" + result.lastError +
+                                             "); name the effects to pull");
   }
   if (!result.ok) {
     throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved");

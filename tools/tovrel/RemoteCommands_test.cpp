@@ -75,7 +75,13 @@ TEST_F(RemoteCommandsTest, AFailingStoreLeavesEffectsOverAndBadStoresAreRefused)
   const auto dead = ToolTesting::Run({"effects", "push", ToolTesting::Utf8(first_), RemoteServer::DeadUrl()});
   EXPECT_EQ(dead.status, ExitStatus::kFailed);
   EXPECT_TRUE(ToolTesting::Contains(dead.out, "pushed 0 effects: ")) << dead.out;
-  EXPECT_TRUE(ToolTesting::Contains(dead.err, "3 effects left over: the store failed (1 error)")) << dead.err;
+  EXPECT_TRUE(ToolTesting::Contains(dead.err, "3 effects left over: the store failed (1 error; the last: PUT http://"))
+      << dead.err;
+  const auto readOnly =
+      ToolTesting::Run({"effects", "push", ToolTesting::Utf8(first_), RemoteServer::DeadUrl() + "|read-only"});
+  EXPECT_EQ(readOnly.status, ExitStatus::kUsage);
+  EXPECT_TRUE(ToolTesting::Contains(readOnly.err, "marked |read-only: nothing can be pushed")) << readOnly.err;
+  EXPECT_TRUE(readOnly.out.empty()) << readOnly.out;
   EXPECT_EQ(ToolTesting::Run({"effects", "push", ToolTesting::Utf8(first_), "ftp://x/"}).status, ExitStatus::kUsage);
   EXPECT_EQ(ToolTesting::Run({"effects", "pull", ToolTesting::Utf8(first_), store_}).status, ExitStatus::kUsage);
   EXPECT_EQ(ToolTesting::Run({"effects", "push", ToolTesting::Utf8(dir_.Path() / "none"), store_}).status,
