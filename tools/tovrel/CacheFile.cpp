@@ -2,6 +2,7 @@
 
 #include "ExitStatus.h"
 #include "ToolError.h"
+#include "effectcache/CacheWriteAccess.h"
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectIndex.h"
 #include "platform/WideText.h"
@@ -11,6 +12,18 @@ namespace Tool {
 
 UserPath CacheFile::FileOf(const UserPath& folder) {
   return UserPath(WideText::ToUtf8(CacheFileNames::CacheFilePathFor(WStr(folder.Absolute())).data()));
+}
+
+std::string CacheFile::ChangeFailed(const UserPath& folder, const std::string& what) {
+  std::string why = folder.Typed() + ": the effect cache could not be " + what;
+  try {
+    const CacheFile cache(folder);  // under the mutex: the journal probe races no save
+    const CacheWriteAccess::Why access = CacheWriteAccess::Check(cache.File().Absolute());
+    if (access != CacheWriteAccess::Why::kWritable) why += std::string(" (") + CacheWriteAccess::Describe(access) + ")";
+  } catch (const ToolError&) {
+    // No file to ask: the plain words.
+  }
+  return why;
 }
 
 CacheFile::CacheFile(const UserPath& folder) : folder_(folder), header_{} {

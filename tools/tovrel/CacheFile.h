@@ -41,6 +41,11 @@ class CacheFile {
   // there is none or it is not a cache the library would load.
   explicit CacheFile(const UserPath& folder);
 
+  // Why a change to the folder's cache failed, for its message: ": the
+  // effect cache could not be <what>", with " (read only: ...)" when a
+  // host could not write the file (see CacheWriteAccess).
+  static std::string ChangeFailed(const UserPath& folder, const std::string& what);
+
   const UserPath& Folder() const { return folder_; }
   const UserPath& File() const { return file_->File(); }
   std::uint64_t FileSize() const { return file_->FileSize(); }

@@ -368,7 +368,7 @@ int EffectCommands::Stats(const CommandLine& line, Console& console) {
       if (damaged) {
         throw ToolError(ExitStatus::kUnreadable, folder.Typed() + ": the cache file is damaged, so nothing was changed");
       }
-      throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved");
+      throw ToolError(ExitStatus::kFailed, CacheFile::ChangeFailed(folder, "opened or saved"));
     }
     if (!line.Has("--json")) console.Out() << "hit statistics zeroed\n";
   }

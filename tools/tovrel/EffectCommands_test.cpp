@@ -310,6 +310,11 @@ int CheckStatsInAReadOnlyFolder(const fs::path& folder) {
       {"effects", "put", ToolTesting::Utf8(folder), "new/one", ToolTesting::Utf8(folder / "norvaneFxoCache.dat")});
   EXPECT_EQ(put.status, ExitStatus::kFailed);
   EXPECT_TRUE(ToolTesting::Contains(put.err, "did not keep new/one (read only: cannot create the journal)")) << put.err;
+  // So does a change that fails.
+  const ToolTesting::Result clear = ToolTesting::RunOn("effects", "clear", folder);
+  EXPECT_EQ(clear.status, ExitStatus::kFailed);
+  EXPECT_TRUE(ToolTesting::Contains(clear.err, "could not be opened or saved (read only: cannot create the journal)"))
+      << clear.err;
   fs::permissions(folder, fs::perms::owner_write, fs::perm_options::add);
   return ::testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0;
 }

@@ -39,7 +39,7 @@ void PrintResult(const EffectCacheMaintenance::Result& result, const UserPath& f
                  Console& console) {
   RefuseDamaged(result.damaged, folder);
   if (!result.ok) {
-    throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved");
+    throw ToolError(ExitStatus::kFailed, CacheFile::ChangeFailed(folder, "opened or saved"));
   }
   console.Out() << (dryRun ? "would remove " : "removed ") << TextFormat::Counted(result.removedEffects, "effect")
                 << ": " << TextFormat::Bytes(result.removedBytes) << " stored\n"
@@ -97,7 +97,7 @@ int MaintenanceCommands::CompactFolder(const UserPath& folder, const std::string
   const auto result = EffectCacheMaintenance::Compact(WStr(folder.Absolute().c_str()));
   RefuseDamaged(result.damaged, folder);
   if (!result.ok) {
-    throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or compacted");
+    throw ToolError(ExitStatus::kFailed, CacheFile::ChangeFailed(folder, "opened or compacted"));
   }
   PrintCompaction(shownFile, result.fileBytesBefore, result.fileBytesAfter, console);
   return ExitStatus::kOk;
@@ -124,7 +124,7 @@ int MaintenanceCommands::Merge(const CommandLine& line, Console& console) {
   const auto result = EffectCacheMaintenance::Merge(WStr(destination.Absolute().c_str()), folders);
   RefuseDamaged(result.damaged, destination);
   if (!result.ok) {
-    throw ToolError(ExitStatus::kFailed, destination.Typed() + ": the effect cache could not be opened or saved");
+    throw ToolError(ExitStatus::kFailed, CacheFile::ChangeFailed(destination, "opened or saved"));
   }
   console.Out() << "copied " << TextFormat::Counted(result.copiedEffects, "effect") << ": "
                 << TextFormat::Bytes(result.copiedBytes) << " stored\n";

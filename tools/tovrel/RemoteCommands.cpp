@@ -99,7 +99,7 @@ int RemoteCommands::Pull(const CommandLine& line, Console& console) {
                                              "); name the effects to pull");
   }
   if (!result.ok) {
-    throw ToolError(ExitStatus::kFailed, folder.Typed() + ": the effect cache could not be opened or saved");
+    throw ToolError(ExitStatus::kFailed, CacheFile::ChangeFailed(folder, "opened or saved"));
   }
   console.Out() << "pulled " << TextFormat::Counted(result.moved, "effect") << ": " << TextFormat::Bytes(result.bytes)
                 << " from " << EffectRemoteStore::WithoutCredentials(store.baseUrl) << "\n";
