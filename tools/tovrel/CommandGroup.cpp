@@ -22,6 +22,12 @@ int CommandGroup::Run(const std::vector<std::string>& words, Console& console) c
     PrintHelp(console.Err());
     return ExitStatus::kUsage;
   }
+  if (words[0] == "help" && words.size() > 1) {
+    // "help effects list" is "effects list --help".
+    std::vector<std::string> asked(words.begin() + 1, words.end());
+    asked.push_back("--help");
+    return Run(asked, console);
+  }
   if (words[0] == "--help" || words[0] == "-h" || words[0] == "help") {
     PrintHelp(console.Out());
     return ExitStatus::kOk;

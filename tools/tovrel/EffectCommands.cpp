@@ -260,8 +260,8 @@ std::shared_ptr<CommandGroup> EffectCommands::Group() {
                              "first) or by last use (least recent first). --json writes a JSON array.\n",
                              {"--json"}, {"--sort"}, 1, 2, &EffectCommands::List, nullptr});
   commands.push_back(Command{"get", "FOLDER NAME [-o FILE] [--force]", "an effect's bytes",
-                             "Writes the effect's bytes, decompressed, to FILE (-o) or standard output;\n"
-                             "to a terminal only with --force.\n",
+                             "Writes the effect's bytes, decompressed, to FILE (-o) or standard output\n"
+                             "(also with -o -); to a terminal only with --force.\n",
                              {"--force"}, {"-o"}, 2, 2, &EffectCommands::Get, nullptr});
   commands.push_back(Command{"put", "FOLDER NAME FILE [--permanent]", "store a file as an effect",
                              "Stores FILE's bytes (1 byte to 1 MiB) as the effect NAME through the library's\n"
@@ -307,12 +307,14 @@ int EffectCommands::List(const CommandLine& line, Console& console) {
 
 int EffectCommands::Get(const CommandLine& line, Console& console) {
   const std::string& name = line.Positionals()[1];
-  if (!line.HasValue("-o")) console.RefuseBinaryOnTerminal(line.Has("--force"));
+  // "-o -" is standard output, as most tools take it.
+  const bool toFile = line.HasValue("-o") && line.Value("-o", "") != "-";
+  if (!toFile) console.RefuseBinaryOnTerminal(line.Has("--force"));
   Tab<unsigned char> data;
   {
     const CacheFile cache{UserPath(line.Positionals()[0])};
     const CacheFile::Entry* entry = cache.Find(name);
-    if (entry == nullptr) throw ToolError(ExitStatus::kFailed, line.Positionals()[0] + ": no effect " + name);
+    if (entry == nullptr) throw ToolError(ExitStatus::kFailed, line.Positionals()[0] + ": no effect " + Shown(name));
     const EffectPayload::Result result = cache.Read(*entry, data);
     if (result != EffectPayload::Result::kOk) {
       throw ToolError(ExitStatus::kFailed, line.Positionals()[0] + ": effect " + name + ": " +
@@ -320,7 +322,7 @@ int EffectCommands::Get(const CommandLine& line, Console& console) {
     }
   }
   const auto size = static_cast<std::size_t>(data.Count());
-  if (line.HasValue("-o")) {
+  if (toFile) {
     LocalFile::Write(UserPath(line.Value("-o", "")), data.Addr(0), size);
   } else {
     console.Out().write(reinterpret_cast<const char*>(data.Addr(0)), static_cast<std::streamsize>(size));

@@ -5,6 +5,7 @@
 
 #include "CacheFile.h"
 #include "ExitStatus.h"
+#include "NamePattern.h"
 #include "TextFormat.h"
 #include "ToolError.h"
 #include "UserPath.h"
@@ -53,8 +54,10 @@ void MaintenanceCommands::AddTo(std::vector<CommandGroup::Command>& commands) {
   using Command = CommandGroup::Command;
   commands.push_back(Command{"remove", "FOLDER NAME... [--dry-run]", "take named effects out of the cache",
                              "Removes the named effects, permanent or not, in one save under the cache's\n"
-                             "mutex; hosts using the folder see the change at their next search. Names\n"
-                             "the cache does not hold are listed (exit status 1).\n",
+                             "mutex; hosts using the folder see the change at their next search. A NAME\n"
+                             "with * or ? is a pattern, as list takes it (quote it from the shell), and\n"
+                             "names every effect it matches. Names the cache does not hold, and patterns\n"
+                             "that match nothing, are listed (exit status 1).\n",
                              {"--dry-run"}, {}, 2, ~std::size_t{0}, &MaintenanceCommands::Remove, nullptr});
   commands.push_back(Command{"clear", "FOLDER [--keep-permanent] [--dry-run]", "take every effect out",
                              "Removes every effect, or with --keep-permanent every one that is not\n"
@@ -143,13 +146,33 @@ int MaintenanceCommands::Merge(const CommandLine& line, Console& console) {
 }
 
 int MaintenanceCommands::Remove(const CommandLine& line, Console& console) {
-  const UserPath folder = CheckedFolder(line);
-  const std::vector<std::string> names(line.Positionals().begin() + 1, line.Positionals().end());
+  const UserPath folder(line.Positionals()[0]);
+  // Patterns, as list takes them, name the effects they match now.
+  std::vector<std::string> names;
+  std::vector<std::string> unmatched;
+  {
+    const CacheFile cache(folder);
+    for (std::size_t i = 1; i < line.Positionals().size(); ++i) {
+      const std::string& word = line.Positionals()[i];
+      if (word.find_first_of("*?") == std::string::npos) {
+        names.push_back(word);
+        continue;
+      }
+      const std::size_t before = names.size();
+      for (const CacheFile::Entry& entry : cache.Entries()) {
+        if (NamePattern::Matches(word, entry.name)) names.push_back(entry.name);
+      }
+      if (names.size() == before) unmatched.push_back(word);
+    }
+  }
   const bool dryRun = line.Has("--dry-run");
   const auto result = EffectCacheMaintenance::Remove(WStr(folder.Absolute().c_str()), names, dryRun);
   PrintResult(result, folder, dryRun, console);
   for (const std::string& name : result.notFound) console.Err() << "tovrel: " << folder.Typed() << ": no effect " << name << "\n";
-  return result.notFound.empty() ? ExitStatus::kOk : ExitStatus::kFailed;
+  for (const std::string& pattern : unmatched) {
+    console.Err() << "tovrel: " << folder.Typed() << ": no effect matches " << pattern << "\n";
+  }
+  return result.notFound.empty() && unmatched.empty() ? ExitStatus::kOk : ExitStatus::kFailed;
 }
 
 int MaintenanceCommands::Clear(const CommandLine& line, Console& console) {

@@ -60,6 +60,20 @@ TEST_F(MaintenanceCommandsTest, RemoveTakesTheNamedEffectsAndListsTheMissing) {
   EXPECT_EQ(Names(), (std::vector<std::string>{"fx/0", "fx/2", "fx/3", "fx/4"}));
 }
 
+TEST_F(MaintenanceCommandsTest, RemoveTakesPatternsAsListDoes) {
+  const auto dry = Run("remove", {"--dry-run", "fx/?"});
+  EXPECT_EQ(dry.status, ExitStatus::kOk) << dry.err;
+  EXPECT_TRUE(ToolTesting::Contains(dry.out, "would remove 6 effects")) << dry.out;
+  EXPECT_EQ(Names().size(), 6u);
+  const std::uint64_t gone = StoredOf({"fx/1", "fx/5"});
+  const std::uint64_t left = StoredOf({"fx/0", "fx/2", "fx/3", "fx/4"});
+  const auto result = Run("remove", {"fx/1", "*5", "zz*"});
+  EXPECT_EQ(result.status, ExitStatus::kFailed);
+  EXPECT_EQ(result.out, Lines("removed", 2, gone, "left", 4, left));
+  EXPECT_EQ(result.err, "tovrel: " + ToolTesting::Utf8(folder_) + ": no effect matches zz*\n");
+  EXPECT_EQ(Names(), (std::vector<std::string>{"fx/0", "fx/2", "fx/3", "fx/4"}));
+}
+
 TEST_F(MaintenanceCommandsTest, ClearKeepsThePermanentWhenAskedAndADryRunWritesNothing) {
   const auto before = TempDir::ReadAll(CacheFile());
   const auto dry = Run("clear", {"--dry-run"});

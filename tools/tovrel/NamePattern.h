@@ -1,7 +1,7 @@
 // NamePattern: a shell-style pattern over effect names, as `effects list`
-// filters with: "*" matches any run of bytes (none included), "?" any one
-// byte, every other byte itself. Names are UTF-8; "?" matches a byte, not
-// a character. Stateless; safe from any thread.
+// and `effects remove` take them: "*" matches any run of characters (none
+// included), "?" any one character (of UTF-8, however many bytes), every
+// other byte itself. Stateless; safe from any thread.
 #ifndef TOVREL_TOOL_NAMEPATTERN_H
 #define TOVREL_TOOL_NAMEPATTERN_H
 

@@ -20,7 +20,15 @@ TEST(NamePatternTest, StarsAndQuestionMarksMatchAsInAShell) {
   EXPECT_FALSE(NamePattern::Matches("exact", "exactly"));
   EXPECT_FALSE(NamePattern::Matches("", "x"));
   EXPECT_TRUE(NamePattern::Matches("\xE4\xB8\xAD*", "\xE4\xB8\xAD\xE6\x96\x87"));  // UTF-8 bytes
-  EXPECT_TRUE(NamePattern::Matches("??", "\xC3\xA9"));  // one character, two bytes
+  // "?" takes one character, however many bytes it has.
+  EXPECT_TRUE(NamePattern::Matches("?", "\xC3\xA9"));
+  EXPECT_FALSE(NamePattern::Matches("??", "\xC3\xA9"));
+  EXPECT_TRUE(NamePattern::Matches("fx/?.fxo", "fx/\xF0\x9F\x98\x80.fxo"));
+  EXPECT_FALSE(NamePattern::Matches("*?\xA9", "a\xC3\xA9"));  // no character ends in that byte alone
+  EXPECT_TRUE(NamePattern::Matches("*\xE6\x96\x87", "\xE4\xB8\xAD\xE6\x96\x87"));
+  EXPECT_TRUE(NamePattern::Matches("*?", "\xE4\xB8\xAD\xE6\x96\x87"));
+  EXPECT_TRUE(NamePattern::Matches("??", "\xE4\xB8\xAD\xE6\x96\x87"));
+  EXPECT_FALSE(NamePattern::Matches("???", "\xE4\xB8\xAD\xE6\x96\x87"));
 }
 
 TEST(NamePatternTest, ManyStarsOnALongNameStayFast) {

@@ -248,7 +248,7 @@ std::shared_ptr<CommandGroup> PackageCommands::Group() {
                              "--json: one object {file, journal, problems, checked, ok}.\n\n"
                              "exit status: 0 no problem, 1 problems found, 2 the file cannot be read at all\n",
                              {"--json"}, {}, 1, 1, &PackageCommands::Verify, nullptr});
-  return std::make_shared<CommandGroup>("tovrel package", "Looks into a package file; changes nothing.",
+  return std::make_shared<CommandGroup>("tovrel package", "Looks into a package file; only compact changes it.",
                                         std::move(commands));
 }
 

@@ -75,6 +75,30 @@ TEST(TovrelToolTest, TheProgramFailsIntoAFullDevice) {
 }
 #endif
 
+TEST(TovrelToolTest, HelpNamesTheGroupOrCommandAskedFor) {
+  const ToolTesting::Result group = ToolTesting::Run({"help", "effects"});
+  EXPECT_EQ(group.status, ExitStatus::kOk);
+  EXPECT_TRUE(ToolTesting::Contains(group.out, "usage: tovrel effects COMMAND")) << group.out;
+  const ToolTesting::Result command = ToolTesting::Run({"help", "effects", "salvage"});
+  EXPECT_EQ(command.status, ExitStatus::kOk);
+  EXPECT_TRUE(ToolTesting::Contains(command.out, "usage: tovrel effects salvage FOLDER")) << command.out;
+  EXPECT_EQ(ToolTesting::Run({"help", "frob"}).status, ExitStatus::kUsage);
+  const ToolTesting::Result package = ToolTesting::Run({"help", "package"});
+  EXPECT_TRUE(ToolTesting::Contains(package.out, "only compact changes it")) << package.out;
+}
+
+TEST(TovrelToolTest, DashForOutputIsStandardOutput) {
+  TempDir dir;
+  ToolTesting::MakeCache(dir.Path() / "fx", 3, 1500);
+  const ToolTesting::Result plain = ToolTesting::Run({"effects", "get", ToolTesting::Utf8(dir.Path() / "fx"), "fx/1"});
+  const ToolTesting::Result dash =
+      ToolTesting::Run({"effects", "get", ToolTesting::Utf8(dir.Path() / "fx"), "fx/1", "-o", "-"});
+  EXPECT_EQ(dash.status, ExitStatus::kOk) << dash.err;
+  EXPECT_EQ(dash.out, plain.out);
+  EXPECT_EQ(dash.out.size(), 1501u);
+  EXPECT_FALSE(fs::exists(fs::current_path() / "-"));
+}
+
 TEST(TovrelToolTest, AnEmptyArgumentIsAUsageErrorAndTouchesNothing) {
   TempDir dir;
   const fs::path here = fs::current_path();
