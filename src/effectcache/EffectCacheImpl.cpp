@@ -445,6 +445,9 @@ bool EffectCacheImpl::RemoveStored(const RemovalChoice& choose, bool dryRun, Rem
       if (gone[i]) package_->RemoveStream(fileEffects_.At(i).record.streamId);
     }
     fileEffects_.EraseMarked(gone);
+    // What maintenance takes out counts as trimmed in the statistics, as a
+    // host's own trims do.
+    counts_.trimmed += static_cast<std::uint64_t>(std::count(gone.begin(), gone.end(), true));
     return saver_.SaveDirectory();
   });
 }

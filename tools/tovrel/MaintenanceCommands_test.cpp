@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -85,6 +87,9 @@ TEST_F(MaintenanceCommandsTest, ClearKeepsThePermanentWhenAskedAndADryRunWritesN
   EXPECT_EQ(Names(), (std::vector<std::string>{"fx/0", "fx/5"}));
   EXPECT_EQ(Run("clear").status, ExitStatus::kOk);
   EXPECT_TRUE(Names().empty());
+  // Every effect the tool took out counts as trimmed.
+  const nlohmann::json stats = nlohmann::json::parse(Run("stats", {"--json"}).out);
+  EXPECT_EQ(stats.at("searches").at("effectsTrimmed"), 6);
 }
 
 TEST_F(MaintenanceCommandsTest, TrimToASizeSaysWhenOnlyPermanentEffectsAreLeft) {

@@ -23,11 +23,16 @@ ProgressReporter::ProgressReporter(const Console& console, std::string label, st
 
 ProgressReporter::~ProgressReporter() { Finish(); }
 
+void ProgressReporter::Update(std::uint64_t done, std::uint64_t total) {
+  total_ = total;
+  Update(done);
+}
+
 void ProgressReporter::Update(std::uint64_t done) {
   if (finished_ || !console_.MessagesOnTerminal()) return;
   const Clock::time_point now = now_();
   if (now - start_ < kQuietTime) return;
-  if (shown_ && now - lastDrawn_ < kRedrawInterval && done < total_) return;
+  if (shown_ && now - lastDrawn_ < kRedrawInterval && (total_ == 0 || done < total_)) return;
   lastDrawn_ = now;
   Draw(done);
 }
@@ -35,7 +40,8 @@ void ProgressReporter::Update(std::uint64_t done) {
 void ProgressReporter::Draw(std::uint64_t done) {
   char percent[16] = "";
   if (total_ > 0) std::snprintf(percent, sizeof percent, " (%d %%)", static_cast<int>(100.0 * done / total_));
-  const std::string line = label_ + ": " + TextFormat::Count(done) + "/" + TextFormat::Count(total_) + percent;
+  const std::string line =
+      label_ + ": " + TextFormat::Count(done) + (total_ > 0 ? "/" + TextFormat::Count(total_) : std::string()) + percent;
   std::string padded = line;
   if (padded.size() < drawnWidth_) padded.resize(drawnWidth_, ' ');
   console_.Err() << "\r" << padded << std::flush;

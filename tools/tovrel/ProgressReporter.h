@@ -1,5 +1,6 @@
 // ProgressReporter: "label: done/total (pct %)" on the messages of a
-// console, for work that may take a while.
+// console, for work that may take a while; "label: done" while the total
+// is not known (0).
 //
 // Nothing is drawn unless the messages go to a terminal, and nothing
 // before the work has run for a second: short work and output that a
@@ -38,6 +39,8 @@ class ProgressReporter {
 
   // Records that `done` of the total are done, drawing when it is time.
   void Update(std::uint64_t done);
+  // The same, with the total learnt on the way (a listing read).
+  void Update(std::uint64_t done, std::uint64_t total);
   // Wipes the line if one was drawn; later updates draw nothing.
   void Finish();
   bool HasShown() const { return shown_; }

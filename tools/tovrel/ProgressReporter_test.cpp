@@ -45,6 +45,19 @@ TEST(ProgressReporterTest, ShowsDoneAndTotalAfterASecondAndWipesTheLineAtTheEnd)
   EXPECT_EQ(out.str(), "");
 }
 
+TEST(ProgressReporterTest, AnUnknownTotalShowsACountAndOneLearntLaterShowsBoth) {
+  std::ostringstream out, err;
+  Console console(out, err, true);
+  FakeClock clock;
+  ProgressReporter progress(console, "effects", 0, clock.Function());
+  clock.Advance(1000);
+  progress.Update(1);
+  EXPECT_EQ(err.str(), "\reffects: 1");
+  clock.Advance(200);
+  progress.Update(2, 8);
+  EXPECT_EQ(err.str(), "\reffects: 1\reffects: 2/8 (25 %)");
+}
+
 TEST(ProgressReporterTest, RedrawsAtMostTenTimesASecondButAlwaysTheEnd) {
   std::ostringstream out, err;
   Console console(out, err, true);

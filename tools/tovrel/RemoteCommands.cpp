@@ -88,7 +88,7 @@ int RemoteCommands::Pull(const CommandLine& line, Console& console) {
   }
   const std::vector<std::string> names(line.Positionals().begin() + 2, line.Positionals().end());
   ProgressReporter progress(console, "effects", names.size());
-  const auto report = [&](std::uint64_t done, std::uint64_t) { progress.Update(done); };
+  const auto report = [&](std::uint64_t done, std::uint64_t total) { progress.Update(done, total); };
   const WStr target(folder.Absolute().c_str());
   const auto result = all ? EffectRemoteSync::PullAll(target, store, report)
                           : EffectRemoteSync::Pull(target, store, names, report);
