@@ -18,3 +18,6 @@ rm -rf "$folder"
 "$dir/tovrel" demo "$folder"
 echo
 "$dir/tovrel" demo "$folder"
+echo
+echo "The tool is $dir/tovrel; to call it as README's examples do:"
+echo "  export PATH=\"$PWD/$dir:\$PATH\""
