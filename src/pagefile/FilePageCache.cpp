@@ -316,8 +316,10 @@ void FilePageCache::Prefetch(std::uint64_t firstPageId, std::uint64_t pages) {
     staging_.resize(n * kPageSize);
     PageFileIO::ReadPage(file_, fileLength_, staging_.data(), first * kPageSize, n);
     std::vector<std::unique_ptr<CachedPage>> loaded;
+    loaded.reserve(n);  // so that no page is ever held by a raw pointer while the vector grows
     for (std::uint64_t i = 0; i < n; ++i) {
-      loaded.emplace_back(new CachedPage);
+      std::unique_ptr<CachedPage> made(new CachedPage);
+      loaded.push_back(std::move(made));
       CachedPage& page = *loaded.back();
       page.index = first + i;
       page.pinCount = 0;
