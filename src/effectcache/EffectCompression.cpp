@@ -71,8 +71,9 @@ bool DecodedByLibdeflate(std::uint8_t* dest, std::uint64_t& destLen, const std::
   if (!LibdeflateTakes(destLen, source, sourceLen)) return false;
   const std::uint8_t* bytes = nullptr;
   std::size_t produced = 0;
-  if (!LibdeflateInflater::ForThisThread().Inflate(source, static_cast<std::size_t>(sourceLen),
-                                                   static_cast<std::size_t>(destLen), bytes, produced)) {
+  const LibdeflateInflater::Lease inflater = LibdeflateInflater::Borrow();
+  if (inflater.Get() == nullptr || !inflater->Inflate(source, static_cast<std::size_t>(sourceLen),
+                                                      static_cast<std::size_t>(destLen), bytes, produced)) {
     return false;
   }
   if (produced != 0) std::memcpy(dest, bytes, produced);
@@ -97,11 +98,13 @@ int EffectCompression::DecompressEffectDirect(std::uint8_t* dest, std::uint64_t&
   uLongf length = static_cast<uLongf>(destLen);
   if (length != destLen || static_cast<uLong>(sourceLen) != sourceLen) return kBufferError;
   std::size_t produced = 0;
-  if (LibdeflateTakes(destLen, source, sourceLen) &&
-      LibdeflateInflater::ForThisThread().InflateInto(source, static_cast<std::size_t>(sourceLen), dest,
-                                                      static_cast<std::size_t>(destLen), produced)) {
-    destLen = produced;
-    return kOk;
+  if (LibdeflateTakes(destLen, source, sourceLen)) {
+    const LibdeflateInflater::Lease inflater = LibdeflateInflater::Borrow();
+    if (inflater.Get() != nullptr && inflater->InflateInto(source, static_cast<std::size_t>(sourceLen), dest,
+                                                           static_cast<std::size_t>(destLen), produced)) {
+      destLen = produced;
+      return kOk;
+    }
   }
   const int result = uncompress(dest, &length, source, static_cast<uLong>(sourceLen));
   destLen = length;

@@ -268,7 +268,7 @@ std::vector<std::uint64_t> Rooms(std::uint64_t size) {
 
 TEST(EffectCompressionTest, StreamsOfEveryLevelAndShapeInEveryRoom) {
   Comparison comparison;
-  const std::uint64_t decodedBefore = LibdeflateInflater::ForThisThread().Decoded();
+  const std::uint64_t decodedBefore = LibdeflateInflater::DecodedTotal();
   std::size_t strict = 0, fitting = 0, decodable = 0;
   for (const auto& input : Inputs()) {
     for (int level = 0; level <= 9; ++level) {
@@ -289,7 +289,7 @@ TEST(EffectCompressionTest, StreamsOfEveryLevelAndShapeInEveryRoom) {
   // all but those of fixed codes and of dynamic blocks before the last;
   // once for each of the two decoders.
   EXPECT_GE(strict, 30u);
-  EXPECT_EQ(LibdeflateInflater::ForThisThread().Decoded() - decodedBefore, 2 * decodable);
+  EXPECT_EQ(LibdeflateInflater::DecodedTotal() - decodedBefore, 2 * decodable);
 }
 
 TEST(EffectCompressionTest, EveryBitOfSmallStreamsFlipped) {
@@ -381,12 +381,12 @@ TEST(EffectCompressionTest, WhatLibdeflateAloneTakesAndZlibRefusesGoesToZlib) {
 TEST(EffectCompressionTest, AnEmptyStoredStreamGivesNoBytes) {
   // A last stored block of no bytes and the Adler-32 of nothing.
   const std::vector<std::uint8_t> empty{0x78, 0x01, 0x01, 0x00, 0x00, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x01};
-  const std::uint64_t before = LibdeflateInflater::ForThisThread().Decoded();
+  const std::uint64_t before = LibdeflateInflater::DecodedTotal();
   Comparison comparison;
   for (std::uint64_t room : {0u, 1u, 5u}) ASSERT_TRUE(comparison.Check(empty, room));
   EXPECT_EQ(comparison.succeeded, 3u);
   // Rooms 1 and 5, once for each of the two decoders; room 0 is uncompress's.
-  EXPECT_EQ(LibdeflateInflater::ForThisThread().Decoded(), before + 4);
+  EXPECT_EQ(LibdeflateInflater::DecodedTotal(), before + 4);
 }
 
 TEST(EffectCompressionTest, ManyRandomDamagesOfStreamsAsTheCacheWritesThem) {

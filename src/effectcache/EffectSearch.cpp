@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "effectcache/EffectCacheImpl.h"
+#include "effectcache/ScratchPool.h"
 #include "host/TabOutOfRangeException.h"
 #include "package/DirectStreamReader.h"
 #include "platform/LocalClock.h"
@@ -15,11 +16,11 @@ EffectSearch::EffectSearch(EffectCacheImpl& cache) : cache_(cache) {}
 
 namespace {
 
-// A search's compressed bytes, kept between the searches of one thread so
-// that each one does not allocate its own.
-std::vector<std::uint8_t>& SearchBuffer() {
-  thread_local std::vector<std::uint8_t> buffer;
-  return buffer;
+// Buffers for a search's compressed bytes, kept between searches so that
+// each one does not allocate its own.
+ScratchPool<std::vector<std::uint8_t>>::Lease BorrowSearchBuffer() {
+  static ScratchPool<std::vector<std::uint8_t>> pool;
+  return pool.Borrow();
 }
 
 }  // namespace
@@ -28,7 +29,9 @@ bool EffectSearch::Search(const std::string& key, Tab<unsigned char>& data) {
   // Queued for the background save, or in the save under way: the newest
   // copy, found without the object's lock (the save may hold it).
   if (cache_.queue_.Find(key, data)) return true;
-  std::vector<std::uint8_t>& compressed = SearchBuffer();
+  const auto buffer = BorrowSearchBuffer();
+  if (buffer.Get() == nullptr) throw std::bad_alloc();
+  std::vector<std::uint8_t>& compressed = *buffer;
   EffectRecord record{};
   Found found = FindShared(key, data, &record, compressed);
   // Bytes that fail their checks are looked at again under the locks:

@@ -2,14 +2,23 @@
 
 #include <libdeflate.h>
 
+#include <atomic>
 #include <cstdlib>
 
 namespace Tovrel {
 
-LibdeflateInflater& LibdeflateInflater::ForThisThread() {
-  thread_local LibdeflateInflater inflater;
-  return inflater;
+namespace {
+
+std::atomic<std::uint64_t> decodedTotal{0};
+
+}  // namespace
+
+LibdeflateInflater::Lease LibdeflateInflater::Borrow() {
+  static ScratchPool<LibdeflateInflater> pool;
+  return pool.Borrow();
 }
+
+std::uint64_t LibdeflateInflater::DecodedTotal() { return decodedTotal.load(std::memory_order_relaxed); }
 
 LibdeflateInflater::~LibdeflateInflater() {
   libdeflate_free_decompressor(decompressor_);
@@ -44,6 +53,7 @@ bool LibdeflateInflater::Inflate(const std::uint8_t* source, std::size_t size, s
   }
   out = buffer_;
   ++decoded_;
+  decodedTotal.fetch_add(1, std::memory_order_relaxed);
   return true;
 }
 
@@ -57,6 +67,7 @@ bool LibdeflateInflater::InflateInto(const std::uint8_t* source, std::size_t siz
     return false;
   }
   ++decoded_;
+  decodedTotal.fetch_add(1, std::memory_order_relaxed);
   return true;
 }
 

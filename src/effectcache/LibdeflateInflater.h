@@ -1,6 +1,8 @@
 // LibdeflateInflater: libdeflate's decompressor with an output buffer of
-// its own, one of each per thread, made when the thread first decodes and
-// freed when it ends.
+// its own. Decoders borrow one from a pool of the process (Borrow) for
+// one decode and give it back: the decompressor is made at the first
+// decode and kept, with the buffer, for the next borrower; the pool keeps
+// a bounded number and frees them when the library is unloaded.
 //
 // A stream is decoded into the buffer, not into the caller's: libdeflate
 // may write anywhere in the room it is given, past the bytes it produces
@@ -8,13 +10,16 @@
 // writes its bytes and nothing else. Only bytes a caller takes are copied
 // out. Memory comes from malloc, as zlib's and libdeflate's own does.
 //
-// Thread-safety: each thread has its own; an instance is used by its
-// thread only.
+// Thread-safety: an instance is used by one thread at a time, the one
+// holding its lease; Borrow and DecodedTotal may be called from any
+// thread.
 #ifndef TOVREL_EFFECTCACHE_LIBDEFLATEINFLATER_H
 #define TOVREL_EFFECTCACHE_LIBDEFLATEINFLATER_H
 
 #include <cstddef>
 #include <cstdint>
+
+#include "effectcache/ScratchPool.h"
 
 struct libdeflate_decompressor;
 
@@ -25,9 +30,16 @@ class LibdeflateInflater {
   // The most bytes the buffer holds: as many as the largest effect.
   static constexpr std::size_t kBufferLimit = std::size_t{1} << 20;
 
-  // The calling thread's inflater.
-  static LibdeflateInflater& ForThisThread();
+  using Lease = ScratchPool<LibdeflateInflater>::Lease;
 
+  // An inflater of the process's pool, the calling thread's until the
+  // lease ends; a lease of null when no memory is left for a new one.
+  static Lease Borrow();
+  // Streams decoded with success by every inflater of the process (for
+  // tests).
+  static std::uint64_t DecodedTotal();
+
+  LibdeflateInflater() = default;
   ~LibdeflateInflater();
   LibdeflateInflater(const LibdeflateInflater&) = delete;
   LibdeflateInflater& operator=(const LibdeflateInflater&) = delete;
@@ -47,15 +59,14 @@ class LibdeflateInflater {
   bool InflateInto(const std::uint8_t* source, std::size_t size, std::uint8_t* dest, std::size_t room,
                    std::size_t& produced);
 
-  // Whether this thread's decompressor has been made (for tests).
+  // Whether the decompressor has been made (for tests).
   bool HasDecompressor() const { return decompressor_ != nullptr; }
   // Bytes the buffer holds now (for tests).
   std::size_t Capacity() const { return capacity_; }
-  // Streams this thread decoded with success (for tests).
+  // Streams this inflater decoded with success (for tests).
   std::uint64_t Decoded() const { return decoded_; }
 
  private:
-  LibdeflateInflater() = default;
   bool Reserve(std::size_t bytes);
 
   libdeflate_decompressor* decompressor_ = nullptr;
