@@ -1,7 +1,8 @@
-// Transient trouble loses nothing a completed save stored: one file call
-// failing with EIO or EMFILE, or one allocation failing, anywhere in two
-// host objects' rounds of caching, searching and saving on one folder,
-// then more saves by them and by a third object with the trouble gone.
+// Transient trouble loses nothing a completed save stored and leaks no
+// open handle: one file call failing with EIO or EMFILE, or one allocation
+// failing, anywhere in two host objects' rounds of caching, searching and
+// saving on one folder, then more saves by them and by a third object with
+// the trouble gone.
 // CI runs a spread sample of the points; TOVREL_CRASH_EXHAUSTIVE=1 runs
 // every one (tools/crash.sh).
 #include <gtest/gtest.h>
@@ -20,6 +21,7 @@
 #include "support/EffectTesting.h"
 #include "support/EffectFaultWorkload.h"
 #include "support/InstalledFileSystem.h"
+#include "support/OpenHandles.h"
 #include "support/TempDir.h"
 
 namespace Tovrel {
@@ -63,13 +65,22 @@ class EffectCacheTransientFaultsTest : public ::testing::Test {
     ::testing::Test::RecordProperty("seed" + std::to_string(seed) + "_fault_points", std::to_string(chosen.size()));
     int failures = 0;
     for (std::uint64_t n : chosen) {
-      std::unique_ptr<Testing::InstalledFileSystem> files(inMemory ? new Testing::InstalledFileSystem : nullptr);
-      EffectFaultWorkload workload(Folder("fx" + std::to_string(n)), seed);
+      const std::size_t handles = Testing::OpenHandles::Count();
       std::string wrong;
-      try {
-        wrong = workload.Run(fault, n, error);
-      } catch (const std::exception& e) {
-        wrong = std::string("an exception left the workload: ") + e.what();
+      {
+        std::unique_ptr<Testing::InstalledFileSystem> files(inMemory ? new Testing::InstalledFileSystem : nullptr);
+        EffectFaultWorkload workload(Folder("fx" + std::to_string(n)), seed);
+        try {
+          wrong = workload.Run(fault, n, error);
+        } catch (const std::exception& e) {
+          wrong = std::string("an exception left the workload: ") + e.what();
+        }
+      }
+      // The hosts ended: whatever the fault interrupted let go of the
+      // files, folders and system objects it had opened.
+      if (wrong.empty() && Testing::OpenHandles::Count() != handles) {
+        wrong = "open handles " + std::to_string(handles) + " before, " +
+                std::to_string(Testing::OpenHandles::Count()) + " after";
       }
       EXPECT_EQ(wrong, "") << "seed " << seed << ", point " << n << " of " << points << ", errno " << error;
       if (!wrong.empty() && ++failures > 5) return;

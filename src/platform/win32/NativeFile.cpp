@@ -89,18 +89,26 @@ NativeFile::Handle OpenShared(const wchar_t* path, const char* mode, bool shareW
 // "\\?\" prefix ("\\?\UNC\server" becomes "\\server"); empty when it
 // cannot be had.
 std::wstring FinalPath(const wchar_t* path) {
-  const HANDLE file = CreateFileW(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                  OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-  if (file == INVALID_HANDLE_VALUE) return std::wstring();
+  // The handle is closed however this ends: growing the buffer may throw
+  // for want of memory, and a handle left open would keep the folder from
+  // being removed for the rest of the host's run.
+  struct Closing {
+    HANDLE handle;
+    ~Closing() {
+      if (handle != INVALID_HANDLE_VALUE) ::CloseHandle(handle);
+    }
+  };
   std::wstring buffer(MAX_PATH, L'\0');
+  const Closing file{CreateFileW(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                 OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr)};
+  if (file.handle == INVALID_HANDLE_VALUE) return std::wstring();
   DWORD length = 0;
   for (int attempt = 0; attempt < 2; ++attempt) {
-    length = GetFinalPathNameByHandleW(file, &buffer[0], static_cast<DWORD>(buffer.size()),
+    length = GetFinalPathNameByHandleW(file.handle, &buffer[0], static_cast<DWORD>(buffer.size()),
                                        FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
     if (length < buffer.size()) break;
     buffer.resize(length + 1);
   }
-  ::CloseHandle(file);
   if (length == 0 || length >= buffer.size()) return std::wstring();
   buffer.resize(length);
   const std::wstring unc = L"\\\\?\\UNC\\";
