@@ -7,6 +7,7 @@
 #include <random>
 
 #include "platform/MemoryFileHandle.h"
+#include "platform/SystemValues.h"
 
 namespace Tovrel {
 
@@ -159,6 +160,10 @@ std::uint64_t MemoryFileSystem::AvailableBytes(const wchar_t*) {
   if (capacity_ == kUnlimited) return std::uint64_t{1} << 50;
   const std::uint64_t used = UsedBytes();
   return used < capacity_ ? capacity_ - used : 0;
+}
+
+std::wstring MemoryFileSystem::CanonicalPath(const wchar_t* path) {
+  return L"memory" + std::to_wstring(SystemValues::ProcessId()) + L"/" + path;
 }
 
 void MemoryFileSystem::CutPower() {

@@ -54,6 +54,11 @@ class MemoryFileSystem : public FileSystem {
   bool Exists(const wchar_t* path) override;
   std::uint64_t AvailableBytes(const wchar_t* folder) override;
   void CutPower() override;
+  // The path under a prefix of this process: the named objects made after
+  // it (a cache file's mutex and shared blocks) belong to this process's
+  // files alone, as a disk in memory is this process's alone, so that two
+  // test processes using the same paths at once never share them.
+  std::wstring CanonicalPath(const wchar_t* path) override;
 
   // Bytes all files may hold together (kUnlimited: no bound).
   void SetCapacity(std::uint64_t bytes);
