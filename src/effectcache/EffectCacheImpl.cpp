@@ -103,7 +103,14 @@ void EffectCacheImpl::CountRemoteWork() {
   counts_.remoteErrors += now.errors - remoteCounted_.errors;
   counts_.remoteBytesIn += now.bytesIn - remoteCounted_.bytesIn;
   counts_.remoteBytesOut += now.bytesOut - remoteCounted_.bytesOut;
+  if (now.errors != remoteCounted_.errors) unnotedFailure_ = remote_->GetLastFailure();
   remoteCounted_ = now;
+}
+
+void EffectCacheImpl::NoteRemoteFailure() {
+  if (unnotedFailure_.message.empty() || readOnly_ || cacheFilePath_.isNull()) return;
+  RemoteErrorNote::Write(RemoteErrorNote::PathFor(cacheFilePath_.data()), unnotedFailure_);
+  unnotedFailure_ = RemoteErrorNote{};
 }
 
 bool EffectCacheImpl::SetRemoteStore(const wchar_t* text) {
@@ -155,6 +162,7 @@ EffectCacheImpl::~EffectCacheImpl() {
     if (hold.IsOwner() && unsaved.AnyCounts()) {
       UnsavedCounts::Add(UnsavedCounts::PathFor(cacheFilePath_.data()), unsaved);
     }
+    if (hold.IsOwner()) NoteRemoteFailure();
   }
 }
 
@@ -411,7 +419,8 @@ bool EffectCacheImpl::ZeroStatistics() {
   counts_ = EffectCacheStats{};
   // The counts of processes that never saved go too.
   return ChangeUnderFileMutex([this] {
-    return saver_.SaveCounts(true) && UnsavedCounts::Remove(UnsavedCounts::PathFor(cacheFilePath_.data()));
+    return saver_.SaveCounts(true) && UnsavedCounts::Remove(UnsavedCounts::PathFor(cacheFilePath_.data())) &&
+           RemoteErrorNote::Remove(RemoteErrorNote::PathFor(cacheFilePath_.data()));
   });
 }
 

@@ -248,8 +248,13 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   friend class EffectFileView;
   friend class EffectSaver;
 
-
+  // Adds what the remote store did since it was last counted to counts_,
+  // and keeps its newest failure for NoteRemoteFailure. With lock_ held.
   void CountRemoteWork();
+  // Writes the newest failure not yet noted beside the cache file
+  // (RemoteErrorNote), under the file's mutex; advisory, so a failed
+  // write is let go.
+  void NoteRemoteFailure();
   // Where CacheCompiledEffect put an effect: refused, pending, or to be queued.
   enum class Placed { kRefused, kPending, kQueue };
   Placed CachePending(const std::string& key, const unsigned char* data, std::size_t size, bool permanent,
@@ -342,6 +347,9 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   std::shared_ptr<EffectRemoteStore> remote_;
   // The store's counts when they were last added to counts_.
   EffectRemoteStore::Counts remoteCounted_;
+  // The store's newest failure when it failed since its last note; empty
+  // message when there is nothing to note.
+  RemoteErrorNote unnotedFailure_;
   // Background saving: the effects queued and being saved (with a lock of
   // their own), and the worker that saves them. queueOpen_ mirrors
   // "package_ is set and not read only" for CacheCompiledEffect, which

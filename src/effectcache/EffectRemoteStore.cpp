@@ -100,6 +100,7 @@ void EffectRemoteStore::Failed(const std::string& why) {
 void EffectRemoteStore::Refused(const std::string& why) {
   ++counts_.errors;
   lastError_ = why;
+  lastErrorTime_ = CacheTimeStamp::Now();
 }
 
 std::string EffectRemoteStore::Describe(const char* method, const std::string& url,
@@ -113,6 +114,14 @@ std::string EffectRemoteStore::Describe(const char* method, const std::string& u
 std::string EffectRemoteStore::GetLastError() const {
   std::lock_guard<std::mutex> guard(lock_);
   return lastError_;
+}
+
+RemoteErrorNote EffectRemoteStore::GetLastFailure() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  RemoteErrorNote failure;
+  failure.message = lastError_;
+  failure.time = lastErrorTime_;
+  return failure;
 }
 
 HttpClient::Limits EffectRemoteStore::LimitsFor(std::uint64_t maxBody) const {

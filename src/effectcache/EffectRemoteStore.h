@@ -28,6 +28,7 @@
 #include <string>
 #include <vector>
 
+#include "effectcache/RemoteErrorNote.h"
 #include "host/Tab.h"
 #include "platform/HttpClient.h"
 
@@ -89,6 +90,8 @@ class EffectRemoteStore {
   // "...: Couldn't connect to server"), the URL without credentials;
   // empty while there was none.
   std::string GetLastError() const;
+  // The same with the time it failed (UTC); an empty message while none.
+  RemoteErrorNote GetLastFailure() const;
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -117,6 +120,7 @@ class EffectRemoteStore {
   mutable std::mutex lock_;  // over counts_, lastError_ and restUntil_
   Counts counts_;
   std::string lastError_;
+  CacheTimeStamp lastErrorTime_{};
   // No request before this time, after a failure; the clock's epoch when
   // none failed.
   Clock::time_point restUntil_;

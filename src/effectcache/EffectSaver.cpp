@@ -347,6 +347,7 @@ bool EffectSaver::SaveCounts(bool zero) {
   cache_.knownMark_ = next;
   cache_.counts_ = EffectCacheStats{};
   cache_.timeStamp_.UpdateTimeStamp();
+  cache_.NoteRemoteFailure();
   return true;
 }
 

@@ -3,8 +3,8 @@
 #include <cstring>
 
 #include "effectcache/Adler32.h"
+#include "effectcache/SideFile.h"
 #include "pagefile/LittleEndian.h"
-#include "platform/PlatformFile.h"
 
 namespace Tovrel {
 
@@ -26,9 +26,7 @@ void Fields(const EffectCacheStats& counts, std::uint64_t* fields) {
 }  // namespace
 
 std::wstring UnsavedCounts::PathFor(const std::wstring& cacheFilePath) {
-  const std::size_t slash = cacheFilePath.find_last_of(L"/\\");
-  const std::wstring folder = slash == std::wstring::npos ? std::wstring() : cacheFilePath.substr(0, slash + 1);
-  return folder + kFileName;
+  return SideFile::Beside(cacheFilePath, kFileName);
 }
 
 void UnsavedCounts::Encode(const EffectCacheStats& counts, std::uint8_t* bytes) {
@@ -54,13 +52,8 @@ bool UnsavedCounts::Decode(const std::uint8_t* bytes, std::uint64_t size, Effect
 }
 
 bool UnsavedCounts::Read(const std::wstring& path, EffectCacheStats* counts) {
-  *counts = EffectCacheStats{};
-  FileHandle* file = PlatformFile::Open(path.c_str(), "rb");
-  if (file == nullptr) return false;
   std::uint8_t bytes[kFileSize + 1];
-  const std::size_t got = PlatformFile::Read(bytes, 1, sizeof bytes, file);
-  PlatformFile::Close(file);
-  return Decode(bytes, got, counts);
+  return Decode(bytes, SideFile::Read(path, bytes, sizeof bytes), counts);
 }
 
 bool UnsavedCounts::Add(const std::wstring& path, const EffectCacheStats& counts) {
@@ -69,18 +62,9 @@ bool UnsavedCounts::Add(const std::wstring& path, const EffectCacheStats& counts
   total.AddCounts(counts);
   std::uint8_t bytes[kFileSize];
   Encode(total, bytes);
-  const std::wstring next = path + L".new";
-  FileHandle* file = PlatformFile::Open(next.c_str(), "wb");
-  if (file == nullptr) return false;
-  const bool written = PlatformFile::Write(bytes, 1, sizeof bytes, file) == sizeof bytes;
-  const bool closed = PlatformFile::Close(file) == 0;
-  if (written && closed && PlatformFile::Rename(next.c_str(), path.c_str()) == 0) return true;
-  PlatformFile::Remove(next.c_str());
-  return false;
+  return SideFile::Replace(path, bytes, sizeof bytes);
 }
 
-bool UnsavedCounts::Remove(const std::wstring& path) {
-  return PlatformFile::Remove(path.c_str()) == 0 || !PlatformFile::Exists(path.c_str());
-}
+bool UnsavedCounts::Remove(const std::wstring& path) { return SideFile::Remove(path); }
 
 }  // namespace Tovrel

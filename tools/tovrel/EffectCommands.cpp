@@ -22,6 +22,7 @@
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectCacheMaintenance.h"
 #include "effectcache/EffectCacheStats.h"
+#include "effectcache/RemoteErrorNote.h"
 #include "effectcache/UnsavedCounts.h"
 #include "effectcache/EffectIndex.h"
 #include "platform/PlatformFile.h"
@@ -121,9 +122,38 @@ bool ReadCounts(const CacheFile& cache, EffectCacheStats& stats) {
   return inBlock || beside;
 }
 
+// The remote store's last failure noted beside the cache file, if any.
+RemoteErrorNote LastRemoteError(const CacheFile& cache) {
+  RemoteErrorNote note;
+  RemoteErrorNote::Read(RemoteErrorNote::PathFor(cache.File().Absolute()), &note);
+  return note;
+}
+
+// Whether any process with a remote store counted or noted anything.
+bool AnyRemoteWork(const CacheFile& cache, const EffectCacheStats& stats, const RemoteErrorNote& note) {
+  return EffectCacheStats::HasRemoteBlock(cache.Package()) || stats.AnyRemoteCounts() || !note.message.empty();
+}
+
 // How a host would use the file: "read and write", or "read only: " and why.
 const char* Access(const CacheFile& cache) {
   return CacheWriteAccess::Describe(CacheWriteAccess::Check(cache.File().Absolute()));
+}
+
+void PrintCountsText(const EffectCacheStats& stats, std::ostream& out) {
+  const std::uint64_t searches = stats.hits + stats.misses;
+  out << "searches     " << TextFormat::Counted(stats.hits, "hit") << ", "
+      << TextFormat::Counted(stats.misses, "miss", "misses") << " (hit rate " << (searches == 0 ? std::string("-") : TextFormat::Percent(stats.hits, searches))
+      << ")\n"
+      << "cached       " << TextFormat::Counted(stats.cached, "effect") << ", " << TextFormat::Count(stats.trimmed)
+      << " trimmed\n"
+      << "counted since " << TextFormat::Time(stats.zeroed) << "\n";
+}
+
+void PrintRemoteText(const EffectCacheStats& stats, const RemoteErrorNote& note, std::ostream& out) {
+  out << "remote       " << TextFormat::Count(stats.remoteHits) << " fetched, " << TextFormat::Count(stats.remoteMisses)
+      << " not there, " << TextFormat::Counted(stats.remoteErrors, "error") << "; "
+      << TextFormat::Bytes(stats.remoteBytesIn) << " fetched, " << TextFormat::Bytes(stats.remoteBytesOut) << " sent\n";
+  if (!note.message.empty()) out << "last error   " << TextFormat::Time(note.time) << "  " << note.message << "\n";
 }
 
 void PrintStatsText(const CacheFile& cache, const Totals& t, std::ostream& out) {
@@ -138,23 +168,13 @@ void PrintStatsText(const CacheFile& cache, const Totals& t, std::ostream& out) 
         << "newest used  " << TextFormat::Time(t.newest->record.lastUsed) << "  " << t.newest->name << "\n";
   }
   EffectCacheStats stats;
-  if (!ReadCounts(cache, stats)) {
+  if (ReadCounts(cache, stats)) {
+    PrintCountsText(stats, out);
+  } else {
     out << "searches     not counted yet (hosts add their counts when they save or end)\n";
-    return;
   }
-  const std::uint64_t searches = stats.hits + stats.misses;
-  out << "searches     " << TextFormat::Count(stats.hits) << " hits, " << TextFormat::Count(stats.misses)
-      << " misses (hit rate " << (searches == 0 ? std::string("-") : TextFormat::Percent(stats.hits, searches))
-      << ")\n"
-      << "cached       " << TextFormat::Count(stats.cached) << " effects, " << TextFormat::Count(stats.trimmed)
-      << " trimmed\n"
-      << "counted since " << TextFormat::Time(stats.zeroed) << "\n";
-  if (EffectCacheStats::HasRemoteBlock(cache.Package())) {
-    out << "remote       " << TextFormat::Count(stats.remoteHits) << " fetched, " << TextFormat::Count(stats.remoteMisses)
-        << " not there, " << TextFormat::Counted(stats.remoteErrors, "error") << "; "
-        << TextFormat::Bytes(stats.remoteBytesIn) << " fetched, " << TextFormat::Bytes(stats.remoteBytesOut)
-        << " sent\n";
-  }
+  const RemoteErrorNote note = LastRemoteError(cache);
+  if (AnyRemoteWork(cache, stats, note)) PrintRemoteText(stats, note, out);
 }
 
 // {"time": ..., "name": ...} of an effect's last use, or null for none.
@@ -195,10 +215,17 @@ void PrintStatsJson(const CacheFile& cache, const Totals& t, std::ostream& out) 
     json.Key("searches").Null();
   }
   json.Key("remote");
-  if (EffectCacheStats::HasRemoteBlock(cache.Package())) {
+  const RemoteErrorNote note = LastRemoteError(cache);
+  if (AnyRemoteWork(cache, stats, note)) {
     json.BeginObject().Field("hits", stats.remoteHits).Field("misses", stats.remoteMisses);
     json.Field("errors", stats.remoteErrors).Field("fetchedBytes", stats.remoteBytesIn);
-    json.Field("sentBytes", stats.remoteBytesOut).EndObject();
+    json.Field("sentBytes", stats.remoteBytesOut).Key("lastError");
+    if (note.message.empty()) {
+      json.Null();
+    } else {
+      json.BeginObject().Field("time", TextFormat::IsoTime(note.time)).Field("message", note.message).EndObject();
+    }
+    json.EndObject();
   } else {
     json.Null();
   }

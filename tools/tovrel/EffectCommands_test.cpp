@@ -15,6 +15,7 @@
 
 #include "ExitStatus.h"
 #include "effectcache/EffectCacheImpl.h"
+#include "effectcache/RemoteErrorNote.h"
 #include "host/AutoMutex.h"
 #include "host/MutexObject.h"
 #include "platform/MutexWaits.h"
@@ -141,7 +142,7 @@ TEST_F(EffectCommandsTest, StatsShowTheHitCountsAndZeroThem) {
   }
   const auto counted = Run("stats");
   EXPECT_EQ(counted.status, ExitStatus::kOk);
-  EXPECT_TRUE(ToolTesting::Contains(counted.out, "searches     1 hits, 1 misses (hit rate 50.0 %)\n")) << counted.out;
+  EXPECT_TRUE(ToolTesting::Contains(counted.out, "searches     1 hit, 1 miss (hit rate 50.0 %)\n")) << counted.out;
   EXPECT_TRUE(ToolTesting::Contains(counted.out, "cached       7 effects, 0 trimmed\n")) << counted.out;
   EXPECT_TRUE(ToolTesting::Contains(counted.out, "counted since ")) << counted.out;
   const auto zeroed = Run("stats", {"--zero"});
@@ -153,6 +154,29 @@ TEST_F(EffectCommandsTest, StatsShowTheHitCountsAndZeroThem) {
   EXPECT_EQ(json.at("searches").at("hits"), 0);
   EXPECT_EQ(json.at("searches").at("effectsCached"), 0);
   EXPECT_TRUE(json.at("searches").at("countedSince").is_string());
+}
+
+// The remote store's last failure, noted beside the file by a host, is
+// shown with the remote counts; a cache without one shows neither.
+TEST_F(EffectCommandsTest, StatsShowTheRemoteStoresLastError) {
+  const nlohmann::json none = nlohmann::json::parse(Run("stats", {"--json"}).out);
+  EXPECT_TRUE(none.at("remote").is_null());
+  EXPECT_FALSE(ToolTesting::Contains(Run("stats").out, "last error")) << "no store, no error";
+  RemoteErrorNote note;
+  note.time = CacheTimeStamp::FromSeconds(1795000000);
+  note.message = "GET http://cache.studio:8080/fx/3f/a1: HTTP 500";
+  ASSERT_TRUE(RemoteErrorNote::Write(RemoteErrorNote::PathFor(CacheFile().wstring()), note));
+  const auto text = Run("stats");
+  EXPECT_EQ(text.status, ExitStatus::kOk);
+  EXPECT_TRUE(ToolTesting::Contains(text.out, "remote       0 fetched, 0 not there, 0 errors; ")) << text.out;
+  EXPECT_TRUE(std::regex_search(text.out, std::regex("\nlast error   2026-11-18 [0-9:.]+ [+-][0-9:]+  GET "
+                                                     "http://cache.studio:8080/fx/3f/a1: HTTP 500\n")))
+      << text.out;
+  const nlohmann::json json = nlohmann::json::parse(Run("stats", {"--json"}).out);
+  EXPECT_EQ(json.at("remote").at("lastError").at("message"), note.message);
+  EXPECT_TRUE(json.at("remote").at("lastError").at("time").is_string());
+  ASSERT_EQ(Run("stats", {"--zero"}).status, ExitStatus::kOk);
+  EXPECT_FALSE(fs::exists(folder_ / "norvaneFxoCache.remote-error")) << "zeroing removes the note";
 }
 
 TEST_F(EffectCommandsTest, VerifyWritesJsonWithEveryProblem) {
