@@ -63,7 +63,8 @@ tovrel_add_test_program(tool_tests tools/tovrel)
 file(GLOB tool_test_support CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tests/tool/*.cpp)
 target_sources(tool_tests PRIVATE ${tool_test_support})
 target_link_libraries(tool_tests PRIVATE tovrel_tool_objects)
-target_compile_definitions(tool_tests PRIVATE TOVREL_TOOL_FILE_NAME="$<TARGET_FILE_NAME:tovrel_tool>")
+target_compile_definitions(tool_tests PRIVATE TOVREL_TOOL_FILE_NAME="$<TARGET_FILE_NAME:tovrel_tool>"
+                                              TOVREL_README="${CMAKE_CURRENT_SOURCE_DIR}/README.md")
 add_dependencies(tool_tests tovrel_tool)
 # The tool's JSON is parsed by its tests with nlohmann-json (header-only):
 # its folder alone is put on the include path, so that the Windows

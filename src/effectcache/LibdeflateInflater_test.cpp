@@ -31,9 +31,8 @@ TEST(LibdeflateInflaterTest, HoldsTheLargestEffect) {
 }
 
 TEST(LibdeflateInflaterTest, DecodesIntoItsBufferWithinTheRoomGiven) {
-  // On a thread of its own, whose inflater has decoded nothing yet.
-  std::thread([] {
-    LibdeflateInflater& inflater = LibdeflateInflater::ForThisThread();
+  {
+    LibdeflateInflater inflater;
     EXPECT_FALSE(inflater.HasDecompressor());
     EXPECT_EQ(inflater.Capacity(), 0u);
     const auto input = Pattern(100000);
@@ -52,11 +51,11 @@ TEST(LibdeflateInflaterTest, DecodesIntoItsBufferWithinTheRoomGiven) {
     EXPECT_FALSE(inflater.Inflate(damaged.data(), damaged.size(), input.size(), out, produced));
     EXPECT_EQ(inflater.Decoded(), 1u);
     EXPECT_EQ(inflater.Capacity(), std::size_t{1} << 17);
-  }).join();
+  }
 }
 
 TEST(LibdeflateInflaterTest, KeepsItsBufferAtTheLimitWhateverTheRoom) {
-  LibdeflateInflater& inflater = LibdeflateInflater::ForThisThread();
+  LibdeflateInflater inflater;
   const auto input = Pattern(LibdeflateInflater::kBufferLimit);
   const auto stream = Compress(input);
   const std::uint8_t* out = nullptr;
@@ -69,22 +68,54 @@ TEST(LibdeflateInflaterTest, KeepsItsBufferAtTheLimitWhateverTheRoom) {
   EXPECT_EQ(inflater.Capacity(), LibdeflateInflater::kBufferLimit);
 }
 
-TEST(LibdeflateInflaterTest, EachThreadHasItsOwn) {
-  const LibdeflateInflater* mine = &LibdeflateInflater::ForThisThread();
-  const LibdeflateInflater* theirs = nullptr;
-  bool theirsHadDecompressor = true;
-  std::thread other([&] {
-    theirs = &LibdeflateInflater::ForThisThread();
-    theirsHadDecompressor = theirs->HasDecompressor();
-    const auto stream = Compress(Pattern(1000));
-    const std::uint8_t* out = nullptr;
-    std::size_t produced = 0;
-    EXPECT_TRUE(LibdeflateInflater::ForThisThread().Inflate(stream.data(), stream.size(), 1000, out, produced));
-  });
-  other.join();
-  EXPECT_NE(mine, theirs);
-  EXPECT_FALSE(theirsHadDecompressor);
-  EXPECT_EQ(mine, &LibdeflateInflater::ForThisThread());
+TEST(LibdeflateInflaterTest, ABorrowedInflaterIsTheBorrowersAloneAndKeptForTheNext) {
+  const auto stream = Compress(Pattern(1000));
+  const std::uint8_t* out = nullptr;
+  std::size_t produced = 0;
+  const LibdeflateInflater* first = nullptr;
+  {
+    const LibdeflateInflater::Lease lease = LibdeflateInflater::Borrow();
+    ASSERT_NE(lease.Get(), nullptr);
+    first = lease.Get();
+    const std::uint64_t before = LibdeflateInflater::DecodedTotal();
+    ASSERT_TRUE(lease->Inflate(stream.data(), stream.size(), 1000, out, produced));
+    EXPECT_EQ(LibdeflateInflater::DecodedTotal(), before + 1);
+    // Another thread decoding meanwhile gets another inflater.
+    const LibdeflateInflater* theirs = nullptr;
+    std::thread([&] {
+      const LibdeflateInflater::Lease other = LibdeflateInflater::Borrow();
+      theirs = other.Get();
+      EXPECT_TRUE(other->Inflate(stream.data(), stream.size(), 1000, out, produced));
+    }).join();
+    EXPECT_NE(theirs, nullptr);
+    EXPECT_NE(theirs, first);
+  }
+  // Given back, the inflater and its decompressor serve the next borrower.
+  const LibdeflateInflater::Lease again = LibdeflateInflater::Borrow();
+  EXPECT_TRUE(again->HasDecompressor());
+  EXPECT_GE(again->Capacity(), 1000u);
+}
+
+// Threads that decode and end, as a host's worker threads do, leave
+// nothing to be torn down when they end (an inflater destroyed at thread
+// exit would, with Windows' emulated thread-local storage, read memory
+// already freed).
+TEST(LibdeflateInflaterTest, ThreadsThatDecodeAndEndOneAfterAnother) {
+  const auto input = Pattern(5000);
+  const auto stream = Compress(input);
+  int wrong = 0;
+  for (int round = 0; round < 200; ++round) {
+    std::thread([&] {
+      const LibdeflateInflater::Lease lease = LibdeflateInflater::Borrow();
+      const std::uint8_t* out = nullptr;
+      std::size_t produced = 0;
+      if (!lease->Inflate(stream.data(), stream.size(), input.size(), out, produced) || produced != input.size() ||
+          !std::equal(input.begin(), input.end(), out)) {
+        ++wrong;
+      }
+    }).join();
+  }
+  EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace

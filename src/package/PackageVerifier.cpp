@@ -166,7 +166,8 @@ void PackageVerifier::CheckStreamChain(const StreamEntry& entry) {
     page = link;
   }
   if (count != entry.fullPageCount) {
-    Problem(name + ": its chain has " + N(count) + " pages, but its entry records " + N(entry.fullPageCount));
+    Problem(name + ": its chain has " + N(count) + (count == 1 ? " page" : " pages") + ", but its entry records " +
+            N(entry.fullPageCount));
   }
 }
 

@@ -108,15 +108,15 @@ void Report(const DemoHistory::Run& run, const Outcome& outcome, const CacheFile
     stored += entry.record.compressedSize;
     uncompressed += entry.record.uncompressedSize;
   }
-  out << "run " << run.number << " (" << KindOf(run) << "): " << TextFormat::Count(outcome.hits) << " hits, "
-      << TextFormat::Count(outcome.misses) << " misses, " << TextFormat::Bytes(outcome.bytes) << " of effects\n"
-      << "  cache file: " << TextFormat::Count(cache.Entries().size()) << " effects, "
+  out << "run " << run.number << " (" << KindOf(run) << "): " << TextFormat::Counted(outcome.hits, "hit") << ", "
+      << TextFormat::Counted(outcome.misses, "miss", "misses") << ", " << TextFormat::Bytes(outcome.bytes) << " of effects\n"
+      << "  cache file: " << TextFormat::Counted(cache.Entries().size(), "effect") << ", "
       << TextFormat::Bytes(stored) << " stored, compression ratio " << TextFormat::Ratio(uncompressed, stored) << "\n"
       << "  wall time:  " << TextFormat::Seconds(run.WallSeconds()) << "\n";
   if (!remote.empty()) {
     out << "  team tier:  " << TextFormat::Count(outcome.fromTeam) << " of the hits came from " << EffectRemoteStore::WithoutCredentials(remote) << "\n";
   }
-  if (outcome.wrong != 0) out << "  " << outcome.wrong << " effects came back with the wrong size\n";
+  if (outcome.wrong != 0) out << "  " << TextFormat::Counted(outcome.wrong, "effect") << " came back with the wrong size\n";
 }
 
 void ReportSpeedUp(const DemoHistory& history, const DemoHistory::Run& run, std::ostream& out) {

@@ -43,7 +43,7 @@ std::string LockedPackage::JournalNote() const {
            "next opens it";
   }
   return "an interrupted save will be rolled back when the library next opens it (" +
-         TextFormat::Count(journal_.pageIds.size()) + " pages, the file back to " +
+         TextFormat::Counted(journal_.pageIds.size(), "page") + ", the file back to " +
          TextFormat::Bytes(journal_.savedLength) + "); checked as it will be then";
 }
 

@@ -84,20 +84,20 @@ void PrintInfoText(const LockedPackage& file, const Summary& s, bool childFiles,
   const std::array<std::uint64_t, 4> quarters = FillQuarters(s);
   const std::uint64_t childBytes = s.children.size() * kChildFileSize;
   out << "file         " << file.File().AbsoluteText() << "\n"
-      << "size         " << TextFormat::Bytes(s.fileBytes) << ", " << TextFormat::Count(s.filePages)
-      << " pages of 8,192 bytes\n"
+      << "size         " << TextFormat::Bytes(s.fileBytes) << ", " << TextFormat::Counted(s.filePages, "page")
+      << " of 8,192 bytes\n"
       << "pages        " << TextFormat::Count(s.tablePages) << " in the allocation table, "
       << TextFormat::Count(s.freePages) << " free\n"
       << "streams      " << TextFormat::Count(s.streams) << ", holding " << TextFormat::Bytes(s.streamBytes) << "\n"
       << "child files  " << TextFormat::Count(s.children.size()) << " of 64 KiB, "
-      << TextFormat::Count(s.childBytesUsed) << " bytes used (" << TextFormat::Percent(s.childBytesUsed, childBytes)
+      << TextFormat::Counted(s.childBytesUsed, "byte") << " used (" << TextFormat::Percent(s.childBytesUsed, childBytes)
       << ")\n"
       << "  filled     " << quarters[0] << " below 25 %, " << quarters[1] << " 25-50 %, " << quarters[2]
       << " 50-75 %, " << quarters[3] << " 75-100 %\n";
   if (childFiles) {
     for (const Summary::Child& child : s.children) {
-      out << "  child " << TextFormat::Left(std::to_string(child.identifier), 6) << TextFormat::Count(child.usedBytes)
-          << " bytes used, " << TextFormat::Counted(child.tails, "tail") << "\n";
+      out << "  child " << TextFormat::Left(std::to_string(child.identifier), 6) << TextFormat::Counted(child.usedBytes, "byte")
+          << " used, " << TextFormat::Counted(child.tails, "tail") << "\n";
     }
   }
   out << "head stream  " << TextFormat::Bytes(s.headBytes) << " on " << s.headPages
@@ -338,9 +338,9 @@ int PackageCommands::Verify(const CommandLine& line, Console& console) {
   progress.reset();
   const auto report = line.Has("--json") ? &VerifyReport::PrintJson : &VerifyReport::Print;
   return report(console, line.Positionals()[0], problems,
-                TextFormat::Count(verifier.PagesChecked()) + " pages, " +
-                    TextFormat::Count(file.Package().GetNumberOfStreams()) + " streams, " +
-                    TextFormat::Count(verifier.BytesRead()) + " bytes read",
+                TextFormat::Counted(verifier.PagesChecked(), "page") + ", " +
+                    TextFormat::Counted(file.Package().GetNumberOfStreams(), "stream") + ", " +
+                    TextFormat::Counted(verifier.BytesRead(), "byte") + " read",
                 file.JournalNote());
 }
 

@@ -29,7 +29,11 @@ std::string TextFormat::Size(std::uint64_t bytes) {
 }
 
 std::string TextFormat::Counted(std::uint64_t value, const std::string& noun) {
-  return Count(value) + " " + noun + (value == 1 ? "" : "s");
+  return Counted(value, noun, noun + "s");
+}
+
+std::string TextFormat::Counted(std::uint64_t value, const std::string& singular, const std::string& plural) {
+  return Count(value) + " " + (value == 1 ? singular : plural);
 }
 
 std::string TextFormat::Bytes(std::uint64_t bytes) {

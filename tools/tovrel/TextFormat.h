@@ -19,6 +19,8 @@ class TextFormat {
   static std::string Count(std::uint64_t value);
   // "1 effect", "1,234 effects": the count and the noun, plural with an s.
   static std::string Counted(std::uint64_t value, const std::string& noun);
+  // The same for a noun whose plural is not the singular and "s".
+  static std::string Counted(std::uint64_t value, const std::string& singular, const std::string& plural);
   // "35,212,288 bytes (33.6 MiB)"; "512 bytes" below 1 KiB.
   static std::string Bytes(std::uint64_t bytes);
   // "33.6 MiB", "2.0 KiB", "512 B".
