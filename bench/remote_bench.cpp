@@ -10,7 +10,8 @@
 // team over local, and the bytes the team run fetched. BM_FailureCost
 // measures what each kind of failing server costs one search with the
 // default bounds (250 ms to connect, 2 s per request), and what the next
-// search costs while the store rests.
+// search costs while the store rests. BM_ListingLinks reads listing pages
+// of 20,000 to 480,000 objects.
 #include <benchmark/benchmark.h>
 
 #include <filesystem>
@@ -151,6 +152,51 @@ BENCHMARK_CAPTURE(BM_FailureCost, truncated, "truncated/")
     ->Iterations(3)
     ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(BM_FailureCost, huge, "huge/")->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+
+// Reading one listing page of N objects, each named twice as nginx's
+// autoindex names it, against the floor of scanning the page's quotes
+// without keeping anything (the same run). Counter: listing over floor.
+std::vector<std::uint8_t> ListingPage(std::size_t objects) {
+  std::string page;
+  const char* digits = "0123456789abcdef";
+  for (std::size_t i = 0; i < objects; ++i) {
+    std::string key(32, '0');
+    std::uint64_t value = i * 0x9E3779B97F4A7C15ull;
+    for (std::size_t d = 0; d < 16; ++d, value >>= 4) key[31 - d] = digits[value & 15];
+    page += "<a href=\"" + key + "\">" + key + "</a>  26-Nov-2026 10:00   4096\n";
+  }
+  return std::vector<std::uint8_t>(page.begin(), page.end());
+}
+
+void BM_ListingLinks(benchmark::State& state) {
+  const std::vector<std::uint8_t> page = ListingPage(static_cast<std::size_t>(state.range(0)));
+  double listing = 0, floor = 0;
+  std::size_t kept = 0, quotes = 0;
+  for (auto _ : state) {
+    auto start = Clock::now();
+    kept = EffectRemoteStore::ListingLinks(page, 32, false).size();
+    const double t = Seconds(start);
+    start = Clock::now();
+    quotes = 0;
+    for (std::uint8_t byte : page) quotes += byte == '"' ? 1 : 0;
+    benchmark::DoNotOptimize(quotes);
+    floor += Seconds(start);
+    listing += t;
+    state.SetIterationTime(t);
+  }
+  const double runs = static_cast<double>(state.iterations());
+  state.counters["keys"] = static_cast<double>(kept);
+  state.counters["listing_ms"] = listing / runs * 1e3;
+  state.counters["over_floor"] = listing / floor;
+}
+BENCHMARK(BM_ListingLinks)
+    ->Arg(20000)
+    ->Arg(40000)
+    ->Arg(80000)
+    ->Arg(480000)
+    ->UseManualTime()
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace Tovrel

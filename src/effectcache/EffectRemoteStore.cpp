@@ -1,6 +1,6 @@
 #include "effectcache/EffectRemoteStore.h"
 
-#include <algorithm>
+#include <unordered_set>
 #include <vector>
 
 #include "effectcache/RemoteEffectObject.h"
@@ -194,10 +194,14 @@ bool EffectRemoteStore::FetchKey(const std::string& key, std::string* name, Tab<
   return Accept(response, *name, data, permanent, nullptr);
 }
 
-bool EffectRemoteStore::ListKeys(std::vector<std::string>* keys) {
+bool EffectRemoteStore::ListKeys(std::vector<std::string>* keys, bool* cut, std::size_t limit) {
   keys->clear();
+  *cut = false;
   std::vector<std::string> folders{""};
-  // Two levels of folders named by two hex digits, then the objects.
+  // Two levels of folders named by two hex digits, then the objects. A
+  // folder's path is unique, so the entries of different pages never
+  // repeat each other; each page's own repeats are dropped as it is read.
+  // Folders are bounded by their names (256 a level); objects by `limit`.
   for (int level = 0; level < 3; ++level) {
     std::vector<std::string> found;
     for (const std::string& folder : folders) {
@@ -207,8 +211,13 @@ bool EffectRemoteStore::ListKeys(std::vector<std::string>* keys) {
         continue;
       }
       for (const std::string& link : ListingLinks(response.body, level == 2 ? 32 : 2, level < 2)) {
+        if (level == 2 && found.size() == limit) {
+          *cut = true;
+          break;
+        }
         found.push_back(folder + link);
       }
+      if (*cut) break;
     }
     folders.swap(found);
   }
@@ -220,6 +229,7 @@ std::vector<std::string> EffectRemoteStore::ListingLinks(const std::vector<std::
                                                          bool folders) {
   // Any HTML or JSON listing names its entries in quotes: "3f/", "3fa9…".
   std::vector<std::string> links;
+  std::unordered_set<std::string> seen;
   const std::string text(page.begin(), page.end());
   for (std::size_t at = text.find('"'); at != std::string::npos; at = text.find('"', at + 1)) {
     const std::size_t end = text.find('"', at + 1);
@@ -228,9 +238,7 @@ std::vector<std::string> EffectRemoteStore::ListingLinks(const std::vector<std::
     if (folders && !link.empty() && link.back() == '/') link.pop_back();
     const bool hex = link.size() == digits &&
                      link.find_first_not_of("0123456789abcdef") == std::string::npos;
-    if (hex && std::find(links.begin(), links.end(), link + (folders ? "/" : "")) == links.end()) {
-      links.push_back(link + (folders ? "/" : ""));
-    }
+    if (hex && seen.insert(link).second) links.push_back(link + (folders ? "/" : ""));
     at = end;
   }
   return links;

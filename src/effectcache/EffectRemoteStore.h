@@ -74,10 +74,22 @@ class EffectRemoteStore {
   // it): true, with its name, bytes and permanence, for a valid object
   // whose name has that key.
   bool FetchKey(const std::string& key, std::string* name, Tab<unsigned char>& data, bool* permanent);
+  // Keys ListKeys keeps at most: 38 bytes each ("3f/a9/" and 32 hex
+  // digits), about 40 MiB of keys, more than twice the objects of the
+  // largest caches (a store of 480,000 fits).
+  static constexpr std::size_t kKeyLimit = std::size_t{1} << 20;
+
   // Every object's key, from the listings the server offers of the base
   // URL and its folders (an HTML or JSON autoindex: the entries named in
-  // quotes); false when the base URL gives no listing.
-  bool ListKeys(std::vector<std::string>* keys);
+  // quotes), each once; false when the base URL gives no listing. Past
+  // `limit` keys no further listing is read and `*cut` is set: the keys
+  // kept are the first ones listed.
+  bool ListKeys(std::vector<std::string>* keys, bool* cut, std::size_t limit = kKeyLimit);
+  // The entries of one listing page that are `digits` hex digits long
+  // (with a "/" after them when `folders`), each once, in the page's
+  // order; linear in the page's length.
+  static std::vector<std::string> ListingLinks(const std::vector<std::uint8_t>& page, std::size_t digits,
+                                               bool folders);
   // PUTs the effect's object; false when the store is read only, resting,
   // or did not take it.
   bool Store(const std::string& name, bool permanent, std::uint64_t uncompressedSize, const std::uint8_t* compressed,
@@ -101,8 +113,6 @@ class EffectRemoteStore {
   static constexpr std::uint64_t kAnswerLimit = 64u << 10;
 
   static bool ParseOption(const std::string& option, Settings* settings);
-  static std::vector<std::string> ListingLinks(const std::vector<std::uint8_t>& page, std::size_t digits,
-                                               bool folders);
   // A GET that gave a 200: false (counted) otherwise.
   bool Get(const std::string& url, std::uint64_t maxBytes, HttpClient::Response* response);
   bool Accept(const HttpClient::Response& response, const std::string& name, Tab<unsigned char>& data,

@@ -105,6 +105,29 @@ TEST(EffectRemoteStoreTest, CredentialsAreTakenOutOfWhatIsShown) {
   EXPECT_EQ(EffectRemoteStore::WithoutCredentials("http://u:p@a/ and http://v:q@b/"), "http://a/ and http://b/");
 }
 
+// A listing of many entries, each named twice (as an autoindex names
+// each in its link and again in its text), gives each once, in order, in
+// time linear in the page: 100,000 entries here, where a search per entry
+// took seconds.
+TEST(EffectRemoteStoreTest, AListingGivesEachEntryOnceInItsOrder) {
+  std::string page = "<a href=\"../\">../</a> \"not-hex/\" \"zz/\" \"0123\"";
+  std::vector<std::string> expected;
+  const char* digits = "0123456789abcdef";
+  for (std::uint32_t i = 0; i < 100000; ++i) {
+    std::string key(32, '0');
+    std::uint32_t value = i * 2654435761u;
+    for (std::size_t d = 0; d < 8; ++d, value >>= 4) key[31 - d] = digits[value & 15];
+    key[0] = digits[i % 16];
+    expected.push_back(key);
+    page += "<a href=\"" + key + "\">\"" + key + "\"</a>\n";
+  }
+  const std::vector<std::uint8_t> bytes(page.begin(), page.end());
+  EXPECT_EQ(EffectRemoteStore::ListingLinks(bytes, 32, false), expected);
+  const std::string folders = "\"3f/\" \"3f/\" \"a0/\" \"../\" \"a0\" \"ab/c/\"";
+  EXPECT_EQ(EffectRemoteStore::ListingLinks(std::vector<std::uint8_t>(folders.begin(), folders.end()), 2, true),
+            (std::vector<std::string>{"3f/", "a0/"}));
+}
+
 TEST(EffectRemoteStoreTest, ObjectsLieUnderTheirKeys) {
   EffectRemoteStore store(SettingsFor("http://cache.studio/fx"));
   EXPECT_EQ(store.UrlOf("a"), "http://cache.studio/fx/" + RemoteEffectObject::KeyFor("a"));

@@ -92,17 +92,20 @@ EffectRemoteSync::Result EffectRemoteSync::PullAll(const WStr& folder, const Eff
                                                    const Progress& progress) {
   EffectRemoteStore remote(store);
   std::vector<std::string> keys;
-  if (!remote.ListKeys(&keys)) {
+  bool cut = false;
+  if (!remote.ListKeys(&keys, &cut)) {
     Result result;
     result.noListing = true;
     result.counts = remote.GetCounts();
     result.lastError = remote.GetLastError();
     return result;
   }
-  return PullEach(folder, remote, keys.size(), progress,
-                  [&](std::size_t i, std::string* name, Tab<unsigned char>& data, bool* permanent) {
-                    return remote.FetchKey(keys[i], name, data, permanent);
-                  });
+  Result result = PullEach(folder, remote, keys.size(), progress,
+                           [&](std::size_t i, std::string* name, Tab<unsigned char>& data, bool* permanent) {
+                             return remote.FetchKey(keys[i], name, data, permanent);
+                           });
+  result.listingCut = cut;
+  return result;
 }
 
 EffectRemoteSync::Result EffectRemoteSync::PullEach(const WStr& folder, EffectRemoteStore& remote, std::size_t count,

@@ -37,6 +37,7 @@ class EffectRemoteSync {
     std::uint64_t absent = 0;    // names the store does not hold (pull)
     std::uint64_t failed = 0;    // effects left over: requests that failed or were not made
     bool noListing = false;      // PullAll: the store offers no listing of its objects
+    bool listingCut = false;     // PullAll: the listings named more than EffectRemoteStore::kKeyLimit objects
     EffectRemoteStore::Counts counts;  // what the store saw
     std::string lastError;             // the store's last failure in words; empty when none
   };

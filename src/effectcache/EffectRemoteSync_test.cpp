@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -115,9 +117,25 @@ TEST_F(EffectRemoteSyncTest, PullingEverythingTakesEachObjectTheListingsName) {
     const auto object = RemoteEffectObject::Encode(Name(3), false, data.Count(), compressed.data(), length);
     ASSERT_EQ(RemoteServer::Put(store.baseUrl + wrongKey, object) / 100, 2);
   }
+  {
+    // Every key once; past a bound, the first ones and word of the cut.
+    EffectRemoteStore remote(store);
+    std::vector<std::string> keys;
+    bool cut = true;
+    ASSERT_TRUE(remote.ListKeys(&keys, &cut));
+    EXPECT_FALSE(cut);
+    EXPECT_EQ(keys.size(), static_cast<std::size_t>(kEffects) + 1);
+    EXPECT_EQ(std::set<std::string>(keys.begin(), keys.end()).size(), keys.size());
+    std::vector<std::string> first;
+    ASSERT_TRUE(remote.ListKeys(&first, &cut, 5));
+    EXPECT_TRUE(cut);
+    ASSERT_EQ(first.size(), 5u);
+    EXPECT_TRUE(std::equal(first.begin(), first.end(), keys.begin()));
+  }
   const auto pulled = EffectRemoteSync::PullAll(WStr(destination_.wstring().c_str()), store, nullptr);
   ASSERT_TRUE(pulled.ok);
   EXPECT_FALSE(pulled.noListing);
+  EXPECT_FALSE(pulled.listingCut);
   EXPECT_EQ(pulled.moved, static_cast<std::uint64_t>(kEffects));
   EXPECT_EQ(pulled.failed, 1u);  // the object under another name's key
   EffectCacheImpl cache(WStr(destination_.wstring().c_str()), 2);

@@ -104,7 +104,12 @@ int RemoteCommands::Pull(const CommandLine& line, Console& console) {
   console.Out() << "pulled " << TextFormat::Counted(result.moved, "effect") << ": " << TextFormat::Bytes(result.bytes)
                 << " from " << EffectRemoteStore::WithoutCredentials(store.baseUrl) << "\n";
   if (result.absent != 0) console.Out() << TextFormat::Counted(result.absent, "effect") << " not in the store\n";
-  return LeftOver(result, console);
+  const int status = LeftOver(result, console);
+  if (!result.listingCut) return status;
+  console.Err() << "tovrel: the store's listings name more than " << TextFormat::Count(EffectRemoteStore::kKeyLimit)
+                << " objects: only the first " << TextFormat::Count(EffectRemoteStore::kKeyLimit)
+                << " listed were asked for\n";
+  return ExitStatus::kFailed;
 }
 
 }  // namespace Tool
