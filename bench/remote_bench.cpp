@@ -82,7 +82,7 @@ void BM_TeamTier(benchmark::State& state) {
   int round = 0;
   for (auto _ : state) {
     EffectRemoteStore::Settings remote;
-    EffectRemoteStore::Parse(server->Url() + "round" + std::to_string(round), &remote);
+    RemoteStoreSettings::Parse(server->Url() + "round" + std::to_string(round), &remote);
     const std::filesystem::path base = dir.Path() / ("round" + std::to_string(round++));
     // The first workstation fills the team tier as it compiles.
     const Run first = PlayHost(base / "first", shaders, &remote);
@@ -124,7 +124,7 @@ void BM_FailureCost(benchmark::State& state, const char* path) {
   double first = 0, resting = 0;
   for (auto _ : state) {
     EffectRemoteStore::Settings settings;
-    EffectRemoteStore::Parse(url, &settings);
+    RemoteStoreSettings::Parse(url, &settings);
     EffectRemoteStore store(settings);
     Tab<unsigned char> data;
     auto start = Clock::now();

@@ -74,13 +74,14 @@ tsan
 wineserver -p > /dev/null 2>&1 < /dev/null || true
 wine wineboot --init > /dev/null 2>&1 < /dev/null || true
 # The Windows tests cannot start Linux programs: the Linux test program
-# serves nginx and the fault server for them while they run.
+# serves nginx, the fault server and the team server for them while they
+# run.
 servers=$(mktemp -d)
 build/linux/effectcache_tests --tovrel-child=remote_servers "$servers" > "$servers/log" 2>&1 &
 for _ in $(seq 1 100); do [ -f "$servers/urls" ] && break; sleep 0.1; done
 if [ -f "$servers/urls" ]; then
-  read -r TOVREL_TEST_NGINX_URL TOVREL_TEST_FAULT_URL < "$servers/urls"
-  export TOVREL_TEST_NGINX_URL TOVREL_TEST_FAULT_URL
+  { read -r TOVREL_TEST_NGINX_URL TOVREL_TEST_FAULT_URL; read -r TOVREL_TEST_TEAM; } < "$servers/urls"
+  export TOVREL_TEST_NGINX_URL TOVREL_TEST_FAULT_URL TOVREL_TEST_TEAM
 else
   echo "no test servers for the Windows run:"; cat "$servers/log"; exit 1
 fi
@@ -89,7 +90,7 @@ fi
 run windows windows Debug -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/mingw-w64-x86_64.cmake"
 touch "$servers/stop"
 wineserver -k > /dev/null 2>&1 || true
-unset TOVREL_TEST_NGINX_URL TOVREL_TEST_FAULT_URL
+unset TOVREL_TEST_NGINX_URL TOVREL_TEST_FAULT_URL TOVREL_TEST_TEAM
 echo "=== fuzzing (full output in build/fuzz.log)"
 if ! bash tools/fuzz.sh > build/fuzz.log 2>&1; then
   tail -80 build/fuzz.log

@@ -119,7 +119,7 @@ bool EffectCacheImpl::SetRemoteStore(const wchar_t* text) {
     return true;
   }
   EffectRemoteStore::Settings settings;
-  if (!EffectRemoteStore::Parse(WideText::ToUtf8(text), &settings)) return false;
+  if (!RemoteStoreSettings::Parse(WideText::ToUtf8(text), &settings)) return false;
   SetRemoteStore(&settings);
   return true;
 }

@@ -9,69 +9,13 @@ namespace Tovrel {
 
 namespace {
 
-bool IsFailure(const HttpClient::Response& response) { return !response.answered || response.status >= 500; }
+// No answer, a server failing, or credentials missing or refused: the
+// store rests.
+bool IsFailure(const HttpClient::Response& response) {
+  return !response.answered || response.status >= 500 || response.status == 401 || response.status == 403;
+}
 
 }  // namespace
-
-bool EffectRemoteStore::ParseOption(const std::string& option, Settings* settings) {
-  if (option == "read-only") {
-    settings->readOnly = true;
-    return true;
-  }
-  const std::size_t equals = option.find('=');
-  if (equals == std::string::npos || equals + 1 >= option.size() || option.size() - equals > 7) return false;
-  std::uint32_t value = 0;
-  for (std::size_t i = equals + 1; i < option.size(); ++i) {
-    if (option[i] < '0' || option[i] > '9') return false;
-    value = value * 10 + static_cast<std::uint32_t>(option[i] - '0');
-  }
-  const std::string key = option.substr(0, equals);
-  if (value == 0) return false;
-  if (key == "connect-ms") {
-    settings->connectMilliseconds = value;
-  } else if (key == "timeout-ms") {
-    settings->transferMilliseconds = value;
-  } else {
-    return false;
-  }
-  return true;
-}
-
-std::string EffectRemoteStore::WithoutCredentials(const std::string& text) {
-  std::string shown = text;
-  for (std::size_t scheme = shown.find("://"); scheme != std::string::npos; scheme = shown.find("://", scheme + 3)) {
-    const std::size_t start = scheme + 3;
-    const std::size_t end = shown.find_first_of("/?#|", start);
-    const std::size_t at = shown.rfind('@', end == std::string::npos ? std::string::npos : end - 1);
-    if (at != std::string::npos && at >= start && (end == std::string::npos || at < end)) {
-      shown.erase(start, at + 1 - start);
-    }
-  }
-  return shown;
-}
-
-bool EffectRemoteStore::Parse(const std::string& text, Settings* settings) {
-  Settings parsed;
-  std::size_t bar = text.find('|');
-  std::string url = text.substr(0, bar);
-  while (bar != std::string::npos) {
-    const std::size_t next = text.find('|', bar + 1);
-    if (!ParseOption(text.substr(bar + 1, next == std::string::npos ? std::string::npos : next - bar - 1), &parsed)) {
-      return false;
-    }
-    bar = next;
-  }
-  const bool http = url.rfind("http://", 0) == 0 || url.rfind("https://", 0) == 0;
-  const std::size_t scheme = url.find("://") + 3;
-  if (!http || url.size() <= scheme || url[scheme] == '/') return false;
-  for (char c : url) {
-    if (static_cast<unsigned char>(c) <= ' ' || c == '"' || c == '\\') return false;
-  }
-  if (url.back() != '/') url.push_back('/');
-  parsed.baseUrl = url;
-  *settings = parsed;
-  return true;
-}
 
 EffectRemoteStore::EffectRemoteStore(const Settings& settings) : settings_(settings), restUntil_() {}
 
@@ -105,7 +49,7 @@ void EffectRemoteStore::Refused(const std::string& why) {
 
 std::string EffectRemoteStore::Describe(const char* method, const std::string& url,
                                         const HttpClient::Response& response) {
-  std::string why = std::string(method) + " " + WithoutCredentials(url) + ": ";
+  std::string why = std::string(method) + " " + RemoteStoreSettings::WithoutCredentials(url) + ": ";
   if (response.answered) return why + "HTTP " + std::to_string(response.status);
   if (response.timedOut) return why + "no answer in time";
   return why + (response.error.empty() ? std::string("no answer") : response.error);
@@ -134,7 +78,7 @@ HttpClient::Limits EffectRemoteStore::LimitsFor(std::uint64_t maxBody) const {
 
 bool EffectRemoteStore::Get(const std::string& url, std::uint64_t maxBytes, HttpClient::Response* response) {
   if (Resting()) return false;
-  *response = HttpClient::Get(url, LimitsFor(maxBytes));
+  *response = HttpClient::Get(url, LimitsFor(maxBytes), settings_.Access());
   if (IsFailure(*response) && !response->tooLong) {
     Failed(Describe("GET", url, *response));
     return false;
@@ -145,7 +89,7 @@ bool EffectRemoteStore::Get(const std::string& url, std::uint64_t maxBytes, Http
     return false;
   }
   if (!response->answered || response->status != 200) {
-    Refused(response->tooLong ? "GET " + WithoutCredentials(url) + ": an answer longer than allowed"
+    Refused(response->tooLong ? "GET " + RemoteStoreSettings::WithoutCredentials(url) + ": an answer longer than allowed"
                               : Describe("GET", url, *response));
     return false;
   }
@@ -160,7 +104,7 @@ bool EffectRemoteStore::Accept(const HttpClient::Response& response, const std::
   std::lock_guard<std::mutex> guard(lock_);
   if (!valid) {
     data.ZeroCount();
-    Refused(WithoutCredentials(UrlOf(name)) + ": not a valid effect object of that name");
+    Refused(RemoteStoreSettings::WithoutCredentials(UrlOf(name)) + ": not a valid effect object of that name");
     return false;
   }
   ++counts_.hits;
@@ -188,7 +132,7 @@ bool EffectRemoteStore::FetchKey(const std::string& key, std::string* name, Tab<
   *name = RemoteEffectObject::NameIn(response.body.data(), response.body.size());
   if (name->empty() || RemoteEffectObject::KeyFor(*name) != key) {
     std::lock_guard<std::mutex> guard(lock_);
-    Refused(WithoutCredentials(settings_.baseUrl + key) + ": not the effect object its key names");
+    Refused(RemoteStoreSettings::WithoutCredentials(settings_.baseUrl + key) + ": not the effect object its key names");
     return false;
   }
   return Accept(response, *name, data, permanent, nullptr);
@@ -250,7 +194,7 @@ bool EffectRemoteStore::Store(const std::string& name, bool permanent, std::uint
   const std::vector<std::uint8_t> object =
       RemoteEffectObject::Encode(name, permanent, uncompressedSize, compressed, compressedSize);
   const HttpClient::Response response =
-      HttpClient::Put(UrlOf(name), object.data(), object.size(), LimitsFor(kAnswerLimit));
+      HttpClient::Put(UrlOf(name), object.data(), object.size(), LimitsFor(kAnswerLimit), settings_.Access());
   if (IsFailure(response)) {
     Failed(Describe("PUT", UrlOf(name), response));
     return false;

@@ -10,7 +10,9 @@
 // bytes it takes (RemoteEffectObject::SizeLimit()); after a failure (no
 // answer, a timeout, a cut-off answer, a 5xx status) no request is made
 // for a rest period (60 s by default), so a dead server costs a process
-// one timeout per period at most. A 404 is a miss; any other answer that
+// one timeout per period at most; a 401 or 403 (credentials missing or
+// refused) rests the store the same way, so a misconfigured client does
+// not hammer its server. A 404 is a miss; any other answer that
 // is not a valid object of the name asked for (another status, a redirect,
 // garbage, another name's object) is counted as an error and answered as
 // a miss. Nothing the server sends can make Fetch hand back another name's
@@ -29,6 +31,7 @@
 #include <vector>
 
 #include "effectcache/RemoteErrorNote.h"
+#include "effectcache/RemoteStoreSettings.h"
 #include "host/Tab.h"
 #include "platform/HttpClient.h"
 
@@ -36,13 +39,7 @@ namespace Tovrel {
 
 class EffectRemoteStore {
  public:
-  struct Settings {
-    std::string baseUrl;  // http:// or https://, ending in '/'
-    bool readOnly = false;
-    std::uint32_t connectMilliseconds = 250;
-    std::uint32_t transferMilliseconds = 2000;
-    std::uint32_t restMilliseconds = 60000;
-  };
+  using Settings = RemoteStoreSettings;
   // What the store did, since it was made.
   struct Counts {
     std::uint64_t hits = 0;      // valid objects fetched
@@ -53,15 +50,6 @@ class EffectRemoteStore {
     std::uint64_t bytesIn = 0;   // bytes of the objects fetched
     std::uint64_t bytesOut = 0;  // bytes of the objects PUT
   };
-
-  // Reads "URL" followed by any of "|read-only", "|connect-ms=N",
-  // "|timeout-ms=N" (a '/' is added to a URL without one); false, settings
-  // unchanged, for anything else, a URL that is not http:// or https://
-  // included.
-  static bool Parse(const std::string& text, Settings* settings);
-  // The text with any "user:password@" of a URL's authority taken out,
-  // for messages: credentials are never shown.
-  static std::string WithoutCredentials(const std::string& text);
 
   explicit EffectRemoteStore(const Settings& settings);
 
@@ -112,7 +100,6 @@ class EffectRemoteStore {
   static constexpr std::uint64_t kListingLimit = 16u << 20;
   static constexpr std::uint64_t kAnswerLimit = 64u << 10;
 
-  static bool ParseOption(const std::string& option, Settings* settings);
   // A GET that gave a 200: false (counted) otherwise.
   bool Get(const std::string& url, std::uint64_t maxBytes, HttpClient::Response* response);
   bool Accept(const HttpClient::Response& response, const std::string& name, Tab<unsigned char>& data,

@@ -32,7 +32,7 @@ std::vector<unsigned char> Bytes(int i) {
 
 EffectRemoteStore::Settings StoreAt(const std::string& url) {
   EffectRemoteStore::Settings settings;
-  EXPECT_TRUE(EffectRemoteStore::Parse(url, &settings));
+  EXPECT_TRUE(RemoteStoreSettings::Parse(url, &settings));
   settings.connectMilliseconds = 1000;
   settings.transferMilliseconds = 3000;
   return settings;

@@ -15,6 +15,9 @@ class Environment {
 
   // The variable's value; empty when it is unset, empty or too long.
   static std::wstring Get(const wchar_t* name);
+  // The variable's whole value, however long (for values that are not
+  // paths, such as a credential); empty when it is unset or empty.
+  static std::wstring GetWhole(const wchar_t* name);
 };
 
 }  // namespace Tovrel

@@ -14,13 +14,13 @@ HttpClient::Response NotHttp() {
 
 }  // namespace
 
-HttpClient::Response HttpClient::Get(const std::string& url, const Limits& limits) {
-  return IsHttpUrl(url) ? Exchange(url, nullptr, 0, false, limits) : NotHttp();
+HttpClient::Response HttpClient::Get(const std::string& url, const Limits& limits, const Access& access) {
+  return IsHttpUrl(url) ? Exchange(url, nullptr, 0, false, limits, access) : NotHttp();
 }
 
 HttpClient::Response HttpClient::Put(const std::string& url, const std::uint8_t* bytes, std::size_t size,
-                                     const Limits& limits) {
-  return IsHttpUrl(url) ? Exchange(url, bytes, size, true, limits) : NotHttp();
+                                     const Limits& limits, const Access& access) {
+  return IsHttpUrl(url) ? Exchange(url, bytes, size, true, limits, access) : NotHttp();
 }
 
 }  // namespace Tovrel

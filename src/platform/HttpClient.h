@@ -29,6 +29,17 @@ class HttpClient {
     std::uint32_t transferMilliseconds = 2000;
     std::uint64_t maxBodyBytes = 64 * 1024;
   };
+  // What a request carries beyond its URL.
+  struct Access {
+    // The Authorization header's value ("Bearer ...", "Basic ..."); empty
+    // for none. Never part of a Response's error.
+    std::string authorization;
+    // For https://: the CA certificates (a PEM file, UTF-8 path) that the
+    // server's certificate must chain to, instead of the system's trust
+    // store. The certificate and its host name are always verified: one
+    // that does not verify is an error, and no request is sent.
+    std::string caFile;
+  };
   struct Response {
     bool answered = false;   // a whole HTTP answer came (of any status)
     int status = 0;          // its status; 0 when none came
@@ -38,14 +49,15 @@ class HttpClient {
     std::string error;       // why no whole answer came, in words
   };
 
-  static Response Get(const std::string& url, const Limits& limits);
-  static Response Put(const std::string& url, const std::uint8_t* bytes, std::size_t size, const Limits& limits);
+  static Response Get(const std::string& url, const Limits& limits, const Access& access = Access());
+  static Response Put(const std::string& url, const std::uint8_t* bytes, std::size_t size, const Limits& limits,
+                      const Access& access = Access());
 
  private:
   // One request, by the system's own client (posix/, win32/): a PUT of
   // `bytes` when `put`, else a GET. The URL is http:// or https://.
   static Response Exchange(const std::string& url, const std::uint8_t* bytes, std::size_t size, bool put,
-                           const Limits& limits);
+                           const Limits& limits, const Access& access);
 };
 
 }  // namespace Tovrel

@@ -1,5 +1,7 @@
 #include "support/EffectTesting.h"
 
+#include "effectcache/EffectCompression.h"
+
 #include <array>
 #include <random>
 #include <stdexcept>
@@ -81,6 +83,14 @@ std::vector<unsigned char> EffectTesting::Bytes(std::uint32_t seed, std::size_t 
     for (std::size_t b = 0; b < 8 && at + b < size; ++b) bytes[at + b] = t[b];
   }
   return bytes;
+}
+
+std::vector<std::uint8_t> EffectTesting::Compressed(const std::vector<unsigned char>& bytes) {
+  std::vector<std::uint8_t> compressed(EffectCompression::CompressBound(bytes.size()));
+  std::uint64_t length = compressed.size();
+  EffectCompression::CompressEffect(compressed.data(), length, bytes.data(), bytes.size(), 2);
+  compressed.resize(length);
+  return compressed;
 }
 
 std::vector<unsigned char> EffectTesting::ToVector(const Tab<unsigned char>& tab) {

@@ -24,6 +24,8 @@ class EffectTesting {
   // level 2), the others are random.
   static std::vector<unsigned char> Bytes(std::uint32_t seed, std::size_t size, bool compressible);
   static std::vector<unsigned char> ToVector(const Tab<unsigned char>& tab);
+  // The bytes as the cache compresses an effect (zlib, level 2).
+  static std::vector<std::uint8_t> Compressed(const std::vector<unsigned char>& bytes);
   // Bytes that follow from an effect's UTF-8 name alone (2,000 to 32,000 of
   // them, most compressible), so that any process can tell whether what it
   // found is what was stored under that name.

@@ -21,7 +21,9 @@
 #include <string>
 #include <vector>
 
+#include "platform/HttpClient.h"
 #include "platform/PlatformProcess.h"
+#include "support/TestCertificates.h"
 
 namespace Tovrel {
 namespace Testing {
@@ -32,6 +34,30 @@ class RemoteServer {
   static std::unique_ptr<RemoteServer> StartNginx(const std::filesystem::path& folder);
   // The fault server (/object/ answers with what was last PUT to /ok/).
   static std::unique_ptr<RemoteServer> StartFaults(const std::filesystem::path& folder);
+
+  // A team server: nginx serving the configuration that docs/REMOTE.md
+  // gives ("Setting up a team server"), verbatim but for the lines it
+  // marks as a studio's own, with certificates of TestCertificates made in
+  // `folder`. Beside it, on ports of its own, the same server block with
+  // the wrong host's and the expired certificate, and the store behind
+  // basic authentication on plain HTTP. A test process that cannot start
+  // Linux programs uses the one its runner started, named by the
+  // environment variable TOVREL_TEST_TEAM (the six fields below, in order,
+  // separated by blanks).
+  struct TeamUrls {
+    std::string right;      // https://127.0.0.1:PORT/fx/
+    std::string wrongHost;  // a certificate for another host name
+    std::string expired;    // an expired certificate
+    std::string basic;      // http://127.0.0.1:PORT/fx/, basic authentication (kBasicUser, kBasicPassword)
+    std::string ca;         // the CA that signed the certificates (a path this process can open)
+    std::string otherCa;    // a CA that signed none of them
+  };
+  static constexpr const char* kReadToken = "4f1d9c0b7e2a6358read";
+  static constexpr const char* kWriteToken = "a83be1f07c4d9265write";
+  static constexpr const char* kBasicUser = "ann";
+  static constexpr const char* kBasicPassword = "s3cret@p%ss";  // nginx reads a password up to a colon
+  static std::unique_ptr<RemoteServer> StartTeam(const std::filesystem::path& folder);
+  const TeamUrls& Team() const { return team_; }
   ~RemoteServer();
   RemoteServer(const RemoteServer&) = delete;
   RemoteServer& operator=(const RemoteServer&) = delete;
@@ -54,22 +80,34 @@ class RemoteServer {
   RemoteServer() = default;
   // The server the test's runner started, named by `variable`; null without one.
   static std::unique_ptr<RemoteServer> Given(const char* variable);
+  // The team server the runner started (TOVREL_TEST_TEAM); null without one.
+  static std::unique_ptr<RemoteServer> GivenTeam();
   // The command that starts a server on a port.
   using CommandFor = std::function<std::vector<std::string>(std::uint16_t port)>;
   // Starts the server `what` on one port after another (8 at most); null,
   // with the reason kept for WhyNone, when it answers on none.
+  // `url` is the first URL that the server answers on, with PORT in place
+  // of the port; `probe` what its probe is sent with.
   static std::unique_ptr<RemoteServer> StartOnAnyPort(const std::string& what, const CommandFor& command,
-                                                      const std::string& output);
+                                                      const std::string& output,
+                                                      const std::string& url = "http://127.0.0.1:PORT/",
+                                                      const HttpClient::Access& probe = HttpClient::Access());
   static std::unique_ptr<RemoteServer> Start(const std::vector<std::string>& command, const std::string& output,
-                                             std::uint16_t port);
+                                             const std::string& url, const HttpClient::Access& probe);
+  // The team server's configuration on ports `port` to `port` + 3; empty,
+  // with the reason kept for WhyNone, when docs/REMOTE.md no longer holds
+  // what it is made from.
+  static std::string TeamConfig(const std::filesystem::path& folder, std::uint16_t port,
+                                const TestCertificates& certificates);
   static std::uint16_t PickPort(int attempt);
   // True once the server answers; false, with the reason kept for
   // WhyNone, when it ends first or does not answer within 5 s.
-  bool WaitUntilAnswering();
+  bool WaitUntilAnswering(const HttpClient::Access& probe);
 
   std::unique_ptr<PlatformProcess> process_;
   std::string url_;
   std::filesystem::path store_;
+  TeamUrls team_;
 };
 
 }  // namespace Testing

@@ -1,5 +1,7 @@
 #include "support/ScopedTimeZone.h"
 
+#include "support/ScopedVariable.h"
+
 #include <cstdlib>
 #include <ctime>
 
@@ -16,15 +18,10 @@ ScopedTimeZone::ScopedTimeZone(const std::string& rule) {
 ScopedTimeZone::~ScopedTimeZone() { Set(had_ ? &previous_ : nullptr); }
 
 void ScopedTimeZone::Set(const std::string* value) {
+  ScopedVariable::Set("TZ", value);
 #if defined(_WIN32)
-  _putenv_s("TZ", value != nullptr ? value->c_str() : "");
   _tzset();
 #else
-  if (value != nullptr) {
-    setenv("TZ", value->c_str(), 1);
-  } else {
-    unsetenv("TZ");
-  }
   tzset();
 #endif
 }

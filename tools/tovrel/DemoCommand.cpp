@@ -11,6 +11,7 @@
 #include "DemoHistory.h"
 #include "ExitStatus.h"
 #include "ProgressReporter.h"
+#include "RemoteCommands.h"
 #include "SyntheticShaders.h"
 #include "TextFormat.h"
 #include "ToolError.h"
@@ -70,7 +71,7 @@ Outcome PlayHost(const UserPath& folder, const SyntheticShaders& shaders, std::u
   // calls never wait for a save.
   cache->SetBackgroundSaving(background);
   if (!remote.empty() && !cache->SetRemoteStore(WideText::FromUtf8(remote).c_str())) {
-    throw ToolError(ExitStatus::kUsage, "not a remote store: " + EffectRemoteStore::WithoutCredentials(remote));
+    throw ToolError(ExitStatus::kUsage, "not a remote store: " + RemoteStoreSettings::WithoutCredentials(remote));
   }
   ProgressReporter progress(console, "effects", effects);
   for (std::uint32_t i = 0; i < effects; ++i) {
@@ -114,7 +115,7 @@ void Report(const DemoHistory::Run& run, const Outcome& outcome, const CacheFile
       << TextFormat::Bytes(stored) << " stored, compression ratio " << TextFormat::Ratio(uncompressed, stored) << "\n"
       << "  wall time:  " << TextFormat::Seconds(run.WallSeconds()) << "\n";
   if (!remote.empty()) {
-    out << "  team tier:  " << TextFormat::Count(outcome.fromTeam) << " of the hits came from " << EffectRemoteStore::WithoutCredentials(remote) << "\n";
+    out << "  team tier:  " << TextFormat::Count(outcome.fromTeam) << " of the hits came from " << RemoteStoreSettings::WithoutCredentials(remote) << "\n";
   }
   if (outcome.wrong != 0) out << "  " << TextFormat::Counted(outcome.wrong, "effect") << " came back with the wrong size\n";
 }
@@ -167,10 +168,7 @@ int DemoCommand::Run(const CommandLine& line, Console& console) {
       line.Value("--work", std::to_string(SyntheticShaders::kDefaultWorkRounds)), "--work", 0, 1000000000);
   // Every argument is checked before the disk is touched.
   const std::string remote = line.Value("--remote", "");
-  EffectRemoteStore::Settings settings;
-  if (!remote.empty() && !EffectRemoteStore::Parse(remote, &settings)) {
-    throw ToolError(ExitStatus::kUsage, "not a remote store: " + EffectRemoteStore::WithoutCredentials(remote));
-  }
+  if (!remote.empty()) RemoteCommands::StoreOf(remote);
   const UserPath folder = PrepareFolder(line);
   DemoHistory history(folder);
   console.Out() << "tovrel demo: a host that needs " << TextFormat::Count(effects) << " shader effects, cached in "

@@ -16,16 +16,6 @@ namespace Tool {
 
 namespace {
 
-EffectRemoteStore::Settings StoreOf(const std::string& text) {
-  EffectRemoteStore::Settings settings;
-  if (!EffectRemoteStore::Parse(text, &settings)) {
-    throw ToolError(ExitStatus::kUsage, "not a remote store: " + EffectRemoteStore::WithoutCredentials(text) +
-                                            " (an http:// or https:// URL, optionally followed by |read-only, "
-                                            "|connect-ms=N, |timeout-ms=N)");
-  }
-  return settings;
-}
-
 // "3 effects left over: the store failed (2 errors); it is left alone for a minute after a failure"
 int LeftOver(const EffectRemoteSync::Result& result, Console& console) {
   if (result.failed == 0) return ExitStatus::kOk;
@@ -38,13 +28,27 @@ int LeftOver(const EffectRemoteSync::Result& result, Console& console) {
 
 }  // namespace
 
+EffectRemoteStore::Settings RemoteCommands::StoreOf(const std::string& text) {
+  EffectRemoteStore::Settings settings;
+  std::string why;
+  if (!RemoteStoreSettings::Parse(text, &settings, &why)) {
+    throw ToolError(ExitStatus::kUsage, "not a remote store: " + RemoteStoreSettings::WithoutCredentials(text) +
+                                            ": " + why +
+                                            " (an http:// or https:// URL, optionally followed by |read-only, "
+                                            "|connect-ms=N, |timeout-ms=N, |ca=PATH, |token-file=PATH, "
+                                            "|key-file=PATH)");
+  }
+  return settings;
+}
+
 void RemoteCommands::AddTo(std::vector<CommandGroup::Command>& commands) {
   using Command = CommandGroup::Command;
   commands.push_back(Command{"push", "FOLDER STORE", "send every effect of a cache to a remote store",
                              "PUTs every effect of the folder's cache to the remote store STORE (an http://\n"
-                             "or https:// URL, optionally followed by |connect-ms=N, |timeout-ms=N), its\n"
-                             "compressed bytes as stored. The cache is read under its mutex, in batches;\n"
-                             "no request is made while the mutex is held. See docs/REMOTE.md.\n",
+                             "or https:// URL, optionally followed by |connect-ms=N, |timeout-ms=N,\n"
+                             "|ca=PATH, |token-file=PATH, |key-file=PATH), its compressed bytes as stored.\n"
+                             "The cache is read under its mutex, in batches; no request is made while the\n"
+                             "mutex is held. See docs/REMOTE.md.\n",
                              {}, {}, 2, 2, &RemoteCommands::Push, nullptr});
   commands.push_back(Command{"pull", "FOLDER STORE (NAME... | --all)", "fetch effects from a remote store",
                              "GETs the named effects from the remote store STORE (or with --all every object\n"
@@ -71,7 +75,7 @@ int RemoteCommands::Push(const CommandLine& line, Console& console) {
   progress.Finish();
   if (!result.ok) throw ToolError(ExitStatus::kUnreadable, folder.Typed() + ": the effect cache cannot be read");
   console.Out() << "pushed " << TextFormat::Counted(result.moved, "effect") << ": " << TextFormat::Bytes(result.bytes)
-                << " to " << EffectRemoteStore::WithoutCredentials(store.baseUrl) << "\n";
+                << " to " << RemoteStoreSettings::WithoutCredentials(store.baseUrl) << "\n";
   return LeftOver(result, console);
 }
 
@@ -94,7 +98,7 @@ int RemoteCommands::Pull(const CommandLine& line, Console& console) {
                           : EffectRemoteSync::Pull(target, store, names, report);
   progress.Finish();
   if (result.noListing) {
-    throw ToolError(ExitStatus::kFailed, EffectRemoteStore::WithoutCredentials(store.baseUrl) +
+    throw ToolError(ExitStatus::kFailed, RemoteStoreSettings::WithoutCredentials(store.baseUrl) +
                                              ": the server offers no listing of its objects (" + result.lastError +
                                              "); name the effects to pull");
   }
@@ -102,7 +106,7 @@ int RemoteCommands::Pull(const CommandLine& line, Console& console) {
     throw ToolError(ExitStatus::kFailed, CacheFile::ChangeFailed(folder, "opened or saved"));
   }
   console.Out() << "pulled " << TextFormat::Counted(result.moved, "effect") << ": " << TextFormat::Bytes(result.bytes)
-                << " from " << EffectRemoteStore::WithoutCredentials(store.baseUrl) << "\n";
+                << " from " << RemoteStoreSettings::WithoutCredentials(store.baseUrl) << "\n";
   if (result.absent != 0) console.Out() << TextFormat::Counted(result.absent, "effect") << " not in the store\n";
   const int status = LeftOver(result, console);
   if (!result.listingCut) return status;

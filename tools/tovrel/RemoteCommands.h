@@ -14,11 +14,13 @@
 #ifndef TOVREL_TOOL_REMOTECOMMANDS_H
 #define TOVREL_TOOL_REMOTECOMMANDS_H
 
+#include <string>
 #include <vector>
 
 #include "CommandGroup.h"
 #include "CommandLine.h"
 #include "Console.h"
+#include "effectcache/EffectRemoteStore.h"
 
 namespace Tovrel {
 namespace Tool {
@@ -27,6 +29,10 @@ class RemoteCommands {
  public:
   // Appends the commands to a group's list.
   static void AddTo(std::vector<CommandGroup::Command>& commands);
+
+  // The store a command line names; a usage error saying what is wrong
+  // with the text otherwise (its credentials never shown).
+  static EffectRemoteStore::Settings StoreOf(const std::string& text);
 
   static int Push(const CommandLine& line, Console& console);
   static int Pull(const CommandLine& line, Console& console);

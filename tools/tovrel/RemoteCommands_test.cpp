@@ -5,12 +5,14 @@
 #include <nlohmann/json.hpp>
 
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "ExitStatus.h"
 #include "support/EffectTesting.h"
 #include "support/RemoteServer.h"
+#include "support/ScopedVariable.h"
 #include "support/TempDir.h"
 #include "support/TestRun.h"
 #include "tool/ToolTesting.h"
@@ -107,6 +109,77 @@ TEST_F(RemoteCommandsTest, CredentialsInAStoreUrlAreNeverShown) {
   }
   // A store that is not one is refused before anything is made.
   EXPECT_FALSE(std::filesystem::exists(dir_.Path() / "never"));
+}
+
+// A studio's team server (HTTPS, tokens, basic authentication): the tool
+// pushes and pulls with credentials from files, the environment and URLs,
+// and none of them appears in anything a run prints or leaves behind, its
+// failures included.
+TEST_F(RemoteCommandsTest, TheTeamTierIsUsedWithCredentialsThatNeverShow) {
+  auto team = RemoteServer::StartTeam(dir_.Path() / "team");
+  if (!team) TOVREL_SKIP_OR_FAIL(RemoteServer::WhyNone());
+  Testing::ScopedVariable noToken("TOVREL_EFFECT_CACHE_REMOTE_TOKEN", nullptr);
+  const fs::path writeToken = dir_.Path() / "write-token";
+  std::ofstream(writeToken) << RemoteServer::kWriteToken << "\n";
+  const std::string ca = "|ca=" + team->Team().ca + "|timeout-ms=5000|connect-ms=2000";
+  // A folder of this test's own: a server the runner started outlives it.
+  const std::string own = ToolTesting::Utf8(dir_.Path().filename()) + "/";
+  const std::string farm = team->Team().right + own + ca + "|token-file=" + ToolTesting::Utf8(writeToken);
+  const std::string workstation = team->Team().right + own + ca;
+  std::string basic = team->Team().basic + own;
+  basic.insert(7, std::string(RemoteServer::kBasicUser) + ":s3cret%40p%25ss@");
+  std::string wrongBasic = team->Team().basic + own;
+  wrongBasic.insert(7, std::string(RemoteServer::kBasicUser) + ":s3cret-guess@");
+  const fs::path third = dir_.Path() / "third";
+  const fs::path profile = dir_.Path() / "profile.log";
+  Testing::ScopedVariable profiling("NORVANEEFFECTCACHEPROFILE", ToolTesting::Utf8(profile).c_str());
+  ToolTesting::MakeCache(first_, 5, 2500);
+  fs::create_directories(second_);
+  std::string everything;
+  const auto run = [&everything](const std::vector<std::string>& words, int status) {
+    const ToolTesting::Result result = ToolTesting::Run(words);
+    EXPECT_EQ(result.status, status) << words[1] << " " << words.back() << "\n" << result.out << result.err;
+    everything += result.out + result.err;
+    return result;
+  };
+  EXPECT_TRUE(ToolTesting::Contains(run({"effects", "push", ToolTesting::Utf8(first_), farm}, ExitStatus::kOk).out,
+                                    "pushed 5 effects"));
+  {
+    Testing::ScopedVariable token("TOVREL_EFFECT_CACHE_REMOTE_TOKEN", RemoteServer::kReadToken);
+    EXPECT_TRUE(ToolTesting::Contains(
+        run({"effects", "pull", ToolTesting::Utf8(second_), workstation, "--all"}, ExitStatus::kOk).out,
+        "pulled 5 effects"));
+    EXPECT_EQ(Names(second_), Names(first_));
+    // A workstation's host caches what it compiles; its PUTs are refused (403).
+    run({"demo", ToolTesting::Utf8(third), "--effects", "3", "--work", "0", "--remote", workstation}, ExitStatus::kOk);
+    run({"effects", "stats", ToolTesting::Utf8(third)}, ExitStatus::kOk);
+    const auto json = run({"effects", "stats", ToolTesting::Utf8(third), "--json"}, ExitStatus::kOk);
+    EXPECT_GT(nlohmann::json::parse(json.out).at("remote").at("errors").get<int>(), 0) << json.out;
+    const auto refused = run({"effects", "push", ToolTesting::Utf8(first_), workstation}, ExitStatus::kFailed);
+    EXPECT_TRUE(ToolTesting::Contains(refused.err, ": HTTP 403")) << refused.err;
+  }
+  run({"effects", "push", ToolTesting::Utf8(first_), basic}, ExitStatus::kOk);
+  run({"effects", "pull", ToolTesting::Utf8(second_), basic, "fx/1"}, ExitStatus::kOk);
+  const auto guessed = run({"effects", "push", ToolTesting::Utf8(first_), wrongBasic}, ExitStatus::kFailed);
+  EXPECT_TRUE(ToolTesting::Contains(guessed.err, ": HTTP 401")) << guessed.err;
+  const auto noFile = run({"effects", "push", ToolTesting::Utf8(first_), workstation + "|token-file=/nowhere/token"},
+                          ExitStatus::kUsage);
+  EXPECT_TRUE(ToolTesting::Contains(noFile.err, "the token file /nowhere/token cannot be read")) << noFile.err;
+  // What the runs printed, and every file they left (the caches, their
+  // notes of the last error, the profile log).
+  ASSERT_TRUE(fs::exists(profile));
+  for (const fs::path& folder : {first_, second_, third, dir_.Path()}) {
+    for (const auto& entry : fs::directory_iterator(folder)) {
+      if (!entry.is_regular_file() || entry.path() == writeToken) continue;  // the token's own file
+      const std::vector<std::uint8_t> bytes = ToolTesting::ReadFile(entry.path());
+      everything += "\n" + entry.path().filename().string() + ": " + std::string(bytes.begin(), bytes.end());
+    }
+  }
+  EXPECT_TRUE(ToolTesting::Contains(everything, "norvaneFxoCache.remote-error: TVRE"));
+  for (const std::string& secret : {std::string(RemoteServer::kReadToken), std::string(RemoteServer::kWriteToken),
+                                    std::string("s3cret"), std::string("Basic "), std::string("Bearer ")}) {
+    EXPECT_FALSE(ToolTesting::Contains(everything, secret)) << secret;
+  }
 }
 
 // The demo as two workstations: the second's first run is served by what

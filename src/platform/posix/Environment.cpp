@@ -14,4 +14,9 @@ std::wstring Environment::Get(const wchar_t* name) {
   return wide;
 }
 
+std::wstring Environment::GetWhole(const wchar_t* name) {
+  const char* value = std::getenv(WideText::ToUtf8(name).c_str());
+  return value == nullptr ? std::wstring() : WideText::FromUtf8(value);
+}
+
 }  // namespace Tovrel

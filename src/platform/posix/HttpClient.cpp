@@ -91,7 +91,7 @@ std::size_t Send(char* buffer, std::size_t size, std::size_t count, void* user) 
 }  // namespace
 
 HttpClient::Response HttpClient::Exchange(const std::string& url, const std::uint8_t* bytes, std::size_t size,
-                                          bool put, const Limits& limits) {
+                                          bool put, const Limits& limits, const Access& access) {
   Response response;
   const Curl& curl = LoadedCurl();
   if (!curl.loaded) {
@@ -106,10 +106,26 @@ HttpClient::Response HttpClient::Exchange(const std::string& url, const std::uin
   Download download{&response.body, limits.maxBodyBytes, false};
   Upload upload{bytes, size};
   curl_slist* headers = curl.slistAppend(nullptr, "Expect:");  // no wait for a 100 before the body
+  if (!access.authorization.empty()) {
+    curl_slist* more = curl.slistAppend(headers, ("Authorization: " + access.authorization).c_str());
+    if (more == nullptr) {
+      curl.slistFree(headers);
+      curl.cleanup(handle);
+      response.error = "libcurl could not start a request";
+      return response;
+    }
+    headers = more;
+  }
+  char detail[CURL_ERROR_SIZE] = {};
   curl.setopt(handle, CURLOPT_URL, url.c_str());
   curl.setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
   curl.setopt(handle, CURLOPT_NOSIGNAL, 1L);
   curl.setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
+  // A server's certificate and host name are always verified.
+  curl.setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl.setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L);
+  if (!access.caFile.empty()) curl.setopt(handle, CURLOPT_CAINFO, access.caFile.c_str());
+  curl.setopt(handle, CURLOPT_ERRORBUFFER, detail);
   curl.setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(limits.connectMilliseconds));
   curl.setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(limits.transferMilliseconds));
   curl.setopt(handle, CURLOPT_WRITEFUNCTION, &Receive);
@@ -132,7 +148,9 @@ HttpClient::Response HttpClient::Exchange(const std::string& url, const std::uin
     response.answered = true;
     response.status = static_cast<int>(status);
   } else {
-    response.error = response.tooLong ? "the answer is longer than allowed" : curl.strerror(result);
+    response.error = response.tooLong ? "the answer is longer than allowed"
+                     : detail[0] != '\0'  ? std::string(detail)
+                                           : std::string(curl.strerror(result));
     response.body.clear();
   }
   return response;

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "platform/WideText.h"
+#include "platform/win32/ServerCertificateCheck.h"
 
 namespace Tovrel {
 
@@ -21,6 +22,8 @@ class Handle {
   Handle(const Handle&) = delete;
   Handle& operator=(const Handle&) = delete;
   HINTERNET Get() const { return handle_; }
+  // Forgets a handle that was closed elsewhere.
+  void Forget() { handle_ = nullptr; }
 
  private:
   HINTERNET handle_;
@@ -28,7 +31,21 @@ class Handle {
 
 std::string Failure(const char* step) {
   const DWORD error = GetLastError();
-  return std::string(step) + " failed (WinHTTP error " + std::to_string(error) + ")";
+  const std::string code = " (WinHTTP error " + std::to_string(error) + ")";
+  switch (error) {
+    case ERROR_WINHTTP_SECURE_FAILURE:
+    case ERROR_WINHTTP_SECURE_INVALID_CA:
+    case ERROR_WINHTTP_SECURE_CERT_DATE_INVALID:
+    case ERROR_WINHTTP_SECURE_CERT_CN_INVALID:
+    case ERROR_WINHTTP_SECURE_INVALID_CERT:
+    case ERROR_WINHTTP_SECURE_CERT_REVOKED:
+    case ERROR_WINHTTP_SECURE_CERT_WRONG_USAGE:
+      return "the server's certificate did not verify" + code;
+    case ERROR_WINHTTP_SECURE_CHANNEL_ERROR:
+      return "no secure connection (a certificate that did not verify, or no protocol in common)" + code;
+    default:
+      return std::string(step) + " failed" + code;
+  }
 }
 
 struct Target {
@@ -79,10 +96,30 @@ bool ReadBody(HINTERNET request, ULONGLONG deadline, std::uint64_t limit, HttpCl
 }
 
 
+// Sends the request's headers, then its body, and waits for the answer.
+// The body goes only after the server's certificate passed the check: no
+// object reaches a server that did not verify, even where closing the
+// request in the check's callback does not stop its headers.
+bool SendRequest(HINTERNET request, const std::uint8_t* bytes, std::size_t size, const ServerCertificateCheck& check) {
+  if (!WinHttpSendRequest(request, WINHTTP_NO_ADDITIONAL_HEADERS, 0, WINHTTP_NO_REQUEST_DATA, 0,
+                          static_cast<DWORD>(size), 0)) {
+    return false;
+  }
+  if (check.Refused()) return false;
+  while (size != 0) {
+    DWORD written = 0;
+    const auto chunk = static_cast<DWORD>(std::min<std::size_t>(size, std::size_t{1} << 20));
+    if (!WinHttpWriteData(request, bytes, chunk, &written) || written == 0) return false;
+    bytes += written;
+    size -= written;
+  }
+  return WinHttpReceiveResponse(request, nullptr) != FALSE;
+}
+
 }  // namespace
 
 HttpClient::Response HttpClient::Exchange(const std::string& url, const std::uint8_t* bytes, std::size_t size,
-                                          bool put, const Limits& limits) {
+                                          bool put, const Limits& limits, const Access& access) {
   HttpClient::Response response;
   Target target;
   if (!Crack(url, &target)) {
@@ -100,6 +137,8 @@ HttpClient::Response HttpClient::Exchange(const std::string& url, const std::uin
   const int transfer = static_cast<int>(limits.transferMilliseconds);
   WinHttpSetTimeouts(session.Get(), connect, connect, transfer, transfer);
   Handle connection(WinHttpConnect(session.Get(), target.host.c_str(), target.port, 0));
+  // Outlives the request it checks.
+  ServerCertificateCheck check(target.host);
   Handle request(connection.Get() == nullptr
                      ? nullptr
                      : WinHttpOpenRequest(connection.Get(), put ? L"PUT" : L"GET", target.path.c_str(), nullptr,
@@ -114,14 +153,30 @@ HttpClient::Response HttpClient::Exchange(const std::string& url, const std::uin
   WinHttpSetTimeouts(request.Get(), connect, connect, transfer, transfer);
   DWORD receive = static_cast<DWORD>(transfer);
   WinHttpSetOption(request.Get(), WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, &receive, sizeof receive);
-  DWORD noRedirects = WINHTTP_DISABLE_REDIRECTS;
-  WinHttpSetOption(request.Get(), WINHTTP_OPTION_DISABLE_FEATURE, &noRedirects, sizeof noRedirects);
-  void* body = put && size != 0 ? const_cast<std::uint8_t*>(bytes) : WINHTTP_NO_REQUEST_DATA;
-  const auto length = static_cast<DWORD>(put ? size : 0);
-  if (!WinHttpSendRequest(request.Get(), WINHTTP_NO_ADDITIONAL_HEADERS, 0, body, length, length, 0) ||
-      !WinHttpReceiveResponse(request.Get(), nullptr)) {
+  // No redirects; and no connection kept for a later request, which some
+  // WinHTTP versions share between sessions without verifying the
+  // server again for a request that trusts other CAs.
+  DWORD disabled = WINHTTP_DISABLE_REDIRECTS | WINHTTP_DISABLE_KEEP_ALIVE;
+  WinHttpSetOption(request.Get(), WINHTTP_OPTION_DISABLE_FEATURE, &disabled, sizeof disabled);
+  if (target.secure && !access.caFile.empty() && !(check.Load(access.caFile) && check.Attach(request.Get()))) {
+    response.error = check.Why().empty() ? Failure("setting up the certificate check") : check.Why();
+    return response;
+  }
+  const std::wstring headers =
+      access.authorization.empty() ? std::wstring() : L"Authorization: " + WideText::FromUtf8(access.authorization);
+  if (!headers.empty() && !WinHttpAddRequestHeaders(request.Get(), headers.c_str(), static_cast<DWORD>(headers.size()),
+                                                    WINHTTP_ADDREQ_FLAG_ADD | WINHTTP_ADDREQ_FLAG_REPLACE)) {
+    response.error = Failure("adding the credentials");
+    return response;
+  }
+  if (!SendRequest(request.Get(), bytes, put ? size : 0, check)) {
     response.timedOut = GetLastError() == ERROR_WINHTTP_TIMEOUT;
     response.error = Failure("sending the request");
+    if (check.Refused()) {
+      request.Forget();
+      response.timedOut = false;
+      response.error = check.Why();
+    }
     return response;
   }
   DWORD status = 0;
