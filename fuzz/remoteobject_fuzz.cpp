@@ -6,7 +6,8 @@
 // be (in room for the size the header gives) and in other rooms, and each
 // time the status, length and every byte of the buffer must be what zlib's
 // uncompress gives: the search's decoder is libdeflate wherever it gives
-// the same, which this compares on every input the fuzzer makes.
+// the same, which this compares on every input the fuzzer makes. A reader
+// with a team key takes only what a reader without one takes, signed.
 #include <zlib.h>
 
 #include <cstddef>
@@ -69,6 +70,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Tab<unsigned char> effect;
   bool permanent = false;
   const auto result = Tovrel::RemoteEffectObject::Decode(object, objectSize, name, &permanent, effect);
+  // A reader with a team key takes less than one without: only signed
+  // objects that one would take too.
+  static const std::vector<std::uint8_t> kKey(32, 0x5A);
+  Tab<unsigned char> keyed;
+  const auto signedResult = Tovrel::RemoteEffectObject::Decode(object, objectSize, name, nullptr, keyed, &kKey);
+  if (signedResult == Tovrel::RemoteEffectObject::Result::kOk &&
+      (result != Tovrel::RemoteEffectObject::Result::kOk ||
+       (Tovrel::LittleEndian::Load32(object + 12) & Tovrel::RemoteEffectObject::kSignedFlag) == 0)) {
+    std::abort();
+  }
   if (result != Tovrel::RemoteEffectObject::Result::kOk) return 0;
   // An answer taken must be what its header says, for the name asked for.
   const std::uint64_t recorded = Tovrel::LittleEndian::Load32(object + 20);

@@ -215,7 +215,7 @@ class EffectCacheImpl : public NorvaneHeapOperators {
   // "TOVREL_EFFECT_CACHE_REMOTE" ("URL" or "URL|read-only") is set by the
   // constructor.
   void SetRemoteStore(const EffectRemoteStore::Settings* settings);
-  // The same from its text (EffectRemoteStore::Parse); null or empty
+  // The same from its text (RemoteStoreSettings::Parse); null or empty
   // removes it; false, nothing changed, for text that names no store.
   bool SetRemoteStore(const wchar_t* text);
   // What the remote store did; zeros without one.

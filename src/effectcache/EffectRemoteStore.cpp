@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "effectcache/RemoteEffectObject.h"
+#include "pagefile/LittleEndian.h"
 
 namespace Tovrel {
 
@@ -99,20 +100,24 @@ bool EffectRemoteStore::Get(const std::string& url, std::uint64_t maxBytes, Http
 bool EffectRemoteStore::Accept(const HttpClient::Response& response, const std::string& name,
                                Tab<unsigned char>& data, bool* permanent, std::vector<std::uint8_t>* compressed) {
   bool found = false;
-  const bool valid = RemoteEffectObject::Decode(response.body.data(), response.body.size(), name, &found, data) ==
-                     RemoteEffectObject::Result::kOk;
+  const RemoteEffectObject::Result result =
+      RemoteEffectObject::Decode(response.body.data(), response.body.size(), name, &found, data, &settings_.teamKey);
   std::lock_guard<std::mutex> guard(lock_);
-  if (!valid) {
+  if (result != RemoteEffectObject::Result::kOk) {
     data.ZeroCount();
-    Refused(RemoteStoreSettings::WithoutCredentials(UrlOf(name)) + ": not a valid effect object of that name");
+    const bool unsigned_ =
+        result == RemoteEffectObject::Result::kUnsigned || result == RemoteEffectObject::Result::kSignature;
+    Refused(RemoteStoreSettings::WithoutCredentials(UrlOf(name)) +
+            (unsigned_ ? ": not signed with the team key" : ": not a valid effect object of that name"));
     return false;
   }
   ++counts_.hits;
   counts_.bytesIn += response.body.size();
   if (permanent != nullptr) *permanent = found;
   if (compressed != nullptr) {
-    compressed->assign(response.body.begin() + static_cast<std::ptrdiff_t>(RemoteEffectObject::kHeaderSize + name.size()),
-                       response.body.end());
+    // The zlib stream alone, without a MAC after it.
+    const auto start = response.body.begin() + static_cast<std::ptrdiff_t>(RemoteEffectObject::kHeaderSize + name.size());
+    compressed->assign(start, start + static_cast<std::ptrdiff_t>(LittleEndian::Load32(response.body.data() + RemoteEffectObject::kCompressedSizeOffset)));
   }
   return true;
 }
@@ -192,7 +197,12 @@ bool EffectRemoteStore::Store(const std::string& name, bool permanent, std::uint
                               const std::uint8_t* compressed, std::uint64_t compressedSize) {
   if (settings_.readOnly || Resting()) return false;
   const std::vector<std::uint8_t> object =
-      RemoteEffectObject::Encode(name, permanent, uncompressedSize, compressed, compressedSize);
+      RemoteEffectObject::Encode(name, permanent, uncompressedSize, compressed, compressedSize, &settings_.teamKey);
+  if (object.empty()) {
+    Failed("PUT " + RemoteStoreSettings::WithoutCredentials(UrlOf(name)) +
+           ": the object cannot be signed (no HMAC-SHA256 on this system)");
+    return false;
+  }
   const HttpClient::Response response =
       HttpClient::Put(UrlOf(name), object.data(), object.size(), LimitsFor(kAnswerLimit), settings_.Access());
   if (IsFailure(response)) {

@@ -166,6 +166,62 @@ TEST_F(EffectRemoteStoreServerTest, ASecondWorkstationIsServedByTheTeamTierThenB
   EXPECT_EQ(cache.GetRemoteCounts().hits + cache.GetRemoteCounts().errors, 0u);
 }
 
+// A studio whose build farm alone holds the team key: a writer with no
+// key, or with another key, PUTs objects under names a keyed workstation
+// then searches; it never returns their bytes (each refusal counted, a
+// miss to the host), and finds the keyed writer's. A workstation without
+// a key takes every one of them, as before keys.
+TEST_F(EffectRemoteStoreServerTest, AKeyedWorkstationTakesOnlyObjectsSignedWithItsKey) {
+  auto server = RemoteServer::StartNginx(dir_.Path() / "nginx");
+  if (!server) TOVREL_SKIP_OR_FAIL(RemoteServer::WhyNone());
+  const std::string url = server->Url() + dir_.Path().filename().string() + "/signed";
+  const auto keyFile = [this](const std::string& name, std::uint8_t seed) {
+    std::string key(32, '\0');
+    for (std::size_t i = 0; i < key.size(); ++i) key[i] = static_cast<char>(seed * 31 + i);
+    std::ofstream(dir_.Path() / name, std::ios::binary) << key;
+    return "|key-file=" + (dir_.Path() / name).u8string();
+  };
+  const std::string team = keyFile("team.key", 1);
+  const std::string other = keyFile("other.key", 2);
+  // Writers: 0-2 unsigned, 3-5 another key, 6-8 the team's; the names of
+  // the first six are the forger's, all of them searched below.
+  const std::vector<std::pair<int, std::string>> writers{{0, ""}, {3, other}, {6, team}};
+  for (const auto& writer : writers) {
+    const std::wstring folder = (dir_.Path() / ("writer" + std::to_string(writer.first))).wstring();
+    fs::create_directories(folder);
+    const EffectRemoteStore::Settings settings = SettingsFor(url + writer.second);
+    EffectCacheImpl cache(WStr(folder.c_str()), 2);
+    cache.SetRemoteStore(&settings);
+    for (int i = writer.first; i < writer.first + 3; ++i) {
+      const auto bytes = Bytes(i);
+      ASSERT_TRUE(cache.CacheCompiledEffect(WStr(WideName(i).c_str()), bytes.data(), bytes.size(), false));
+    }
+    cache.ForceSaveToFile();
+    EXPECT_EQ(cache.GetRemoteCounts().stored, 3u);
+  }
+  for (const std::string& key : {team, std::string()}) {
+    const std::wstring folder = (dir_.Path() / (key.empty() ? "unkeyed" : "keyed")).wstring();
+    fs::create_directories(folder);
+    const EffectRemoteStore::Settings settings = SettingsFor(url + key + "|read-only");
+    EffectCacheImpl cache(WStr(folder.c_str()), 2);
+    cache.SetRemoteStore(&settings);
+    for (int i = 0; i < 9; ++i) {
+      Tab<unsigned char> data;
+      const bool taken = key.empty() || i >= 6;
+      ASSERT_EQ(cache.SearchCachedEffects(WStr(WideName(i).c_str()), data), taken) << i;
+      EXPECT_EQ(EffectTesting::ToVector(data), taken ? Bytes(i) : std::vector<unsigned char>()) << i;
+    }
+    const EffectRemoteStore::Counts counts = cache.GetRemoteCounts();
+    EXPECT_EQ(counts.hits, key.empty() ? 9u : 3u);
+    EXPECT_EQ(counts.errors, key.empty() ? 0u : 6u);
+    EXPECT_EQ(counts.skipped, 0u) << "a refused object does not rest the store";
+  }
+  EffectRemoteStore store(SettingsFor(url + team));
+  Tab<unsigned char> data;
+  EXPECT_FALSE(store.Fetch(Name(4), data, nullptr));
+  EXPECT_NE(store.GetLastError().find(": not signed with the team key"), std::string::npos) << store.GetLastError();
+}
+
 // Effects fetched from the store count against the limits as cached ones
 // do: a writable cache saves when 2 MiB are waiting, and a read-only one
 // keeps no more than its size limit in memory (the rest are served, not kept).

@@ -6,6 +6,7 @@
 #include "effectcache/EffectPayload.h"
 #include "effectcache/EffectRecord.h"
 #include "pagefile/LittleEndian.h"
+#include "platform/HmacSha256.h"
 
 namespace Tovrel {
 
@@ -37,38 +38,48 @@ void AppendHex(std::string& out, std::uint64_t value) {
   for (int shift = 60; shift >= 0; shift -= 4) out.push_back(kDigits[(value >> shift) & 0xF]);
 }
 
+bool HasKey(const std::vector<std::uint8_t>* key) { return key != nullptr && !key->empty(); }
+
 }  // namespace
 
 std::uint64_t RemoteEffectObject::SizeLimit() {
-  return kHeaderSize + EffectCacheImpl::kEffectNameSizeLimit + EffectPayload::CompressedSizeLimit();
+  return kHeaderSize + EffectCacheImpl::kEffectNameSizeLimit + EffectPayload::CompressedSizeLimit() + kMacSize;
 }
 
 std::vector<std::uint8_t> RemoteEffectObject::Encode(const std::string& name, bool permanent,
                                                      std::uint64_t uncompressedSize, const std::uint8_t* compressed,
-                                                     std::uint64_t compressedSize) {
-  std::vector<std::uint8_t> object(kHeaderSize + name.size() + compressedSize);
+                                                     std::uint64_t compressedSize,
+                                                     const std::vector<std::uint8_t>* key) {
+  const std::size_t signedSize = kHeaderSize + name.size() + compressedSize;
+  std::vector<std::uint8_t> object(signedSize + (HasKey(key) ? kMacSize : 0));
   std::memcpy(object.data(), kTag, sizeof kTag);
   LittleEndian::Store32(object.data() + 8, kVersion);
-  LittleEndian::Store32(object.data() + 12, permanent ? kPermanentFlag : 0);
+  LittleEndian::Store32(object.data() + 12, (permanent ? kPermanentFlag : 0) | (HasKey(key) ? kSignedFlag : 0));
   LittleEndian::Store32(object.data() + 16, static_cast<std::uint32_t>(name.size()));
   LittleEndian::Store32(object.data() + 20, static_cast<std::uint32_t>(uncompressedSize));
-  LittleEndian::Store32(object.data() + 24, static_cast<std::uint32_t>(compressedSize));
+  LittleEndian::Store32(object.data() + kCompressedSizeOffset, static_cast<std::uint32_t>(compressedSize));
   if (!name.empty()) std::memcpy(object.data() + kHeaderSize, name.data(), name.size());
   if (compressedSize != 0) std::memcpy(object.data() + kHeaderSize + name.size(), compressed, compressedSize);
+  if (HasKey(key) &&
+      !HmacSha256::Compute(key->data(), key->size(), object.data(), signedSize, object.data() + signedSize)) {
+    return std::vector<std::uint8_t>();
+  }
   return object;
 }
 
 RemoteEffectObject::Result RemoteEffectObject::Decode(const std::uint8_t* bytes, std::size_t size,
                                                       const std::string& name, bool* permanent,
-                                                      Tab<unsigned char>& data) {
+                                                      Tab<unsigned char>& data,
+                                                      const std::vector<std::uint8_t>* key) {
   if (bytes == nullptr || size < kHeaderSize) return Result::kShort;
   if (std::memcmp(bytes, kTag, sizeof kTag) != 0) return Result::kTag;
   if (LittleEndian::Load32(bytes + 8) != kVersion) return Result::kVersion;
   const std::uint32_t flags = LittleEndian::Load32(bytes + 12);
-  if ((flags & ~kPermanentFlag) != 0) return Result::kFlags;
+  if ((flags & ~(kPermanentFlag | kSignedFlag)) != 0) return Result::kFlags;
+  const std::uint64_t macSize = (flags & kSignedFlag) != 0 ? kMacSize : 0;
   const std::uint64_t nameLength = LittleEndian::Load32(bytes + 16);
   const std::uint64_t uncompressed = LittleEndian::Load32(bytes + 20);
-  const std::uint64_t compressedSize = LittleEndian::Load32(bytes + 24);
+  const std::uint64_t compressedSize = LittleEndian::Load32(bytes + kCompressedSizeOffset);
   if (nameLength != name.size()) return Result::kName;
   if (uncompressed == 0 || uncompressed > EffectCacheImpl::kEffectSizeLimit || compressedSize == 0 ||
       compressedSize > EffectPayload::CompressedSizeLimit()) {
@@ -78,9 +89,17 @@ RemoteEffectObject::Result RemoteEffectObject::Decode(const std::uint8_t* bytes,
   if (name.compare(0, name.size(), reinterpret_cast<const char*>(bytes + kHeaderSize), nameLength) != 0) {
     return Result::kName;
   }
-  const std::uint64_t expected = kHeaderSize + nameLength + compressedSize;
-  if (size < expected) return Result::kShort;
-  if (size != expected) return Result::kSize;
+  const std::uint64_t signedSize = kHeaderSize + nameLength + compressedSize;
+  if (size < signedSize + macSize) return Result::kShort;
+  if (size != signedSize + macSize) return Result::kSize;
+  if (HasKey(key)) {
+    if (macSize == 0) return Result::kUnsigned;
+    std::uint8_t mac[kMacSize];
+    if (!HmacSha256::Compute(key->data(), key->size(), bytes, signedSize, mac) ||
+        !HmacSha256::Same(mac, bytes + signedSize)) {
+      return Result::kSignature;
+    }
+  }
   Tab<unsigned char> compressed;
   compressed.Append(static_cast<INT_PTR>(compressedSize), bytes + kHeaderSize + nameLength);
   EffectRecord record{};

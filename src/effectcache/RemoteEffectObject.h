@@ -2,11 +2,17 @@
 // it is kept under.
 //
 // An object is a 28-byte header, the effect's name, then its compressed
-// bytes exactly as the cache file stores them (a zlib stream). Header,
-// little-endian: the tag "TVRLFXOB" (8 bytes), the version (4 bytes, 1),
-// flags (4 bytes; bit 0: permanent, every other bit 0), the name's length
-// in bytes (4), the uncompressed size (4), the compressed size (4). The
-// object's length is exactly header + name + compressed size.
+// bytes exactly as the cache file stores them (a zlib stream), and for a
+// signed object the 32-byte HMAC-SHA256 of all that under the team key.
+// Header, little-endian: the tag "TVRLFXOB" (8 bytes), the version (4
+// bytes, 1), flags (4 bytes; bit 0: permanent, bit 1: signed, every other
+// bit 0), the name's length in bytes (4), the uncompressed size (4), the
+// compressed size (4). The object's length is exactly header + name +
+// compressed size (+ 32 when signed).
+//
+// A reader with a team key accepts only objects signed with that key, and
+// checks the MAC before anything is decompressed; a reader without one
+// takes signed objects as unsigned ones (the MAC is not checked).
 //
 // A remote store is not trusted: Decode refuses an object whose tag,
 // version or flags are not these, whose name is not the one searched for,
@@ -36,6 +42,10 @@ class RemoteEffectObject {
   static constexpr std::size_t kHeaderSize = 28;
   static constexpr std::uint32_t kVersion = 1;
   static constexpr std::uint32_t kPermanentFlag = 1;
+  static constexpr std::uint32_t kSignedFlag = 2;
+  static constexpr std::size_t kMacSize = 32;
+  // Where the header keeps the compressed size.
+  static constexpr std::size_t kCompressedSizeOffset = 24;
 
   enum class Result {
     kOk,
@@ -46,19 +56,24 @@ class RemoteEffectObject {
     kName,           // another name than the one searched for
     kSize,           // sizes beyond the cache's limits, or not the object's length
     kCorrupt,        // the bytes do not decompress to exactly the recorded size
+    kUnsigned,       // a reader with a team key met an object without a MAC
+    kSignature,      // the MAC is not the team key's (or no MAC can be computed here)
   };
 
   // The longest object Decode can accept: header, longest name, compress
-  // bound of the largest effect.
+  // bound of the largest effect, MAC.
   static std::uint64_t SizeLimit();
 
-  // The object of an effect; `compressed` is its zlib stream.
+  // The object of an effect; `compressed` is its zlib stream. Signed when
+  // `key` is given and not empty; empty when it cannot be signed here.
   static std::vector<std::uint8_t> Encode(const std::string& name, bool permanent, std::uint64_t uncompressedSize,
-                                          const std::uint8_t* compressed, std::uint64_t compressedSize);
-  // Checks the object against `name` and decompresses it into `data`;
-  // `permanent` is set on success only.
+                                          const std::uint8_t* compressed, std::uint64_t compressedSize,
+                                          const std::vector<std::uint8_t>* key = nullptr);
+  // Checks the object against `name` (and, with a non-empty `key`, its
+  // MAC) and decompresses it into `data`; `permanent` is set on success
+  // only.
   static Result Decode(const std::uint8_t* bytes, std::size_t size, const std::string& name, bool* permanent,
-                       Tab<unsigned char>& data);
+                       Tab<unsigned char>& data, const std::vector<std::uint8_t>* key = nullptr);
   // The name an object says it holds (not yet checked otherwise); empty
   // when its header is not whole or the name is longer than allowed.
   static std::string NameIn(const std::uint8_t* bytes, std::size_t size);

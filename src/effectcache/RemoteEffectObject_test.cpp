@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <set>
 #include <string>
@@ -10,6 +11,7 @@
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectCompression.h"
 #include "pagefile/LittleEndian.h"
+#include "platform/HmacSha256.h"
 #include "support/EffectTesting.h"
 
 namespace Tovrel {
@@ -34,14 +36,21 @@ Effect Make(const std::string& name, std::size_t size, bool compressible) {
   return effect;
 }
 
-std::vector<std::uint8_t> Encode(const Effect& effect, bool permanent) {
+std::vector<std::uint8_t> Encode(const Effect& effect, bool permanent, const std::vector<std::uint8_t>* key = nullptr) {
   return RemoteEffectObject::Encode(effect.name, permanent, effect.bytes.size(), effect.compressed.data(),
-                                    effect.compressed.size());
+                                    effect.compressed.size(), key);
 }
 
-Result Decode(const std::vector<std::uint8_t>& object, const std::string& name, bool* permanent = nullptr) {
+Result Decode(const std::vector<std::uint8_t>& object, const std::string& name, bool* permanent = nullptr,
+              const std::vector<std::uint8_t>* key = nullptr) {
   Tab<unsigned char> data;
-  return RemoteEffectObject::Decode(object.data(), object.size(), name, permanent, data);
+  return RemoteEffectObject::Decode(object.data(), object.size(), name, permanent, data, key);
+}
+
+std::vector<std::uint8_t> Key(std::uint8_t seed, std::size_t size = 32) {
+  std::vector<std::uint8_t> key(size);
+  for (std::size_t i = 0; i < size; ++i) key[i] = static_cast<std::uint8_t>(seed + i * 7);
+  return key;
 }
 
 TEST(RemoteEffectObjectTest, AnObjectDecodesToItsEffectAndPermanence) {
@@ -100,7 +109,10 @@ TEST(RemoteEffectObjectTest, DamagedFieldsAreRefused) {
   tag[0] = 'X';
   EXPECT_EQ(Decode(tag, "field"), Result::kTag);
   EXPECT_EQ(Decode(patched(8, 2), "field"), Result::kVersion);
-  EXPECT_EQ(Decode(patched(12, 2), "field"), Result::kFlags);
+  EXPECT_EQ(Decode(patched(12, 4), "field"), Result::kFlags);
+  EXPECT_EQ(Decode(patched(12, 0x80000000u), "field"), Result::kFlags);
+  // Said to be signed, without the MAC's bytes.
+  EXPECT_EQ(Decode(patched(12, 2), "field"), Result::kShort);
   EXPECT_EQ(Decode(patched(20, 0), "field"), Result::kSize);
   EXPECT_EQ(Decode(patched(20, 1048577), "field"), Result::kSize);
   EXPECT_EQ(Decode(patched(24, 0), "field"), Result::kSize);
@@ -127,9 +139,65 @@ TEST(RemoteEffectObjectTest, GarbageIsRefusedWithoutCrashing) {
 
 TEST(RemoteEffectObjectTest, TheLargestEffectFitsTheSizeLimit) {
   const Effect effect = Make(std::string(EffectCacheImpl::kEffectNameSizeLimit, 'n'), 1048576, false);
-  const std::vector<std::uint8_t> object = Encode(effect, false);
-  EXPECT_LE(object.size(), RemoteEffectObject::SizeLimit());
-  EXPECT_EQ(Decode(object, effect.name), Result::kOk);
+  const std::vector<std::uint8_t> key = Key(3);
+  for (const std::vector<std::uint8_t>* signer : {static_cast<const std::vector<std::uint8_t>*>(nullptr), &key}) {
+    const std::vector<std::uint8_t> object = Encode(effect, false, signer);
+    EXPECT_LE(object.size(), RemoteEffectObject::SizeLimit());
+    EXPECT_EQ(Decode(object, effect.name, nullptr, signer), Result::kOk);
+  }
+}
+
+// A signed object is the unsigned one with the signed flag and the
+// HMAC-SHA256 of everything before it appended.
+TEST(RemoteEffectObjectTest, ASignedObjectCarriesTheMacOfItsBytes) {
+  const Effect effect = Make("fx/signed", 6000, true);
+  const std::vector<std::uint8_t> key = Key(9);
+  const std::vector<std::uint8_t> plain = Encode(effect, true);
+  const std::vector<std::uint8_t> object = Encode(effect, true, &key);
+  ASSERT_EQ(object.size(), plain.size() + RemoteEffectObject::kMacSize);
+  EXPECT_EQ(LittleEndian::Load32(object.data() + 12), 3u);  // permanent, signed
+  EXPECT_TRUE(std::equal(plain.begin() + 16, plain.end(), object.begin() + 16));
+  std::uint8_t mac[HmacSha256::kSize];
+  ASSERT_TRUE(HmacSha256::Compute(key.data(), key.size(), object.data(), plain.size(), mac));
+  EXPECT_TRUE(HmacSha256::Same(mac, object.data() + plain.size()));
+  bool permanent = false;
+  EXPECT_EQ(Decode(object, effect.name, &permanent, &key), Result::kOk);
+  EXPECT_TRUE(permanent);
+  // A reader without a key takes it as it would the unsigned one.
+  permanent = false;
+  EXPECT_EQ(Decode(object, effect.name, &permanent), Result::kOk);
+  EXPECT_TRUE(permanent);
+}
+
+// With a key, only objects signed with that key are taken: unsigned ones,
+// another key's, and any byte changed anywhere (header, name, compressed
+// bytes, MAC) are refused before anything is decompressed.
+TEST(RemoteEffectObjectTest, AKeyedReaderTakesOnlyItsKeysObjects) {
+  const Effect effect = Make("fx/guarded", 3000, false);
+  const std::vector<std::uint8_t> key = Key(1);
+  const std::vector<std::uint8_t> other = Key(2);
+  const std::vector<std::uint8_t> longer = Key(1, 33);
+  EXPECT_EQ(Decode(Encode(effect, false), effect.name, nullptr, &key), Result::kUnsigned);
+  EXPECT_EQ(Decode(Encode(effect, false, &other), effect.name, nullptr, &key), Result::kSignature);
+  EXPECT_EQ(Decode(Encode(effect, false, &longer), effect.name, nullptr, &key), Result::kSignature);
+  const std::vector<std::uint8_t> object = Encode(effect, false, &key);
+  for (std::size_t at = 12; at < object.size(); ++at) {
+    if (at >= 16 && at < 20) continue;  // the name's length: another name
+    std::vector<std::uint8_t> changed = object;
+    changed[at] ^= 0x01;
+    const Result result = Decode(changed, effect.name, nullptr, &key);
+    EXPECT_NE(result, Result::kOk) << at;
+    if (at >= RemoteEffectObject::kHeaderSize + effect.name.size()) {
+      EXPECT_EQ(result, Result::kSignature) << at;
+    }
+  }
+  // Without the signed flag, the same bytes are an unsigned object's of
+  // the wrong length.
+  std::vector<std::uint8_t> stripped = object;
+  LittleEndian::Store32(stripped.data() + 12, 0);
+  EXPECT_EQ(Decode(stripped, effect.name, nullptr, &key), Result::kSize);
+  stripped.resize(stripped.size() - RemoteEffectObject::kMacSize);
+  EXPECT_EQ(Decode(stripped, effect.name, nullptr, &key), Result::kUnsigned);
 }
 
 TEST(RemoteEffectObjectTest, KeysAreStableSpreadOverFoldersAndDistinct) {
