@@ -11,10 +11,14 @@
 // measures what each kind of failing server costs one search with the
 // default bounds (250 ms to connect, 2 s per request), and what the next
 // search costs while the store rests. BM_ListingLinks reads listing pages
-// of 20,000 to 480,000 objects.
+// of 20,000 to 480,000 objects. BM_Transfers pushes the demo's 2,000
+// effects to nginx behind a proxy that delays every request by 20 ms (a
+// server across a network) and pulls them into an empty folder, with 1
+// and with 8 requests in flight: seconds of each, and 1 job over 8.
 #include <benchmark/benchmark.h>
 
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,6 +27,7 @@
 #include "SyntheticShaders.h"
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectRemoteStore.h"
+#include "effectcache/EffectRemoteSync.h"
 #include "platform/WideText.h"
 #include "support/RemoteServer.h"
 #include "support/TempDir.h"
@@ -107,6 +112,66 @@ void BM_TeamTier(benchmark::State& state) {
   state.counters["fetched_MB"] = static_cast<double>(bytes) / runs / 1e6;
 }
 BENCHMARK(BM_TeamTier)->UseManualTime()->Iterations(3)->Unit(benchmark::kSecond);
+
+// The demo's effects in `folder`'s cache: the same names and sizes (the
+// compile's hash rounds, which change only a digest, left out).
+std::vector<std::string> FillCache(const std::filesystem::path& folder) {
+  const Tool::SyntheticShaders shaders(Tool::SyntheticShaders::kDefaultSeed, 0);
+  std::filesystem::create_directories(folder);
+  std::vector<std::string> names;
+  EffectCacheImpl cache(WStr(folder.wstring().c_str()), EffectCacheImpl::kHostCompressionLevel);
+  for (std::uint32_t i = 0; i < kEffects; ++i) {
+    const std::vector<unsigned char> compiled = shaders.Compile(i);
+    names.push_back(shaders.Name(i));
+    cache.CacheCompiledEffect(WStr(WideText::FromUtf8(names.back()).c_str()), compiled.data(), compiled.size(),
+                              false);
+  }
+  cache.ForceSaveToFile();
+  return names;
+}
+
+void BM_Transfers(benchmark::State& state) {
+  Testing::TempDir dir;
+  auto server = Testing::RemoteServer::StartNginx(dir.Path() / "nginx");
+  auto delayed = server ? Testing::RemoteServer::StartDelayed(dir.Path() / "proxy", server->Url(), 20) : nullptr;
+  if (!delayed) {
+    state.SkipWithError(Testing::RemoteServer::WhyNone().c_str());
+    return;
+  }
+  const std::filesystem::path source = dir.Path() / "source";
+  const std::vector<std::string> names = FillCache(source);
+  std::map<unsigned, double> push, pull;
+  int round = 0;
+  for (auto _ : state) {
+    for (unsigned jobs : {1u, 8u}) {
+      const std::string prefix = "round" + std::to_string(round) + "-jobs" + std::to_string(jobs);
+      EffectRemoteStore::Settings settings;
+      RemoteStoreSettings::Parse(delayed->Url() + prefix, &settings);
+      auto start = Clock::now();
+      const auto pushed = EffectRemoteSync::Push(WStr(source.wstring().c_str()), settings, nullptr, jobs);
+      push[jobs] += Seconds(start);
+      const std::filesystem::path target = dir.Path() / prefix;
+      std::filesystem::create_directories(target);
+      start = Clock::now();
+      const auto pulled = EffectRemoteSync::Pull(WStr(target.wstring().c_str()), settings, names, nullptr, jobs);
+      pull[jobs] += Seconds(start);
+      if (pushed.moved != kEffects || pulled.moved != kEffects) {
+        state.SkipWithError(("not every effect moved: " + pushed.lastError + pulled.lastError).c_str());
+        return;
+      }
+    }
+    ++round;
+    state.SetIterationTime(push[8] + pull[8]);
+  }
+  const double runs = static_cast<double>(state.iterations());
+  state.counters["push_1job_s"] = push[1] / runs;
+  state.counters["push_8jobs_s"] = push[8] / runs;
+  state.counters["push_1_over_8"] = push[1] / push[8];
+  state.counters["pull_1job_s"] = pull[1] / runs;
+  state.counters["pull_8jobs_s"] = pull[8] / runs;
+  state.counters["pull_1_over_8"] = pull[1] / pull[8];
+}
+BENCHMARK(BM_Transfers)->UseManualTime()->Iterations(1)->Unit(benchmark::kSecond);
 
 // Cost of one search against a failing store, with the default bounds,
 // then of the next one while the store rests.

@@ -1,13 +1,12 @@
 #include "effectcache/EffectBatchCompressor.h"
 
 #include <algorithm>
-#include <atomic>
 #include <exception>
 #include <thread>
 
 #include "effectcache/EffectCompression.h"
+#include "effectcache/ParallelJobs.h"
 #include "platform/LocalClock.h"
-#include "platform/ThreadPriority.h"
 
 namespace Tovrel {
 
@@ -22,27 +21,8 @@ std::vector<EffectBatchCompressor::Result> EffectBatchCompressor::CompressAll(co
   std::uint64_t total = 0;
   for (const Job& job : jobs) total += job.size;
   const unsigned workers = WorkersFor(jobs.size(), total, std::thread::hardware_concurrency());
-  // Each thread takes the next job not yet taken, so a large effect holds
-  // up one thread only.
-  std::atomic<std::size_t> next{0};
-  const auto work = [&]() noexcept {
-    for (std::size_t i = next++; i < jobs.size(); i = next++) CompressOne(jobs[i], level, results[i]);
-  };
-  // A caller of lowered priority (a background save) gets helpers of
-  // lowered priority: the host's threads go first.
-  const bool lowered = workers > 1 && ThreadPriority::CurrentThreadIsLowered();
-  const auto help = [&]() noexcept {
-    if (lowered) ThreadPriority::LowerCurrentThread();
-    work();
-  };
-  std::vector<std::thread> threads;
-  try {
-    for (unsigned w = 1; w < workers; ++w) threads.emplace_back(help);
-  } catch (const std::exception&) {
-    // No thread to be had: the calling thread does the rest.
-  }
-  work();
-  for (std::thread& thread : threads) thread.join();
+  // CompressOne throws nothing: a job that fails is a result that says so.
+  ParallelJobs::Run(jobs.size(), std::max(workers, 1u), [&](std::size_t i) { CompressOne(jobs[i], level, results[i]); });
   return results;
 }
 

@@ -36,6 +36,23 @@ bool EffectRemoteStore::Resting() {
   return true;
 }
 
+bool EffectRemoteStore::Exchange(const std::function<HttpClient::Response()>& request,
+                                 HttpClient::Response* response) {
+  std::unique_lock<std::mutex> probe(probe_, std::defer_lock);
+  if (!proven_.load()) probe.lock();
+  if (Resting()) return false;
+  *response = request();
+  // A server that answered (too much, even) is there; one that failed
+  // rests from now on, before the next waiting request looks, and is
+  // probed again by one request at a time once it has rested.
+  proven_ = !IsFailure(*response) || response->tooLong;
+  if (!proven_) {
+    std::lock_guard<std::mutex> guard(lock_);
+    restUntil_ = Clock::now() + std::chrono::milliseconds(settings_.restMilliseconds);
+  }
+  return true;
+}
+
 void EffectRemoteStore::Failed(const std::string& why) {
   std::lock_guard<std::mutex> guard(lock_);
   Refused(why);
@@ -77,9 +94,9 @@ HttpClient::Limits EffectRemoteStore::LimitsFor(std::uint64_t maxBody) const {
   return limits;
 }
 
-bool EffectRemoteStore::Get(const std::string& url, std::uint64_t maxBytes, HttpClient::Response* response) {
-  if (Resting()) return false;
-  *response = HttpClient::Get(url, LimitsFor(maxBytes), settings_.Access());
+bool EffectRemoteStore::Get(const std::string& url, std::uint64_t maxBytes, HttpClient::Response* response,
+                            bool* absent) {
+  if (!Exchange([&] { return HttpClient::Get(url, LimitsFor(maxBytes), settings_.Access()); }, response)) return false;
   if (IsFailure(*response) && !response->tooLong) {
     Failed(Describe("GET", url, *response));
     return false;
@@ -87,6 +104,7 @@ bool EffectRemoteStore::Get(const std::string& url, std::uint64_t maxBytes, Http
   std::lock_guard<std::mutex> guard(lock_);
   if (response->answered && (response->status == 404 || response->status == 410)) {
     ++counts_.misses;
+    if (absent != nullptr) *absent = true;
     return false;
   }
   if (!response->answered || response->status != 200) {
@@ -123,16 +141,16 @@ bool EffectRemoteStore::Accept(const HttpClient::Response& response, const std::
 }
 
 bool EffectRemoteStore::Fetch(const std::string& name, Tab<unsigned char>& data, bool* permanent,
-                              std::vector<std::uint8_t>* compressed) {
+                              std::vector<std::uint8_t>* compressed, bool* absent) {
   HttpClient::Response response;
-  if (!Get(UrlOf(name), RemoteEffectObject::SizeLimit(), &response)) return false;
+  if (!Get(UrlOf(name), RemoteEffectObject::SizeLimit(), &response, absent)) return false;
   return Accept(response, name, data, permanent, compressed);
 }
 
 bool EffectRemoteStore::FetchKey(const std::string& key, std::string* name, Tab<unsigned char>& data,
-                                 bool* permanent) {
+                                 bool* permanent, bool* absent) {
   HttpClient::Response response;
-  if (!Get(settings_.baseUrl + key, RemoteEffectObject::SizeLimit(), &response)) return false;
+  if (!Get(settings_.baseUrl + key, RemoteEffectObject::SizeLimit(), &response, absent)) return false;
   // An object is taken only under its own name's key.
   *name = RemoteEffectObject::NameIn(response.body.data(), response.body.size());
   if (name->empty() || RemoteEffectObject::KeyFor(*name) != key) {
@@ -195,16 +213,21 @@ std::vector<std::string> EffectRemoteStore::ListingLinks(const std::vector<std::
 
 bool EffectRemoteStore::Store(const std::string& name, bool permanent, std::uint64_t uncompressedSize,
                               const std::uint8_t* compressed, std::uint64_t compressedSize) {
-  if (settings_.readOnly || Resting()) return false;
+  if (settings_.readOnly) return false;
   const std::vector<std::uint8_t> object =
       RemoteEffectObject::Encode(name, permanent, uncompressedSize, compressed, compressedSize, &settings_.teamKey);
   if (object.empty()) {
+    if (Resting()) return false;
     Failed("PUT " + RemoteStoreSettings::WithoutCredentials(UrlOf(name)) +
            ": the object cannot be signed (no HMAC-SHA256 on this system)");
     return false;
   }
-  const HttpClient::Response response =
-      HttpClient::Put(UrlOf(name), object.data(), object.size(), LimitsFor(kAnswerLimit), settings_.Access());
+  HttpClient::Response response;
+  if (!Exchange([&] {
+        return HttpClient::Put(UrlOf(name), object.data(), object.size(), LimitsFor(kAnswerLimit), settings_.Access());
+      }, &response)) {
+    return false;
+  }
   if (IsFailure(response)) {
     Failed(Describe("PUT", UrlOf(name), response));
     return false;

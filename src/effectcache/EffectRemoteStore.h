@@ -20,12 +20,15 @@
 //
 // Owned by its EffectCacheImpl. Thread-safety: every member may be called
 // from any thread (the counts and the rest period are under a lock; the
-// requests themselves run unlocked).
+// requests themselves run unlocked, several at once once the server has
+// answered).
 #ifndef TOVREL_EFFECTCACHE_EFFECTREMOTESTORE_H
 #define TOVREL_EFFECTCACHE_EFFECTREMOTESTORE_H
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -56,12 +59,15 @@ class EffectRemoteStore {
   // True, with the effect's bytes and permanence (and, when asked, its
   // compressed bytes as the object holds them), when the store holds a
   // valid object of this name.
+  // `absent`, when given, is set when the store said it holds no such
+  // object (a miss, not a failure).
   bool Fetch(const std::string& name, Tab<unsigned char>& data, bool* permanent,
-             std::vector<std::uint8_t>* compressed = nullptr);
+             std::vector<std::uint8_t>* compressed = nullptr, bool* absent = nullptr);
   // GETs the object at `key` (a key as RemoteEffectObject::KeyFor makes
   // it): true, with its name, bytes and permanence, for a valid object
   // whose name has that key.
-  bool FetchKey(const std::string& key, std::string* name, Tab<unsigned char>& data, bool* permanent);
+  bool FetchKey(const std::string& key, std::string* name, Tab<unsigned char>& data, bool* permanent,
+                bool* absent = nullptr);
   // Keys ListKeys keeps at most: 38 bytes each ("3f/a9/" and 32 hex
   // digits), about 40 MiB of keys, more than twice the objects of the
   // largest caches (a store of 480,000 fits).
@@ -101,10 +107,15 @@ class EffectRemoteStore {
   static constexpr std::uint64_t kAnswerLimit = 64u << 10;
 
   // A GET that gave a 200: false (counted) otherwise.
-  bool Get(const std::string& url, std::uint64_t maxBytes, HttpClient::Response* response);
+  bool Get(const std::string& url, std::uint64_t maxBytes, HttpClient::Response* response, bool* absent = nullptr);
   bool Accept(const HttpClient::Response& response, const std::string& name, Tab<unsigned char>& data,
               bool* permanent, std::vector<std::uint8_t>* compressed);
   bool Resting();
+  // Makes a request unless the store rests (false then). Until the server
+  // has answered once, and again after a failure, requests go one at a
+  // time: threads that transfer at once then cost a dead server one
+  // request, not one each.
+  bool Exchange(const std::function<HttpClient::Response()>& request, HttpClient::Response* response);
   // A failed exchange: counted, the store rests, and why is kept.
   void Failed(const std::string& why);
   // An answer refused (counted, no rest): why is kept. With lock_ held.
@@ -121,6 +132,10 @@ class EffectRemoteStore {
   // No request before this time, after a failure; the clock's epoch when
   // none failed.
   Clock::time_point restUntil_;
+  // Held by the one request in flight while the server is not proven.
+  std::mutex probe_;
+  // True once the server answered, false again after a failure.
+  std::atomic<bool> proven_{false};
 };
 
 }  // namespace Tovrel

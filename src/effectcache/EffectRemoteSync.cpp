@@ -1,7 +1,10 @@
 #include "effectcache/EffectRemoteSync.h"
 
+#include <mutex>
+
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/EffectCacheReader.h"
+#include "effectcache/ParallelJobs.h"
 #include "effectcache/RemoteEffectObject.h"
 #include "platform/WideText.h"
 
@@ -44,10 +47,33 @@ std::vector<Copy> ReadBatch(const WStr& folder, const std::vector<std::string>& 
   return batch;
 }
 
+// What a transfer's threads did, counted under one lock, and its progress
+// told by one thread at a time.
+class Tally {
+ public:
+  Tally(const EffectRemoteSync::Progress& progress, std::uint64_t total) : progress_(progress), total_(total) {}
+
+  // `n` effects done, counted in `*counter`, with `bytes` added to `*bytes`.
+  void Count(std::uint64_t* counter, std::uint64_t n, std::uint64_t bytes, std::uint64_t* byteCounter = nullptr) {
+    if (n == 0) return;
+    std::lock_guard<std::mutex> guard(lock_);
+    *counter += n;
+    if (byteCounter != nullptr) *byteCounter += bytes;
+    done_ += n;
+    if (progress_) progress_(done_, total_);
+  }
+
+ private:
+  const EffectRemoteSync::Progress& progress_;
+  const std::uint64_t total_;
+  std::mutex lock_;
+  std::uint64_t done_ = 0;
+};
+
 }  // namespace
 
 EffectRemoteSync::Result EffectRemoteSync::Push(const WStr& folder, const EffectRemoteStore::Settings& store,
-                                                const Progress& progress) {
+                                                const Progress& progress, unsigned jobs) {
   Result result;
   std::vector<std::string> names;
   {
@@ -57,21 +83,20 @@ EffectRemoteSync::Result EffectRemoteSync::Push(const WStr& folder, const Effect
   }
   result.ok = true;
   EffectRemoteStore remote(store);
+  Tally tally(progress, names.size());
   std::size_t next = 0;
-  std::uint64_t done = 0;
   while (next < names.size()) {
-    for (const Copy& copy : ReadBatch(folder, names, &next, &result.failed)) {
+    std::uint64_t skipped = 0;
+    const std::vector<Copy> batch = ReadBatch(folder, names, &next, &skipped);
+    tally.Count(&result.failed, skipped, 0);
+    ParallelJobs::Run(batch.size(), jobs, [&](std::size_t i) {
+      const Copy& copy = batch[i];
       const auto size = static_cast<std::uint64_t>(copy.compressed.Count());
-      if (remote.Store(copy.name, copy.record.permanent != 0, copy.record.uncompressedSize, copy.compressed.Addr(0),
-                       size)) {
-        ++result.moved;
-        result.bytes += RemoteEffectObject::kHeaderSize + copy.name.size() + size;
-      } else {
-        ++result.failed;
-      }
-      if (progress) progress(++done, names.size());
-    }
-    done = next;
+      const bool stored = remote.Store(copy.name, copy.record.permanent != 0, copy.record.uncompressedSize,
+                                       copy.compressed.Addr(0), size);
+      tally.Count(stored ? &result.moved : &result.failed, 1,
+                  stored ? RemoteEffectObject::kHeaderSize + copy.name.size() + size : 0, &result.bytes);
+    });
   }
   result.counts = remote.GetCounts();
   result.lastError = remote.GetLastError();
@@ -79,17 +104,18 @@ EffectRemoteSync::Result EffectRemoteSync::Push(const WStr& folder, const Effect
 }
 
 EffectRemoteSync::Result EffectRemoteSync::Pull(const WStr& folder, const EffectRemoteStore::Settings& store,
-                                                const std::vector<std::string>& names, const Progress& progress) {
+                                                const std::vector<std::string>& names, const Progress& progress,
+                                                unsigned jobs) {
   EffectRemoteStore remote(store);
-  return PullEach(folder, remote, names.size(), progress,
-                  [&](std::size_t i, std::string* name, Tab<unsigned char>& data, bool* permanent) {
+  return PullEach(folder, remote, names.size(), progress, jobs,
+                  [&](std::size_t i, std::string* name, Tab<unsigned char>& data, bool* permanent, bool* absent) {
                     *name = names[i];
-                    return remote.Fetch(*name, data, permanent);
+                    return remote.Fetch(*name, data, permanent, nullptr, absent);
                   });
 }
 
 EffectRemoteSync::Result EffectRemoteSync::PullAll(const WStr& folder, const EffectRemoteStore::Settings& store,
-                                                   const Progress& progress) {
+                                                   const Progress& progress, unsigned jobs) {
   EffectRemoteStore remote(store);
   std::vector<std::string> keys;
   bool cut = false;
@@ -100,16 +126,17 @@ EffectRemoteSync::Result EffectRemoteSync::PullAll(const WStr& folder, const Eff
     result.lastError = remote.GetLastError();
     return result;
   }
-  Result result = PullEach(folder, remote, keys.size(), progress,
-                           [&](std::size_t i, std::string* name, Tab<unsigned char>& data, bool* permanent) {
-                             return remote.FetchKey(keys[i], name, data, permanent);
-                           });
+  Result result =
+      PullEach(folder, remote, keys.size(), progress, jobs,
+               [&](std::size_t i, std::string* name, Tab<unsigned char>& data, bool* permanent, bool* absent) {
+                 return remote.FetchKey(keys[i], name, data, permanent, absent);
+               });
   result.listingCut = cut;
   return result;
 }
 
 EffectRemoteSync::Result EffectRemoteSync::PullEach(const WStr& folder, EffectRemoteStore& remote, std::size_t count,
-                                                    const Progress& progress, const Fetcher& fetch) {
+                                                    const Progress& progress, unsigned jobs, const Fetcher& fetch) {
   Result result;
   EffectCacheImpl cache(folder, EffectCacheImpl::kHostCompressionLevel, EffectCacheImpl::kCacheBytesLimit);
   // The folder's cache only stores: its own store, if the environment names
@@ -119,26 +146,23 @@ EffectRemoteSync::Result EffectRemoteSync::PullEach(const WStr& folder, EffectRe
   // network; the last ForceSaveToFile waits for them all.
   cache.SetBackgroundSaving(true);
   if (!cache.IsEnabled() || cache.IsReadOnly()) return result;
-  for (std::size_t i = 0; i < count; ++i) {
-    const EffectRemoteStore::Counts before = remote.GetCounts();
+  const std::uint64_t bytesBefore = remote.GetCounts().bytesIn;
+  Tally tally(progress, count);
+  // The cache takes effects from several threads at once, as a host's.
+  ParallelJobs::Run(count, jobs, [&](std::size_t i) {
     std::string name;
     Tab<unsigned char> data;
     bool permanent = false;
-    if (fetch(i, &name, data, &permanent) &&
-        cache.CacheCompiledEffect(WStr(WideText::FromUtf8(name).c_str()), data.Addr(0),
-                                  static_cast<std::size_t>(data.Count()), permanent)) {
-      ++result.moved;
-      result.bytes += remote.GetCounts().bytesIn - before.bytesIn;
-    } else if (remote.GetCounts().misses > before.misses) {
-      ++result.absent;
-    } else {
-      ++result.failed;
-    }
-    if (progress) progress(i + 1, count);
-  }
+    bool absent = false;
+    const bool moved = fetch(i, &name, data, &permanent, &absent) &&
+                       cache.CacheCompiledEffect(WStr(WideText::FromUtf8(name).c_str()), data.Addr(0),
+                                                 static_cast<std::size_t>(data.Count()), permanent);
+    tally.Count(moved ? &result.moved : absent ? &result.absent : &result.failed, 1, 0);
+  });
   cache.ForceSaveToFile();
   result.ok = cache.IsEnabled();
   result.counts = remote.GetCounts();
+  result.bytes = result.counts.bytesIn - bytesBefore;
   result.lastError = remote.GetLastError();
   return result;
 }

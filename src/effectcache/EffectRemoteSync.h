@@ -8,13 +8,15 @@
 // before any request), and PUTs each effect's compressed bytes as stored,
 // without recompressing them. A pull fetches each name (or every object
 // the server's listings name), checks it as a search does, and stores what
-// came in one save under the folder's mutex (a folder without a cache gets
-// one). Both stop asking a store that
-// failed (it rests, see EffectRemoteStore) and say how many effects were
-// left over.
+// came in saves under the folder's mutex (a folder without a cache gets
+// one). Both keep `jobs` requests in flight (8 by default: a store that
+// answers in 20 ms takes 8 effects per 20 ms rather than one), stop asking
+// a store that failed (it rests, see EffectRemoteStore) and say how many
+// effects were left over.
 //
 // Stateless; every call makes its own objects, so calls may come from any
-// thread.
+// thread. The progress callback is called by one thread at a time, not
+// always the caller's.
 #ifndef TOVREL_EFFECTCACHE_EFFECTREMOTESYNC_H
 #define TOVREL_EFFECTCACHE_EFFECTREMOTESYNC_H
 
@@ -44,18 +46,26 @@ class EffectRemoteSync {
   // Told how many of the effects are done, of how many.
   using Progress = std::function<void(std::uint64_t done, std::uint64_t total)>;
 
-  static Result Push(const WStr& folder, const EffectRemoteStore::Settings& store, const Progress& progress);
+  // Requests in flight by default, and at most.
+  static constexpr unsigned kDefaultJobs = 8;
+  static constexpr unsigned kMostJobs = 64;
+
+  static Result Push(const WStr& folder, const EffectRemoteStore::Settings& store, const Progress& progress,
+                     unsigned jobs = kDefaultJobs);
   // `names` in UTF-8.
   static Result Pull(const WStr& folder, const EffectRemoteStore::Settings& store,
-                     const std::vector<std::string>& names, const Progress& progress);
+                     const std::vector<std::string>& names, const Progress& progress, unsigned jobs = kDefaultJobs);
   // Every object the store's listings name (see EffectRemoteStore::ListKeys).
-  static Result PullAll(const WStr& folder, const EffectRemoteStore::Settings& store, const Progress& progress);
+  static Result PullAll(const WStr& folder, const EffectRemoteStore::Settings& store, const Progress& progress,
+                        unsigned jobs = kDefaultJobs);
 
  private:
-  // Fetches the i-th effect: its name, bytes and permanence.
-  using Fetcher = std::function<bool(std::size_t i, std::string* name, Tab<unsigned char>& data, bool* permanent)>;
+  // Fetches the i-th effect: its name, bytes and permanence, and whether
+  // the store said it holds none.
+  using Fetcher = std::function<bool(std::size_t i, std::string* name, Tab<unsigned char>& data, bool* permanent,
+                                     bool* absent)>;
   static Result PullEach(const WStr& folder, EffectRemoteStore& remote, std::size_t count, const Progress& progress,
-                         const Fetcher& fetch);
+                         unsigned jobs, const Fetcher& fetch);
 };
 
 }  // namespace Tovrel

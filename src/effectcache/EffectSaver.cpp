@@ -13,6 +13,7 @@
 #include "effectcache/EffectPayload.h"
 #include "effectcache/EffectRecord.h"
 #include "effectcache/EffectSaveQueue.h"
+#include "effectcache/ParallelJobs.h"
 #include "pagefile/FileDataCorruptException.h"
 #include "pagefile/FileIOException.h"
 #include "platform/PlatformFile.h"
@@ -315,19 +316,21 @@ void EffectSaver::PushPendingToRemote() {
   if (jobs.empty()) return;
   const std::vector<EffectBatchCompressor::Result> compressed =
       EffectBatchCompressor::CompressAll(jobs, cache_.compressionLevel_);
-  for (std::size_t i = 0; i < jobs.size(); ++i) {
-    if (!compressed[i].ok) continue;
+  // Several requests in flight; each job sets its own effect's mark.
+  ParallelJobs::Run(jobs.size(), kRequestsInFlight, [&](std::size_t i) {
+    if (!compressed[i].ok) return;
     effects[i]->pushed = cache_.remote_->Store(*names[i], effects[i]->permanent != 0, jobs[i].size,
                                                compressed[i].compressed.data(), compressed[i].compressed.size());
-  }
+  });
 }
 
 void EffectSaver::PushToRemote(std::vector<RemotePush>& pushes) {
   // Without the file mutex: other processes never wait on the network.
   if (!cache_.remote_) return;
-  for (const RemotePush& push : pushes) {
+  ParallelJobs::Run(pushes.size(), kRequestsInFlight, [&](std::size_t i) {
+    const RemotePush& push = pushes[i];
     cache_.remote_->Store(push.name, push.permanent, push.size, push.compressed.data(), push.compressed.size());
-  }
+  });
 }
 
 bool EffectSaver::SaveDirectory() {

@@ -52,6 +52,10 @@ class EffectSaver {
   bool WriteEffectStream(const std::uint8_t* compressed, std::uint64_t size, std::uint64_t* id);
 
  private:
+  // PUTs of a save's effects kept in flight at once, each on a thread of
+  // its own (ParallelJobs), none of them holding the file's mutex.
+  static constexpr unsigned kRequestsInFlight = 8;
+
   // An effect a save compressed, to be PUT once the save completed.
   struct RemotePush {
     std::string name;

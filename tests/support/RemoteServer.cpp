@@ -138,6 +138,22 @@ std::unique_ptr<RemoteServer> RemoteServer::StartFaults(const fs::path& folder) 
   return StartOnAnyPort("the fault server", command, (folder / "faults.out").string());
 }
 
+std::unique_ptr<RemoteServer> RemoteServer::StartDelayed(const fs::path& folder, const std::string& target,
+                                                         std::uint32_t milliseconds) {
+  if (!fs::exists(kPython)) {
+    Why() = std::string("no delaying proxy here (no ") + kPython + ")";
+    return nullptr;
+  }
+  fs::create_directories(folder);
+  const std::size_t colon = target.find(':', target.find("://") + 3);
+  const std::string targetPort = target.substr(colon + 1, target.find('/', colon) - colon - 1);
+  const std::string script = std::string(TOVREL_TESTS_DIR) + "/remote/delay_proxy.py";
+  const auto command = [&](std::uint16_t port) {
+    return std::vector<std::string>{kPython, script, std::to_string(port), targetPort, std::to_string(milliseconds)};
+  };
+  return StartOnAnyPort("the delaying proxy", command, (folder / "proxy.out").string());
+}
+
 std::string RemoteServer::TeamConfig(const fs::path& folder, std::uint16_t port, const TestCertificates& certificates) {
   std::string documented = DocumentedTeamConfig();
   const std::size_t server = documented.find("server {");

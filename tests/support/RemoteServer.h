@@ -34,6 +34,11 @@ class RemoteServer {
   static std::unique_ptr<RemoteServer> StartNginx(const std::filesystem::path& folder);
   // The fault server (/object/ answers with what was last PUT to /ok/).
   static std::unique_ptr<RemoteServer> StartFaults(const std::filesystem::path& folder);
+  // A proxy (tests/remote/delay_proxy.py) in front of the server at
+  // `target` ("http://127.0.0.1:PORT/..."), every connection delayed by
+  // `milliseconds`: a server across a network, for the benchmarks.
+  static std::unique_ptr<RemoteServer> StartDelayed(const std::filesystem::path& folder, const std::string& target,
+                                                    std::uint32_t milliseconds);
 
   // A team server: nginx serving the configuration that docs/REMOTE.md
   // gives ("Setting up a team server"), verbatim but for the lines it

@@ -26,6 +26,12 @@ int LeftOver(const EffectRemoteSync::Result& result, Console& console) {
   return ExitStatus::kFailed;
 }
 
+// --jobs N: requests in flight.
+unsigned JobsOf(const CommandLine& line) {
+  if (!line.HasValue("--jobs")) return EffectRemoteSync::kDefaultJobs;
+  return static_cast<unsigned>(CommandLine::Number(line.Value("--jobs", ""), "--jobs", 1, EffectRemoteSync::kMostJobs));
+}
+
 }  // namespace
 
 EffectRemoteStore::Settings RemoteCommands::StoreOf(const std::string& text) {
@@ -43,19 +49,21 @@ EffectRemoteStore::Settings RemoteCommands::StoreOf(const std::string& text) {
 
 void RemoteCommands::AddTo(std::vector<CommandGroup::Command>& commands) {
   using Command = CommandGroup::Command;
-  commands.push_back(Command{"push", "FOLDER STORE", "send every effect of a cache to a remote store",
+  commands.push_back(Command{"push", "FOLDER STORE [--jobs N]", "send every effect of a cache to a remote store",
                              "PUTs every effect of the folder's cache to the remote store STORE (an http://\n"
                              "or https:// URL, optionally followed by |connect-ms=N, |timeout-ms=N,\n"
-                             "|ca=PATH, |token-file=PATH, |key-file=PATH), its compressed bytes as stored.\n"
-                             "The cache is read under its mutex, in batches; no request is made while the\n"
-                             "mutex is held. See docs/REMOTE.md.\n",
-                             {}, {}, 2, 2, &RemoteCommands::Push, nullptr});
-  commands.push_back(Command{"pull", "FOLDER STORE (NAME... | --all)", "fetch effects from a remote store",
+                             "|ca=PATH, |token-file=PATH, |key-file=PATH), its compressed bytes as stored,\n"
+                             "N requests at a time (8 by default, at most 64). The cache is read under its\n"
+                             "mutex, in batches; no request is made while the mutex is held. See\n"
+                             "docs/REMOTE.md.\n",
+                             {}, {"--jobs"}, 2, 2, &RemoteCommands::Push, nullptr});
+  commands.push_back(Command{"pull", "FOLDER STORE (NAME... | --all) [--jobs N]", "fetch effects from a remote store",
                              "GETs the named effects from the remote store STORE (or with --all every object\n"
-                             "that the server's folder listings name), checks each as a search does, and\n"
-                             "stores them in the folder's cache in one save under its mutex (a folder\n"
-                             "without a cache gets one). Names the store does not hold are counted.\n",
-                             {"--all"}, {}, 2, ~std::size_t{0}, &RemoteCommands::Pull, nullptr});
+                             "that the server's folder listings name), N at a time (8 by default, at most\n"
+                             "64), checks each as a search does, and stores them in the folder's cache in\n"
+                             "saves under its mutex (a folder without a cache gets one). Names the store\n"
+                             "does not hold are counted.\n",
+                             {"--all"}, {"--jobs"}, 2, ~std::size_t{0}, &RemoteCommands::Pull, nullptr});
 }
 
 int RemoteCommands::Push(const CommandLine& line, Console& console) {
@@ -70,8 +78,9 @@ int RemoteCommands::Push(const CommandLine& line, Console& console) {
     total = check.Entries().size();
   }
   ProgressReporter progress(console, "effects", total);
-  const auto result = EffectRemoteSync::Push(WStr(folder.Absolute().c_str()), store,
-                                             [&](std::uint64_t done, std::uint64_t) { progress.Update(done); });
+  const auto result = EffectRemoteSync::Push(
+      WStr(folder.Absolute().c_str()), store, [&](std::uint64_t done, std::uint64_t) { progress.Update(done); },
+      JobsOf(line));
   progress.Finish();
   if (!result.ok) throw ToolError(ExitStatus::kUnreadable, folder.Typed() + ": the effect cache cannot be read");
   console.Out() << "pushed " << TextFormat::Counted(result.moved, "effect") << ": " << TextFormat::Bytes(result.bytes)
@@ -94,8 +103,9 @@ int RemoteCommands::Pull(const CommandLine& line, Console& console) {
   ProgressReporter progress(console, "effects", names.size());
   const auto report = [&](std::uint64_t done, std::uint64_t total) { progress.Update(done, total); };
   const WStr target(folder.Absolute().c_str());
-  const auto result = all ? EffectRemoteSync::PullAll(target, store, report)
-                          : EffectRemoteSync::Pull(target, store, names, report);
+  const unsigned jobs = JobsOf(line);
+  const auto result = all ? EffectRemoteSync::PullAll(target, store, report, jobs)
+                          : EffectRemoteSync::Pull(target, store, names, report, jobs);
   progress.Finish();
   if (result.noListing) {
     throw ToolError(ExitStatus::kFailed, RemoteStoreSettings::WithoutCredentials(store.baseUrl) +

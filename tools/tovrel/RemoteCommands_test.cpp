@@ -85,6 +85,17 @@ TEST_F(RemoteCommandsTest, AFailingStoreLeavesEffectsOverAndBadStoresAreRefused)
   EXPECT_TRUE(ToolTesting::Contains(readOnly.err, "marked |read-only: nothing can be pushed")) << readOnly.err;
   EXPECT_TRUE(readOnly.out.empty()) << readOnly.out;
   EXPECT_EQ(ToolTesting::Run({"effects", "push", ToolTesting::Utf8(first_), "ftp://x/"}).status, ExitStatus::kUsage);
+  for (const char* jobs : {"0", "65", "many"}) {
+    const auto refused = ToolTesting::Run({"effects", "push", ToolTesting::Utf8(first_), store_, "--jobs", jobs});
+    EXPECT_EQ(refused.status, ExitStatus::kUsage) << jobs;
+    EXPECT_TRUE(ToolTesting::Contains(refused.err, "--jobs")) << refused.err;
+  }
+  const auto one = ToolTesting::Run({"effects", "push", ToolTesting::Utf8(first_), store_, "--jobs", "1"});
+  EXPECT_EQ(one.status, ExitStatus::kOk) << one.err;
+  EXPECT_TRUE(ToolTesting::Contains(one.out, "pushed 3 effects: ")) << one.out;
+  const auto all = ToolTesting::Run({"effects", "pull", ToolTesting::Utf8(first_), store_, "--all", "--jobs", "64"});
+  EXPECT_EQ(all.status, ExitStatus::kOk) << all.err;
+  EXPECT_TRUE(ToolTesting::Contains(all.out, "pulled 3 effects: ")) << all.out;
   EXPECT_EQ(ToolTesting::Run({"effects", "pull", ToolTesting::Utf8(first_), store_}).status, ExitStatus::kUsage);
   EXPECT_EQ(ToolTesting::Run({"effects", "push", ToolTesting::Utf8(dir_.Path() / "none"), store_}).status,
             ExitStatus::kUnreadable);
