@@ -61,10 +61,14 @@ class TOVREL_API EffectCacheSystem : public NorvaneGraphics::ARefObject {
   bool SearchCachedEffects(const WStr& name, Tab<unsigned char>& data);
   // Gives the cache a remote store shared by many machines: "URL", then
   // optionally "|read-only", "|connect-ms=N", "|timeout-ms=N" (250 and
-  // 2000 by default), e.g. L"http://cache.studio:8080/fx/|read-only". A
-  // search that misses the file asks the store; a save PUTs what it
-  // compressed. Null or empty removes the store. False, nothing changed,
-  // for text that does not name a store. The environment variable
+  // 2000 by default), "|ca=PATH" (the CA an https:// server's certificate
+  // must chain to), "|token-file=PATH" (a bearer token; else the variable
+  // "TOVREL_EFFECT_CACHE_REMOTE_TOKEN"), "|key-file=PATH" (the team key
+  // that signs objects), e.g. L"https://cache.studio/fx/|read-only"; see
+  // docs/REMOTE.md. A search that misses the file asks the store; a save
+  // PUTs what it compressed. Null or empty removes the store. False,
+  // nothing changed, for text that does not name a store (a file it names
+  // that cannot be read included). The environment variable
   // "TOVREL_EFFECT_CACHE_REMOTE" sets one when the cache is made.
   bool SetRemoteStore(const wchar_t* store);
   // Background saving, off by default. On, the save that 2 MiB of waiting

@@ -117,7 +117,7 @@ fi
 mingw=x86_64-w64-mingw32
 wine=$(command -v wine64 || command -v wine)
 export WINEDEBUG=-all
-system_dlls='^(kernel32|msvcrt|ucrtbase|api-ms-win-[a-z0-9-]+|shell32|user32|advapi32|ws2_32|bcrypt|ntdll|winhttp)\.dll$'
+system_dlls='^(kernel32|msvcrt|ucrtbase|api-ms-win-[a-z0-9-]+|shell32|user32|advapi32|ws2_32|bcrypt|crypt32|ntdll|winhttp)\.dll$'
 imports() { "$mingw-objdump" -p "$1" | sed -n 's/^\tDLL Name: //p'; }
 
 step "import library"
