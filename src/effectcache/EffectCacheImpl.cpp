@@ -139,6 +139,8 @@ EffectCacheImpl::~EffectCacheImpl() {
   try {
     FoldSearchCounts();
     saver_.SaveToFile();
+    // No other thread uses the object now: the lock held costs no one.
+    saver_.PushOwed();
     profile_.AppendToConfiguredLog();
     // A process that never saved (it only found effects) keeps its counts
     // in the counts file beside the cache file.
@@ -174,6 +176,7 @@ bool EffectCacheImpl::CacheCompiledEffect(const WStr& name, const unsigned char*
   const std::uint64_t adds = EffectRecord::kSize + (8 + key.size()) + (8 + size);
   if (!backgroundSaving_.load() || !queueOpen_.load()) {
     const Placed placed = CachePending(key, data, size, permanent, adds);
+    saver_.PushOwed();  // what a save it made owes the remote store
     if (placed != Placed::kQueue) return placed == Placed::kPending;
   }
   return QueueEffect(key, data, size, permanent, adds);
@@ -236,9 +239,12 @@ void EffectCacheImpl::ForceSaveToFile() {
     worker_.RequestAndWait();
     return;
   }
-  std::lock_guard<ReaderWriterLock> guard(lock_);
-  AdoptQueued();
-  saver_.SaveToFile();
+  {
+    std::lock_guard<ReaderWriterLock> guard(lock_);
+    AdoptQueued();
+    saver_.SaveToFile();
+  }
+  saver_.PushOwed();
 }
 
 std::size_t EffectCacheImpl::GetNumberOfEffectsInFile() const {

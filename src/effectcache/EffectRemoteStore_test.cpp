@@ -418,6 +418,46 @@ TEST_F(EffectRemoteStoreServerTest, EveryKindOfBadAnswerIsAMiss) {
   EXPECT_EQ(EffectTesting::ToVector(data), otherBytes);
 }
 
+// A save's PUTs are made without the object's lock: while one hangs on the
+// server, the host's other threads find stored effects and read the
+// counts (with the lock held through the PUTs, the search would wait for
+// the request to time out, and find it failed). In the foreground and by
+// the worker.
+TEST_F(EffectRemoteStoreServerTest, ASearchDoesNotWaitForTheRemoteStoreOfASave) {
+  auto server = RemoteServer::StartFaults(dir_.Path() / "faults");
+  if (!server) TOVREL_SKIP_OR_FAIL(RemoteServer::WhyNone());
+  const EffectRemoteStore::Settings settings = SettingsFor(server->Url() + "hang/fx");
+  for (const bool background : {false, true}) {
+    SCOPED_TRACE(background ? "in the background" : "in the foreground");
+    const std::wstring folder = (dir_.Path() / (background ? "worker" : "host")).wstring();
+    fs::create_directories(folder);
+    const auto stored = Bytes(0);
+    {
+      EffectCacheImpl cache(WStr(folder.c_str()), 2);
+      ASSERT_TRUE(cache.CacheCompiledEffect(WStr(WideName(0).c_str()), stored.data(), stored.size(), false));
+      cache.ForceSaveToFile();
+    }
+    EffectCacheImpl cache(WStr(folder.c_str()), 2);
+    cache.SetBackgroundSaving(background);
+    cache.SetRemoteStore(&settings);
+    const auto added = Bytes(1);
+    ASSERT_TRUE(cache.CacheCompiledEffect(WStr(WideName(1).c_str()), added.data(), added.size(), false));
+    std::thread saver([&cache] { cache.ForceSaveToFile(); });
+    // The save takes milliseconds; its PUT then hangs for the store's
+    // transfer limit (3 s).
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    Tab<unsigned char> data;
+    const bool found = cache.SearchCachedEffects(WStr(WideName(0).c_str()), data);
+    const EffectRemoteStore::Counts during = cache.GetRemoteCounts();
+    saver.join();
+    ASSERT_TRUE(found);
+    EXPECT_EQ(EffectTesting::ToVector(data), stored);
+    EXPECT_EQ(during.errors, 0u) << "the search waited for the PUT to fail";
+    EXPECT_EQ(cache.GetRemoteCounts().errors, 1u);
+    EXPECT_EQ(cache.GetNumberOfEffectsInFile(), 2u);
+  }
+}
+
 TEST_F(EffectRemoteStoreServerTest, ADeadServerCostsOneFailureThenRests) {
   EffectRemoteStore::Settings settings = SettingsFor(RemoteServer::DeadUrl());
   EffectRemoteStore store(settings);

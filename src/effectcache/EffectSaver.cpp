@@ -210,12 +210,17 @@ bool EffectSaver::SaveBatch() noexcept {
     std::vector<EffectBatchCompressor::Result> compressed =
         EffectBatchCompressor::CompressAll(jobs, cache_.compressionLevel_);
     WaitForOtherHolders();
-    std::lock_guard<ReaderWriterLock> guard(cache_.lock_);
-    AdoptSaving(compressed);
-    SaveToFile();
-    cache_.backgroundSaves_.fetch_add(1, std::memory_order_relaxed);
-    queue.Finish();
-    return static_cast<bool>(cache_.package_);
+    bool usable = false;
+    {
+      std::lock_guard<ReaderWriterLock> guard(cache_.lock_);
+      AdoptSaving(compressed);
+      SaveToFile();
+      cache_.backgroundSaves_.fetch_add(1, std::memory_order_relaxed);
+      queue.Finish();
+      usable = static_cast<bool>(cache_.package_);
+    }
+    PushOwed();
+    return usable;
   } catch (...) {
     // No memory for the copies, or a save that threw: the file keeps its
     // last completed save and the queued effects wait again.
@@ -272,7 +277,14 @@ bool EffectSaver::SaveToFile() {
   const bool saved = SaveToFileUnderMutex();
   std::vector<RemotePush> pushes;
   pushes.swap(remotePushes_);
-  if (saved) PushToRemote(pushes);
+  if (saved && cache_.remote_ && !pushes.empty()) {
+    std::lock_guard<std::mutex> guard(owedLock_);
+    try {
+      owed_.push_back(Owed{cache_.remote_, std::move(pushes)});
+    } catch (const std::bad_alloc&) {
+      // The save completed: the store misses these effects, not the file.
+    }
+  }
   return saved;
 }
 
@@ -324,13 +336,25 @@ void EffectSaver::PushPendingToRemote() {
   });
 }
 
-void EffectSaver::PushToRemote(std::vector<RemotePush>& pushes) {
-  // Without the file mutex: other processes never wait on the network.
-  if (!cache_.remote_) return;
-  ParallelJobs::Run(pushes.size(), kRequestsInFlight, [&](std::size_t i) {
-    const RemotePush& push = pushes[i];
-    cache_.remote_->Store(push.name, push.permanent, push.size, push.compressed.data(), push.compressed.size());
-  });
+void EffectSaver::PushOwed() noexcept {
+  // Without the object's lock and the file mutex: neither the host's other
+  // threads nor other processes wait on the network.
+  std::vector<Owed> owed;
+  {
+    std::lock_guard<std::mutex> guard(owedLock_);
+    owed.swap(owed_);
+  }
+  for (Owed& save : owed) {
+    try {
+      ParallelJobs::Run(save.pushes.size(), kRequestsInFlight, [&](std::size_t i) {
+        const RemotePush& push = save.pushes[i];
+        save.store->Store(push.name, push.permanent, push.size, push.compressed.data(), push.compressed.size());
+      });
+    } catch (const std::exception&) {
+      // No memory or no thread for a request: the store misses these
+      // effects, as it does those of a failed PUT; the file has them.
+    }
+  }
 }
 
 bool EffectSaver::SaveDirectory() {

@@ -2,7 +2,8 @@
 // the pending effects compressed and written as streams, the index, the
 // header block and the statistics after them, the change mark last, then
 // the package's save (its journal and syncs) under the file's lock; what
-// a save compressed goes to the remote store once it completed.
+// a save compressed goes to the remote store once it completed, without
+// the object's lock (PushOwed).
 //
 // Nothing is written from a view that is not the file's (EffectFileView
 // brings it up to date first); a save that fails abandons the package's
@@ -11,12 +12,13 @@
 // Part of EffectCacheImpl (a friend of it, made and owned by it, living as
 // long as it), whose fields it reads and changes. Thread-safety: every
 // call is made with the object's lock held exclusively (see
-// EffectCacheImpl).
+// EffectCacheImpl), except PushOwed, which is called without it.
 #ifndef TOVREL_EFFECTCACHE_EFFECTSAVER_H
 #define TOVREL_EFFECTCACHE_EFFECTSAVER_H
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -27,6 +29,7 @@
 namespace Tovrel {
 
 class EffectCacheImpl;
+class EffectRemoteStore;
 
 class EffectSaver {
  public:
@@ -35,8 +38,15 @@ class EffectSaver {
   EffectSaver& operator=(const EffectSaver&) = delete;
 
   // Saves the pending effects (a read-only file: PUTs them to the remote
-  // store instead); false when the save failed.
+  // store instead); false when the save failed. What the save wrote is
+  // owed to the remote store: the caller calls PushOwed once it has let
+  // the object's lock go.
   bool SaveToFile();
+  // PUTs what completed saves owe the remote store, without the object's
+  // lock (nor the file's mutex), so that no search or count of the host's
+  // other threads waits for the network; returns once they are done.
+  // Any thread; saves of several threads may push at once.
+  void PushOwed() noexcept;
   // The worker's job (see EffectSaveWorker): saves what was queued when it
   // began, in batches of about 2 MiB (SaveBatch). Never throws: a save
   // that failed leaves the cache unusable, as a failed save does on the
@@ -83,7 +93,12 @@ class EffectSaver {
   bool WritePendingEffect(const std::string& name, std::uint64_t size, std::uint32_t permanent,
                           const EffectBatchCompressor::Result& compressed, std::vector<EffectTable::Change>& changes);
   void CollectRemotePushes(std::vector<EffectBatchCompressor::Result>& compressed);
-  void PushToRemote(std::vector<RemotePush>& pushes);
+  // What one save owes, and the store it was saved for (a store set later
+  // gets nothing of it).
+  struct Owed {
+    std::shared_ptr<EffectRemoteStore> store;
+    std::vector<RemotePush> pushes;
+  };
   void PushPendingToRemote();
   void DropDamagedEntries();
 
@@ -91,6 +106,10 @@ class EffectSaver {
   // What the save under way compressed, for the remote store once it
   // completed; empty otherwise.
   std::vector<RemotePush> remotePushes_;
+  // Saves' pushes not yet made, in the order the saves completed; guarded
+  // by owedLock_ (never held while pushing).
+  std::mutex owedLock_;
+  std::vector<Owed> owed_;
   // The file's mutex as the worker waits for other holders (made at its
   // first wait; used on the worker's thread only).
   std::unique_ptr<NorvaneSDK::Util::MutexObject> otherHolders_;

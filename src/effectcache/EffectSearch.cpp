@@ -196,6 +196,7 @@ bool EffectSearch::FetchFromRemote(const std::string& key, Tab<unsigned char>& d
       if (!saveInBackground) cache_.saver_.SaveToFile();
     }
   }
+  cache_.saver_.PushOwed();
   // Asked without the lock: with no thread to be had, the save runs here.
   if (saveInBackground) cache_.worker_.Request();
   return true;
