@@ -153,10 +153,10 @@ mkdir "$work/tz" "$work/tzA" "$work/tzB"
 echo old > "$work/old"; echo new > "$work/new"
 TZ=EST5 "$tool" effects put "$work/tz" recent "$work/old" > /dev/null
 TZ=JST-9 "$tool" effects trim "$work/tz" --older-than 1h > /dev/null
-left=$("$tool" effects get "$work/tz" recent -o - 2>/dev/null)
+left=$("$tool" effects get "$work/tz" recent -o "$work/left" > /dev/null 2>&1 && cat "$work/left")
 TZ=JST-9 "$tool" effects put "$work/tzA" shared "$work/old" > /dev/null
 sleep 2
 TZ=EST5 "$tool" effects put "$work/tzB" shared "$work/new" > /dev/null
 TZ=UTC0 "$tool" effects merge "$work/tzA" "$work/tzB" > /dev/null
-kept=$("$tool" effects get "$work/tzA" shared -o - 2>/dev/null)
+kept=$("$tool" effects get "$work/tzA" shared -o "$work/kept" > /dev/null 2>&1 && cat "$work/kept")
 echo "time zones: an effect used seconds ago $([ "$left" = old ] && echo kept || echo trimmed) by trim --older-than 1h; merge kept the $([ "$kept" = new ] && echo newer || echo older) copy"
