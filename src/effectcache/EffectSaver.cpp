@@ -281,6 +281,7 @@ bool EffectSaver::SaveToFile() {
     std::lock_guard<std::mutex> guard(owedLock_);
     try {
       owed_.push_back(Owed{cache_.remote_, std::move(pushes)});
+      anyOwed_.store(true, std::memory_order_release);
     } catch (const std::bad_alloc&) {
       // The save completed: the store misses these effects, not the file.
     }
@@ -339,10 +340,12 @@ void EffectSaver::PushPendingToRemote() {
 void EffectSaver::PushOwed() noexcept {
   // Without the object's lock and the file mutex: neither the host's other
   // threads nor other processes wait on the network.
+  if (!anyOwed_.load(std::memory_order_acquire)) return;
   std::vector<Owed> owed;
   {
     std::lock_guard<std::mutex> guard(owedLock_);
     owed.swap(owed_);
+    anyOwed_.store(false, std::memory_order_relaxed);
   }
   for (Owed& save : owed) {
     try {

@@ -16,6 +16,7 @@
 #ifndef TOVREL_EFFECTCACHE_EFFECTSAVER_H
 #define TOVREL_EFFECTCACHE_EFFECTSAVER_H
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -110,6 +111,9 @@ class EffectSaver {
   // by owedLock_ (never held while pushing).
   std::mutex owedLock_;
   std::vector<Owed> owed_;
+  // Set with owedLock_ held while owed_ holds anything, so that PushOwed,
+  // called after every CacheCompiledEffect, takes no lock when nothing is owed.
+  std::atomic<bool> anyOwed_{false};
   // The file's mutex as the worker waits for other holders (made at its
   // first wait; used on the worker's thread only).
   std::unique_ptr<NorvaneSDK::Util::MutexObject> otherHolders_;

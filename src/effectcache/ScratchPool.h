@@ -14,8 +14,8 @@
 // default constructor when no idle one is there.
 //
 // Thread-safety: Borrow and a Lease's end may run on any threads at once;
-// each slot is one atomic pointer, taken by exchange and filled by
-// compare-exchange, so no thread waits for another. An object is used by
+// each slot is one atomic pointer, looked at first, then taken by exchange
+// or filled by compare-exchange, so no thread waits for another. An object is used by
 // the thread holding its lease only.
 #ifndef TOVREL_EFFECTCACHE_SCRATCHPOOL_H
 #define TOVREL_EFFECTCACHE_SCRATCHPOOL_H
@@ -63,6 +63,9 @@ class ScratchPool {
   // An idle object, or a new one; a lease of null when none can be made.
   Lease Borrow() {
     for (Slot& slot : slots_) {
+      // Looked at before it is taken: an exchange writes the slot's line
+      // even when the slot is empty, and the threads would pass it around.
+      if (slot.object.load(std::memory_order_relaxed) == nullptr) continue;
       Object* object = slot.object.exchange(nullptr, std::memory_order_acquire);
       if (object != nullptr) return Lease(*this, object);
     }
@@ -80,6 +83,7 @@ class ScratchPool {
   void GiveBack(Object* object) {
     for (Slot& slot : slots_) {
       Object* empty = nullptr;
+      if (slot.object.load(std::memory_order_relaxed) != nullptr) continue;
       if (slot.object.compare_exchange_strong(empty, object, std::memory_order_release, std::memory_order_relaxed)) {
         return;
       }

@@ -228,6 +228,7 @@ void FilePageCache::FreeAllPages() {
   deferred_.clear();
   index_.clear();
   count_ = 0;
+  dirtyListed_ = 0;
   mostRecent_ = leastRecent_ = nullptr;
 }
 
@@ -242,7 +243,7 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t pageId, bool forRead, bool ov
     Unlink(page);
     PushMostRecent(page);
     ++page->pinCount;
-    if (!forRead) page->dirty = 1;
+    if (!forRead) SetDirty(page, true);
     return page->data;
   }
   if (capacity_ == 0) throw InvalidParameterException();
@@ -356,11 +357,7 @@ bool FilePageCache::ReadFileBytes(std::uint64_t offset, std::uint8_t* into, std:
 }
 
 bool FilePageCache::FileMatchesCache() const {
-  if (file_ == nullptr || journal_.IsActive() || !journalImages_.empty() || !deferred_.empty()) return false;
-  for (const CachedPage* page = leastRecent_; page != nullptr; page = page->newer) {
-    if (page->dirty != 0) return false;
-  }
-  return true;
+  return file_ != nullptr && !journal_.IsActive() && journalImages_.empty() && deferred_.empty() && dirtyListed_ == 0;
 }
 
 bool FilePageCache::ReadFileAt(std::uint64_t offset, std::uint8_t* into, std::uint64_t size) const {
@@ -596,7 +593,7 @@ void FilePageCache::WriteRun(CachedPage* const* pages, std::size_t n) {
   PageFileIO::WritePage(file_, fileLength_, bytes, offset, n);
   const std::uint64_t end = offset + n * kPageSize;
   if (end > zerosFrom_) zerosFrom_ = end;
-  for (std::size_t i = 0; i < n; ++i) pages[i]->dirty = 0;
+  for (std::size_t i = 0; i < n; ++i) SetDirty(pages[i], false);
 }
 
 bool FilePageCache::JoinsRun(const CachedPage* page) const {
@@ -635,6 +632,19 @@ void FilePageCache::PushMostRecent(CachedPage* page) {
   mostRecent_ = page;
   if (leastRecent_ == nullptr) leastRecent_ = page;
   ++count_;
+  dirtyListed_ += page->dirty != 0 ? 1 : 0;
+}
+
+void FilePageCache::SetDirty(CachedPage* page, bool dirty) {
+  const bool listed = page->index < index_.size() && index_[page->index] == page;
+  if (listed && (page->dirty != 0) != dirty) {
+    if (dirty) {
+      ++dirtyListed_;
+    } else {
+      --dirtyListed_;
+    }
+  }
+  page->dirty = dirty ? 1 : 0;
 }
 
 void FilePageCache::Unlink(CachedPage* page) {
@@ -644,6 +654,7 @@ void FilePageCache::Unlink(CachedPage* page) {
   if (leastRecent_ == page) leastRecent_ = page->newer;
   page->older = page->newer = nullptr;
   --count_;
+  dirtyListed_ -= page->dirty != 0 ? 1 : 0;
 }
 
 void FilePageCache::CheckInvariants() const {
@@ -654,8 +665,10 @@ void FilePageCache::CheckInvariants() const {
     assert(count_ == 0 && fileLength_ == 0 && savedLength_ == 0 && !journal_.IsActive());
   }
   std::uint64_t walked = 0;
+  std::uint64_t dirty = 0;
   const CachedPage* previous = nullptr;
   for (const CachedPage* p = leastRecent_; p != nullptr; p = p->newer) {
+    dirty += p->dirty != 0 ? 1 : 0;
     assert(p->older == previous);
     assert(p->index < index_.size() && index_[p->index] == p);
     assert(p->dirty == 0 || p->index * kPageSize < fileLength_);
@@ -665,6 +678,7 @@ void FilePageCache::CheckInvariants() const {
   }
   assert(previous == mostRecent_);
   assert(walked == count_);
+  assert(dirty == dirtyListed_);
   std::uint64_t indexed = 0;
   for (const CachedPage* p : index_) indexed += p != nullptr ? 1 : 0;
   assert(indexed == count_);
@@ -676,6 +690,7 @@ void FilePageCache::CheckInvariants() const {
   }
   assert(deferred_.size() <= capacity_);
   (void)walked;
+  (void)dirty;
   (void)indexed;
 #endif
 }

@@ -241,6 +241,8 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   void BeginJournalIfNeeded();
   void PushMostRecent(CachedPage* page);
   void Unlink(CachedPage* page);
+  // Sets a page's dirty mark, keeping dirtyListed_ for a page on the list.
+  void SetDirty(CachedPage* page, bool dirty);
   void FreeAllPages();
   void CloseFile();
 
@@ -265,6 +267,9 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   std::uint64_t capacity_;
   std::vector<CachedPage*> index_;
   std::uint64_t count_;
+  // The pages on the recency list with dirty set, so that FileMatchesCache
+  // (asked before every direct read) need not walk the list.
+  std::uint64_t dirtyListed_ = 0;
   CachedPage* mostRecent_;
   CachedPage* leastRecent_;
   // File offsets at or past this hold zeros that this cache appended and
