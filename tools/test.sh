@@ -50,7 +50,7 @@ tsan() {
   "$dir/platform_tests" --gtest_brief=1 --gtest_filter='ReaderWriterLockTest.*:PositionalFileHandleTest.ReadAt*:MemoryFileSystemTest.ReadAt*'
   "$dir/package_tests" --gtest_brief=1 --gtest_filter='DirectStreamReaderTest.*'
   "$dir/effectcache_tests" --gtest_brief=1 \
-    --gtest_filter='EffectCacheParallelTest.*:CacheFileLockTest.*:EffectCacheBackgroundTest.*:EffectSaveWorkerTest.*:ScratchPoolTest.*:LibdeflateInflaterTest.*:ParallelJobsTest.*:EffectRemoteSyncTest.*:EffectRemoteStoreServerTest.*'
+    --gtest_filter='EffectCacheParallelTest.*:CacheFileLockTest.*:EffectCacheBackgroundTest.*:SearchSnapshotTest.*:EffectSaveWorkerTest.*:ScratchPoolTest.*:LibdeflateInflaterTest.*:ParallelJobsTest.*:EffectRemoteSyncTest.*:EffectRemoteStoreServerTest.*'
   # Host threads caching and searching while the worker saves.
   TOVREL_EFFECT_CACHE_BACKGROUND_SAVING=1 "$dir/effectcache_tests" --gtest_brief=1 \
     --gtest_filter='EffectCacheParallelTest.Threads*:EffectCacheParallelTest.Searches*'

@@ -65,6 +65,32 @@ class MutexHeldElsewhere {
   std::thread thread_;
 };
 
+// A point the worker's save stops at (a FileFaults pause) until Open.
+class Gate {
+ public:
+  void Stop() {
+    std::unique_lock<std::mutex> held(lock_);
+    reached_ = true;
+    changed_.notify_all();
+    changed_.wait(held, [this] { return open_; });
+  }
+  bool WaitReached(std::chrono::seconds limit) {
+    std::unique_lock<std::mutex> held(lock_);
+    return changed_.wait_for(held, limit, [this] { return reached_; });
+  }
+  void Open() {
+    std::lock_guard<std::mutex> held(lock_);
+    open_ = true;
+    changed_.notify_all();
+  }
+
+ private:
+  std::mutex lock_;
+  std::condition_variable changed_;
+  bool reached_ = false;
+  bool open_ = false;
+};
+
 class EffectCacheBackgroundTest : public ::testing::Test {
  protected:
   void TearDown() override { FileFaults::Reset(); }
@@ -239,6 +265,63 @@ TEST_F(EffectCacheBackgroundTest, HostThreadsCacheAndSearchWhileTheWorkerSaves) 
   cache->ForceSaveToFile();
   EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 120u);
   ExpectFound(*cache, 0, 120);
+}
+
+TEST_F(EffectCacheBackgroundTest, SearchesOfStoredEffectsGoOnWhileTheSaveHoldsTheCache) {
+  auto cache = Open();
+  CacheEffects(*cache, 0, 40);
+  cache->ForceSaveToFile();
+  // Searches found stored effects: after each save from now on, the worker
+  // leaves a snapshot of the stored effects for the next one.
+  ExpectFound(*cache, 0, 40);
+  CacheEffects(*cache, 40, 5);
+  cache->ForceSaveToFile();
+  ExpectFound(*cache, 0, 45);
+  FileFaults::StartCounting();
+  CacheEffects(*cache, 45, 5);
+  cache->ForceSaveToFile();
+  const std::uint64_t syncs = FileFaults::Calls(FileCall::kSync);
+  ASSERT_GE(syncs, 2u);  // the journal's, then the file's
+  ExpectFound(*cache, 0, 50);
+  int stored = 50;
+  // The save stops before each of its syncs in turn, holding the cache's
+  // lock and the file's mutex, with its writes (and, at the second, the
+  // pages it overwrote) in the file: every stored effect is found, right,
+  // without waiting for it.
+  for (std::uint64_t n = 1; n <= syncs; ++n) {
+    Gate gate;
+    FileFaults::PauseAtNth(FileCall::kSync, n, [&gate] { gate.Stop(); });
+    std::thread saver([&] {
+      CacheEffects(*cache, stored, 5);
+      cache->ForceSaveToFile();
+    });
+    if (!gate.WaitReached(std::chrono::seconds(60))) {
+      ADD_FAILURE() << "the save never reached sync " << n;
+      gate.Open();
+      saver.join();
+      return;
+    }
+    std::mutex doneLock;
+    std::condition_variable doneChanged;
+    bool done = false;
+    std::thread searcher([&] {
+      ExpectFound(*cache, 0, stored);
+      std::lock_guard<std::mutex> held(doneLock);
+      done = true;
+      doneChanged.notify_all();
+    });
+    {
+      std::unique_lock<std::mutex> held(doneLock);
+      EXPECT_TRUE(doneChanged.wait_for(held, std::chrono::seconds(30), [&] { return done; }))
+          << "the searches waited for the save stopped before sync " << n;
+    }
+    gate.Open();
+    searcher.join();
+    saver.join();
+    stored += 5;
+    ExpectFound(*cache, 0, stored);
+  }
+  EXPECT_EQ(cache->GetNumberOfEffectsInFile(), static_cast<std::size_t>(stored));
 }
 
 }  // namespace

@@ -521,7 +521,8 @@ void EffectCacheImpl::CheckInvariants() const {
   assert(readOnly_ == (readOnlyWhy_ != CacheWriteAccess::Why::kWritable));
 #ifndef NDEBUG
   for (const auto& pending : pendingEffects_) {
-    assert(pending.second.bytes.Count() >= 1 && static_cast<std::uint64_t>(pending.second.bytes.Count()) <= kEffectSizeLimit);
+    assert(pending.second.Size() >= 1 && pending.second.Size() <= kEffectSizeLimit);
+    assert(pending.second.bytes.Count() == 0 || pending.second.heldSize == 0);
   }
 #endif
 }

@@ -53,7 +53,12 @@
 // the package. Either way the bytes are decompressed, and copied into the
 // caller's Tab, after both locks are let go. A search's use of an entry
 // goes into the index's marks (EffectTable::MarkUsed), its hits and
-// misses into atomic counts; a change folds them in.
+// misses into atomic counts; a change folds them in. While the background
+// save holds lock_, searches of stored effects do not wait for it: they
+// read through a snapshot of the index and of where each effect's bytes
+// lie, which the worker offers for the length of its save, and which stays
+// right while it writes because the save's page cache keeps the saved
+// image of every page it overwrites (see SearchSnapshot).
 //
 // This class holds the state and its lock and serves the public calls;
 // the work lives in rooms of its own that work on these fields as its

@@ -73,6 +73,31 @@ void EffectSaveQueue::Finish() {
   finished_.notify_all();
 }
 
+void EffectSaveQueue::FinishInto(PendingMap& pending) {
+  std::lock_guard<std::mutex> held(lock_);
+  for (auto& entry : saving_) {
+    const auto kept = pending.find(entry.first);
+    if (kept == pending.end() || kept->second.bytes.Count() != 0) continue;
+    kept->second.bytes = std::move(entry.second.bytes);
+    kept->second.heldSize = 0;
+  }
+  saving_.clear();
+  savingBytes_ = 0;
+  saveUnderWay_ = false;
+  CountHeld();
+  finished_.notify_all();
+}
+
+void EffectSaveQueue::CopyBytesInto(PendingMap& pending) const {
+  std::lock_guard<std::mutex> held(lock_);
+  for (const auto& entry : saving_) {
+    const auto kept = pending.find(entry.first);
+    if (kept == pending.end() || kept->second.bytes.Count() != 0) continue;
+    kept->second.bytes = entry.second.bytes;
+    kept->second.heldSize = 0;
+  }
+}
+
 void EffectSaveQueue::GiveBack() {
   std::lock_guard<std::mutex> held(lock_);
   waiting_.merge(saving_);  // a name waiting already keeps its newer copy

@@ -58,6 +58,14 @@ class EffectSaveQueue {
   // The worker, with the cache's lock held: the save has ended and its
   // effects are where the cache keeps them now.
   void Finish();
+  // Finish, when `pending` may hold the save's effects without their bytes
+  // (a save that did not complete keeps them pending): those get the
+  // queue's bytes, moved, in the same step, so that no search finds an
+  // effect in neither place.
+  void FinishInto(PendingMap& pending);
+  // The worker, with the cache's lock held, before GiveBack: effects of
+  // the save that `pending` holds without their bytes get a copy.
+  void CopyBytesInto(PendingMap& pending) const;
   // The worker: the save could not take its effects; they wait again
   // (behind any newer copy of the same name). Allocates nothing.
   void GiveBack();

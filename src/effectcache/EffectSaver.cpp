@@ -1,6 +1,9 @@
 #include "effectcache/EffectSaver.h"
 
 #include <algorithm>
+#include <memory>
+#include <new>
+#include <shared_mutex>
 #include <utility>
 #include <vector>
 
@@ -16,6 +19,8 @@
 #include "effectcache/ParallelJobs.h"
 #include "pagefile/FileDataCorruptException.h"
 #include "pagefile/FileIOException.h"
+#include "pagefile/FilePageCache.h"
+#include "pagefile/SavedImages.h"
 #include "platform/PlatformFile.h"
 #include "streams/StreamTransfer.h"
 
@@ -83,7 +88,7 @@ bool EffectSaver::WritePendingEffects() {
   std::size_t i = 0;
   try {
     for (const auto& entry : cache_.pendingEffects_) {
-      written = WritePendingEffect(entry.first, static_cast<std::uint64_t>(entry.second.bytes.Count()),
+      written = WritePendingEffect(entry.first, entry.second.Size(),
                                    entry.second.permanent, compressed[i++], changes);
       if (!written) break;
     }
@@ -139,7 +144,7 @@ void EffectSaver::CollectRemotePushes(std::vector<EffectBatchCompressor::Result>
     EffectBatchCompressor::Result& result = compressed[i++];
     if (entry.second.fromRemote || !result.ok) continue;
     remotePushes_.push_back(RemotePush{entry.first, entry.second.permanent != 0,
-                                       static_cast<std::uint64_t>(entry.second.bytes.Count()),
+                                       entry.second.Size(),
                                        std::move(result.compressed)});
   }
 }
@@ -210,13 +215,22 @@ bool EffectSaver::SaveBatch() noexcept {
     std::vector<EffectBatchCompressor::Result> compressed =
         EffectBatchCompressor::CompressAll(jobs, cache_.compressionLevel_);
     WaitForOtherHolders();
+    BuildSnapshot();
     bool usable = false;
     {
+      // Withdrawn once the object's lock is let go: a search that finds
+      // the snapshot gone must not then wait for this thread, which runs
+      // below the host's priority, to let the lock go.
+      const SnapshotOffer offer{*this};
+      // Searches that find the object's lock taken wait for the offer.
+      const bool offering = static_cast<bool>(snapshot_);
+      if (offering) cache_.search_.BeginOffer();
       std::lock_guard<ReaderWriterLock> guard(cache_.lock_);
+      if (offering) cache_.search_.EndOffer(OfferSnapshot());
       AdoptSaving(compressed);
       SaveToFile();
       cache_.backgroundSaves_.fetch_add(1, std::memory_order_relaxed);
-      queue.Finish();
+      queue.FinishInto(cache_.pendingEffects_);
       usable = static_cast<bool>(cache_.package_);
     }
     PushOwed();
@@ -226,6 +240,7 @@ bool EffectSaver::SaveBatch() noexcept {
     // last completed save and the queued effects wait again.
     std::lock_guard<ReaderWriterLock> guard(cache_.lock_);
     cache_.AbandonWrite();
+    queue.CopyBytesInto(cache_.pendingEffects_);
     queue.GiveBack();
     return false;
   }
@@ -249,21 +264,27 @@ void EffectSaver::WaitForOtherHolders() {
 }
 
 void EffectSaver::AdoptSaving(std::vector<EffectBatchCompressor::Result>& compressed) {
-  // Copies, made before the pending map changes: the queue's stay for the
-  // searches until the save has ended.
+  // Made before the pending map changes. The queue keeps the effects'
+  // bytes for the searches until the save has ended: an effect with its
+  // compressed bytes needs only its size here (the queue gives the bytes
+  // back, should the save not complete); one whose compression failed is
+  // copied, to be compressed again.
   PendingMap adopted;
   std::uint64_t bytes = 0;
   std::size_t i = 0;
   for (const auto& entry : cache_.queue_.Saving()) {
     PendingEffect& effect = adopted[entry.first];
-    effect.bytes = entry.second.bytes;
+    const auto size = static_cast<std::uint64_t>(entry.second.bytes.Count());
     effect.permanent = entry.second.permanent;
     if (compressed[i].ok) {
+      effect.heldSize = size;
       effect.compressed.swap(compressed[i].compressed);
       effect.compressMilliseconds = compressed[i].milliseconds;
+    } else {
+      effect.bytes = entry.second.bytes;
     }
     ++i;
-    bytes += EffectRecord::kSize + (8 + entry.first.size()) + (8 + static_cast<std::uint64_t>(effect.bytes.Count()));
+    bytes += EffectRecord::kSize + (8 + entry.first.size()) + (8 + size);
   }
   MovePendingEffects(adopted, cache_.pendingEffects_);
   cache_.pendingBytes_ += bytes;
@@ -294,6 +315,7 @@ bool EffectSaver::SaveToFileUnderMutex() {
   CacheFileLock::Hold hold(*cache_.fileLock_, CacheFileLock::Intent::kRead);
   if (!hold.IsOwner()) return false;
   if (cache_.pendingEffects_.empty() && cache_.damaged_.empty()) return true;
+  ProtectSnapshot();
   cache_.fileLock_->WillWrite();
   // Nothing is written from a view that is not the file's: when it cannot
   // be brought up to date, the effects stay pending for the next save.
@@ -399,6 +421,66 @@ void EffectSaver::DropDamagedEntries() {
     cache_.fileEffects_.Erase(damaged.first);
   }
   cache_.damaged_.clear();
+}
+
+void EffectSaver::BuildSnapshot() {
+  if (!cache_.search_.TakeSearched()) return;
+  std::shared_lock<ReaderWriterLock> shared(cache_.lock_);
+  snapshot_.reset();
+  const auto* paged = dynamic_cast<const PagedFilePackage*>(cache_.package_.Get());
+  if (paged == nullptr || cache_.readOnly_ || cache_.staleView_ || !cache_.backgroundSaving_.load() ||
+      !FilePageCache::IsJournaling()) {
+    return;
+  }
+  // Built from a view proven the file's, as a search without the mutex is.
+  const std::uint64_t known = cache_.fileLock_->LastRelease();
+  if (known % 2 != 0 || cache_.fileLock_->Observe() != known) return;
+  std::unique_ptr<SearchSnapshot> built =
+      SearchSnapshot::Build(*paged, cache_.fileEffects_, cache_.cacheFilePath_.data(), known);
+  if (cache_.fileLock_->Observe() == known) snapshot_ = std::move(built);
+}
+
+SearchSnapshot* EffectSaver::OfferSnapshot() {
+  if (!snapshot_) return nullptr;
+  // Searches cannot see pending effects through it, and the view must
+  // still be the one it was built from: no change of this object since.
+  if (!cache_.pendingEffects_.empty() || !cache_.damaged_.empty() || cache_.staleView_ || !cache_.package_ ||
+      cache_.fileLock_->LastRelease() != snapshot_->Counter()) {
+    snapshot_.reset();
+    return nullptr;
+  }
+  return snapshot_.get();
+}
+
+void EffectSaver::ProtectSnapshot() {
+  if (!snapshot_ || !cache_.search_.IsActive()) return;
+  // With the file's mutex held: no other process wrote since the snapshot,
+  // and nothing of this object's waits to be written, so every change from
+  // here on is journaled, and its page's image kept. Otherwise the
+  // snapshot stays unprotected, and its reads decline from the save's
+  // first write on.
+  auto* paged = dynamic_cast<PagedFilePackage*>(cache_.package_.Get());
+  FilePageCache* pages = paged != nullptr ? paged->GetPageCache() : nullptr;
+  const std::uint64_t counter = cache_.fileLock_->Observe();
+  if (pages != nullptr && !paged->IsModified() && pages->FileMatchesCache() && counter == snapshot_->Counter() &&
+      pages->KeepSavedImages(snapshot_->Images())) {
+    snapshot_->Protect(counter);
+  }
+}
+
+void EffectSaver::WithdrawSnapshot() noexcept {
+  if (!snapshot_) return;
+  const std::vector<std::string> used = cache_.search_.Deactivate();
+  snapshot_.reset();
+  if (used.empty()) return;
+  // The uses found through the snapshot go into the index's marks, for
+  // the next save to write (marking is a search's work: the lock shared).
+  std::shared_lock<ReaderWriterLock> shared(cache_.lock_);
+  const CacheTimeStamp now = CacheTimeStamp::Now();
+  for (const std::string& name : used) {
+    const std::size_t at = cache_.fileEffects_.IndexOf(name);
+    if (at != EffectTable::kNone) cache_.fileEffects_.MarkUsed(at, now);
+  }
 }
 
 }  // namespace Tovrel

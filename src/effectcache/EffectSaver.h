@@ -25,6 +25,7 @@
 
 #include "effectcache/EffectBatchCompressor.h"
 #include "effectcache/EffectTable.h"
+#include "effectcache/SearchSnapshot.h"
 #include "host/MutexObject.h"
 
 namespace Tovrel {
@@ -102,6 +103,25 @@ class EffectSaver {
   };
   void PushPendingToRemote();
   void DropDamagedEntries();
+  // The snapshot of the stored effects that searches read while the
+  // worker's save holds the object's lock (see SearchSnapshot): built
+  // before a batch takes the lock, with the lock shared, when searches
+  // found stored effects since the last one; offered to the searches as
+  // the batch takes the lock, protected before its first write, withdrawn
+  // (and dropped) once the batch has let the lock go.
+  void BuildSnapshot();
+  // The snapshot to offer at a batch's start, with the object's lock held
+  // exclusively; null (and none kept) when it is not the file's any more.
+  SearchSnapshot* OfferSnapshot();
+  void ProtectSnapshot();
+  // Without the object's lock (which it takes shared to mark uses).
+  void WithdrawSnapshot() noexcept;
+  // Withdraws the snapshot when the batch's save ends, however it ends,
+  // after the object's lock is let go.
+  struct SnapshotOffer {
+    EffectSaver& saver;
+    ~SnapshotOffer() { saver.WithdrawSnapshot(); }
+  };
 
   EffectCacheImpl& cache_;
   // What the save under way compressed, for the remote store once it
@@ -114,6 +134,8 @@ class EffectSaver {
   // Set with owedLock_ held while owed_ holds anything, so that PushOwed,
   // called after every CacheCompiledEffect, takes no lock when nothing is owed.
   std::atomic<bool> anyOwed_{false};
+  // Used by the save path only (one batch at a time).
+  std::unique_ptr<SearchSnapshot> snapshot_;
   // The file's mutex as the worker waits for other holders (made at its
   // first wait; used on the worker's thread only).
   std::unique_ptr<NorvaneSDK::Util::MutexObject> otherHolders_;

@@ -1,5 +1,6 @@
 #include "effectcache/EffectSearch.h"
 
+#include <mutex>
 #include <new>
 #include <shared_mutex>
 #include <utility>
@@ -68,7 +69,12 @@ EffectSearch::Found EffectSearch::FindPending(const std::string& key, Tab<unsign
 
 EffectSearch::Found EffectSearch::FindShared(const std::string& key, Tab<unsigned char>& data,
                                                    EffectRecord* record, std::vector<std::uint8_t>& compressed) const {
-  std::shared_lock<ReaderWriterLock> shared(cache_.lock_);
+  std::shared_lock<ReaderWriterLock> shared(cache_.lock_, std::try_to_lock);
+  if (!shared.owns_lock()) {
+    // Held (or wanted) by a change, the background save's among them.
+    if (FindInSnapshot(key, record, compressed) == Found::kStored) return Found::kStored;
+    shared.lock();
+  }
   if (FindPending(key, data) == Found::kPending) return Found::kPending;
   const auto* paged = dynamic_cast<const PagedFilePackage*>(cache_.package_.Get());
   if (paged == nullptr || cache_.staleView_) return Found::kLocked;
@@ -97,7 +103,55 @@ EffectSearch::Found EffectSearch::FindShared(const std::string& key, Tab<unsigne
   if (at == EffectTable::kNone) return Found::kMissing;
   if (EffectPayload::CheckBlock(*record, compressed) != EffectPayload::Result::kOk) return Found::kLocked;
   cache_.fileEffects_.MarkUsed(at, CacheTimeStamp::Now());
+  NoteSearched();
   return Found::kStored;
+}
+
+EffectSearch::Found EffectSearch::FindInSnapshot(const std::string& key, EffectRecord* record,
+                                                 std::vector<std::uint8_t>& compressed) const {
+  if (!snapshotOn_.load(std::memory_order_acquire) && !offerComing_.load(std::memory_order_acquire)) {
+    return Found::kLocked;
+  }
+  std::shared_lock<ReaderWriterLock> shared(snapshotLock_);
+  if (active_ == nullptr) return Found::kLocked;
+  try {
+    if (active_->Read(key, *cache_.fileLock_, compressed, record) != SearchSnapshot::Result::kOk) return Found::kLocked;
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception&) {
+    return Found::kLocked;
+  }
+  if (EffectPayload::CheckBlock(*record, compressed) != EffectPayload::Result::kOk) return Found::kLocked;
+  NoteSearched();
+  return Found::kStored;
+}
+
+void EffectSearch::BeginOffer() {
+  offerComing_.store(true, std::memory_order_release);
+  snapshotLock_.lock();
+}
+
+void EffectSearch::EndOffer(SearchSnapshot* snapshot) {
+  active_ = snapshot;
+  snapshotOn_.store(snapshot != nullptr, std::memory_order_release);
+  snapshotLock_.unlock();
+  offerComing_.store(false, std::memory_order_release);
+}
+
+std::vector<std::string> EffectSearch::Deactivate() noexcept {
+  SearchSnapshot* was = nullptr;
+  {
+    std::lock_guard<ReaderWriterLock> guard(snapshotLock_);
+    snapshotOn_.store(false, std::memory_order_release);
+    was = active_;
+    active_ = nullptr;
+  }
+  if (was == nullptr) return {};
+  try {
+    return was->UsedNames();
+  } catch (const std::bad_alloc&) {
+    return {};  // the uses of this save's searches are not marked
+  }
 }
 
 EffectSearch::Found EffectSearch::FindLocked(const std::string& key, Tab<unsigned char>& data,

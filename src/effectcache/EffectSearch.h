@@ -13,6 +13,13 @@
 // reload; a name the file does not hold goes to the remote store, if any,
 // without any lock, and what the store gives joins the pending map.
 //
+// While the background save holds the object's lock, a search does not
+// wait for it when the worker offered a snapshot of the stored effects
+// (see SearchSnapshot): it reads the effect's bytes through the snapshot,
+// under a lock of its own that the worker takes only to offer, protect
+// and withdraw it, and decodes them as usual. A name the snapshot does not
+// hold, or a read it cannot prove, waits for the object's lock.
+//
 // Part of EffectCacheImpl (a friend of it, made and owned by it, living as
 // long as it), whose fields it reads and, under its lock, changes.
 // Thread-safety: any number of threads may search at once (see
@@ -20,13 +27,17 @@
 #ifndef TOVREL_EFFECTCACHE_EFFECTSEARCH_H
 #define TOVREL_EFFECTCACHE_EFFECTSEARCH_H
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "effectcache/EffectPayload.h"
 #include "effectcache/EffectRecord.h"
+#include "effectcache/SearchSnapshot.h"
 #include "host/Tab.h"
+#include "platform/ReaderWriterLock.h"
 
 namespace Tovrel {
 
@@ -40,6 +51,20 @@ class EffectSearch {
 
   // The effect named by `key` (UTF-8) into `data`; false for a miss.
   bool Search(const std::string& key, Tab<unsigned char>& data);
+
+  // The worker's offer of a snapshot (owned by the worker, which keeps it
+  // until Deactivate): BeginOffer before it takes the object's lock, so
+  // that searches that find the lock taken wait for the offer rather than
+  // for the save, then EndOffer with the snapshot (or null, when it is no
+  // longer the file's), with the object's lock held exclusively.
+  void BeginOffer();
+  void EndOffer(SearchSnapshot* snapshot);
+  bool IsActive() const { return snapshotOn_.load(std::memory_order_acquire); }
+  // Withdraws the snapshot, once no search reads it; the names searches
+  // found in it (empty when none was offered, or without memory).
+  std::vector<std::string> Deactivate() noexcept;
+  // True when a search found a stored effect since the last call.
+  bool TakeSearched() { return searched_.exchange(false, std::memory_order_relaxed); }
 
  private:
   // What a search found, and where.
@@ -57,6 +82,13 @@ class EffectSearch {
   Found FindLocked(const std::string& key, Tab<unsigned char>& data, EffectRecord* record,
                    std::vector<std::uint8_t>& compressed, bool again);
   Found FindPending(const std::string& key, Tab<unsigned char>& data) const;
+  // The bytes of a stored effect through the snapshot on offer: kStored,
+  // or kLocked when there is none, it holds no such name or cannot prove
+  // its read.
+  Found FindInSnapshot(const std::string& key, EffectRecord* record, std::vector<std::uint8_t>& compressed) const;
+  void NoteSearched() const {
+    if (!searched_.load(std::memory_order_relaxed)) searched_.store(true, std::memory_order_relaxed);
+  }
   // Decompresses found bytes (a length-prefixed block) into `data`,
   // without any lock, and times it for the profile.
   EffectPayload::Result Decode(const EffectRecord& record, const std::vector<std::uint8_t>& compressed,
@@ -67,6 +99,15 @@ class EffectSearch {
   bool FetchFromRemote(const std::string& key, Tab<unsigned char>& data);
 
   EffectCacheImpl& cache_;
+  // Guards active_: shared by searches reading through it, exclusive to
+  // offer and withdraw it. Taken before the object's lock, never after it.
+  mutable ReaderWriterLock snapshotLock_;
+  SearchSnapshot* active_ = nullptr;
+  // Mirrors "active_ is set", so that searches take snapshotLock_ only then.
+  std::atomic<bool> snapshotOn_{false};
+  // Set from BeginOffer to EndOffer (snapshotLock_ held exclusively then).
+  std::atomic<bool> offerComing_{false};
+  mutable std::atomic<bool> searched_{false};
 };
 
 }  // namespace Tovrel

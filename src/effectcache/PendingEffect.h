@@ -18,8 +18,13 @@
 namespace Tovrel {
 
 struct PendingEffect {
-  // Invariant: 1 to 1 MiB bytes, the effect as the host gave it.
+  // Invariant: 1 to 1 MiB bytes, the effect as the host gave it; or, only
+  // while the background save that compressed it holds the cache's lock,
+  // none, its bytes held by that save's queue (see heldSize).
   Tab<unsigned char> bytes;
+  // With `bytes` empty: the effect's size, its bytes in the background
+  // save's queue (EffectSaveQueue::FinishInto gives them back); 0 otherwise.
+  std::uint64_t heldSize = 0;
   std::uint32_t permanent = 0;
   bool fromRemote = false;  // fetched from the remote store: never PUT back
   bool pushed = false;      // PUT already (a read-only file keeps it pending)
@@ -32,6 +37,9 @@ struct PendingEffect {
   // What it adds to the file, as its holder estimates it (see
   // EffectSaveQueue); 0 where the holder keeps a total instead.
   std::uint64_t fileBytes = 0;
+
+  // The effect's size in bytes, wherever they are held.
+  std::uint64_t Size() const { return bytes.Count() != 0 ? static_cast<std::uint64_t>(bytes.Count()) : heldSize; }
 };
 
 // Pending effects by name (UTF-8), in the order of the file's index.

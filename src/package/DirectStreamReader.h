@@ -41,6 +41,18 @@ class DirectStreamReader {
   // call fails; std::bad_alloc when memory runs out.
   static Result Read(const PagedFilePackage& package, std::uint64_t identifier, std::uint64_t limit,
                      std::vector<std::uint8_t>& into);
+
+  // A run of a stream's bytes that follow each other in the file.
+  struct Run {
+    std::uint64_t offset;  // in the file
+    std::uint64_t size;
+  };
+  // Where the bytes of stream `identifier` (at most `limit` of them) lie in
+  // the file, in the stream's order, pages that follow each other joined
+  // into one run; kOk with `runs` filled, or why not, as Read answers. The
+  // runs hold for the file as the package's tables describe it.
+  static Result Locate(const PagedFilePackage& package, std::uint64_t identifier, std::uint64_t limit,
+                       std::vector<Run>& runs);
 };
 
 }  // namespace Tovrel

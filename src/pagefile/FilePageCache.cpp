@@ -63,6 +63,7 @@ FilePageCache::~FilePageCache() {
       // Closed all the same; a destructor must not throw.
     }
   }
+  EndSavedImages();
 }
 
 bool FilePageCache::Open(const wchar_t* path, std::uint64_t capacity) {
@@ -165,12 +166,17 @@ void FilePageCache::Commit() {
     if (PlatformFile::Sync(file_) != 0) throw FileIOException(errno);
     journal_.Finish();
   }
+  // The file now holds the new state; the kept images still give the
+  // saved one until a page freed by this save can change.
+  if (savedImages_) savedImagesCommitted_ = true;
   savedLength_ = fileLength_;
   savedFree_.clear();
   savedFreeKnown_ = false;
 }
 
 void FilePageCache::CloseFile() {
+  // A commit's images stay through the reopening that follows it.
+  if (!savedImagesCommitted_) EndSavedImages();
   FileHandle* file = file_;
   file_ = nullptr;
   journalImages_.clear();
@@ -195,6 +201,7 @@ void FilePageCache::DiscardAll() {
 
 void FilePageCache::Rollback() {
   CheckInvariants();
+  BeforeFileChange();
   FreeAllPages();
   if (!journal_.IsActive()) return;
   try {
@@ -212,6 +219,24 @@ void FilePageCache::Rollback() {
     }
     throw;
   }
+}
+
+bool FilePageCache::KeepSavedImages(std::shared_ptr<SavedImages> images) {
+  if (file_ == nullptr || !journaling_ || access_ == Access::kReadOnly) return false;
+  EndSavedImages();
+  savedImages_ = std::move(images);
+  return true;
+}
+
+void FilePageCache::EndSavedImages() noexcept {
+  savedImagesCommitted_ = false;
+  if (!savedImages_) return;
+  savedImages_->Seal();
+  savedImages_.reset();
+}
+
+void FilePageCache::BeforeFileChange() noexcept {
+  if (savedImagesCommitted_) EndSavedImages();
 }
 
 void FilePageCache::SetSavedFreePages(std::vector<bool> freePages) {
@@ -383,6 +408,7 @@ void FilePageCache::CutFile(std::uint64_t pages) {
   for (std::uint64_t idx = pages; idx < index_.size(); ++idx) {
     if (index_[idx] != nullptr && index_[idx]->pinCount > 0) throw InvalidParameterException();
   }
+  BeforeFileChange();
   BeginJournalIfNeeded();
   JournalCutPages(pages);
   errno = 0;
@@ -438,6 +464,7 @@ void FilePageCache::JournalSavedImage(std::uint64_t index, std::uint8_t* image) 
   } else {
     ReadFiledImage(index, image);
   }
+  if (savedImages_) savedImages_->Keep(index, image);
   journal_.Append(index + kFirstPageId, image);
 }
 
@@ -480,6 +507,7 @@ void FilePageCache::ProtectBeforeChange(const CachedPage& page) {
   const std::uint64_t pageId = page.index + kFirstPageId;
   if (!NeedsJournal(page.index) || journal_.IsJournaled(pageId)) return;
   BeginJournalIfNeeded();
+  if (savedImages_) savedImages_->Keep(page.index, page.data);
   journal_.Append(pageId, page.data);
 }
 
@@ -574,6 +602,7 @@ void FilePageCache::WriteBack(CachedPage* page) {
 
 void FilePageCache::WriteRun(CachedPage* const* pages, std::size_t n) {
   assert(n >= 1 && n <= kMostPagesPerCall);
+  BeforeFileChange();
   const std::uint64_t offset = pages[0]->index * kPageSize;
   if (offset < fileLength_) {
     // Nothing reaches the file before the journal exists, and no saved

@@ -33,12 +33,14 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "host/GraphicsHeapOperators.h"
 #include "pagefile/PageGeometry.h"
 #include "pagefile/RollbackJournal.h"
+#include "pagefile/SavedImages.h"
 #include "platform/FileHandle.h"
 
 namespace Tovrel {
@@ -187,6 +189,13 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   static void SetJournaling(bool on);
   static bool IsJournaling();
 
+  // Also keeps in `images` the saved image of every page it journals (see
+  // SavedImages), from now until the file next changes after a Commit (a
+  // write, a cut, a rollback), or the file closes without one, or the
+  // cache ends; seals `images` then. False, keeping nothing, when the file
+  // is closed, read only or not journaled.
+  bool KeepSavedImages(std::shared_ptr<SavedImages> images);
+
  private:
   struct CachedPage {
     std::uint64_t index;     // page id - 10, also file offset / 8192
@@ -294,6 +303,16 @@ class FilePageCache : public NorvaneGraphics::GraphicsHeapOperators {
   std::map<std::uint64_t, CachedPage*> deferred_;
   RollbackJournal journal_;
   bool journaling_;  // IsJournaling() when the file was opened
+  // Given the saved images of the pages journaled until the next Commit or
+  // close; null otherwise.
+  std::shared_ptr<SavedImages> savedImages_;
+  // Set by a Commit while savedImages_ is given: the next change of the
+  // file ends it (pages that commit freed may change unjournaled).
+  bool savedImagesCommitted_ = false;
+  // Seals and lets go of savedImages_.
+  void EndSavedImages() noexcept;
+  // Called before anything changes the file's bytes or length.
+  void BeforeFileChange() noexcept;
   // Pages gathered for one file call of a run; kept to be reused.
   std::vector<std::uint8_t> staging_;
 };

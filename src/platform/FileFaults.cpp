@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <functional>
 #include <mutex>
 
 #include "platform/FileSystem.h"
@@ -25,6 +26,11 @@ struct FaultState {
   int error = 0;
   bool sticky = false;
   FileCall lastFailed = FileCall::kAny;
+  // A pause: run once, before the call of kind pauseCall that brings its
+  // count to pauseAt, on the calling thread.
+  std::function<void()> pause;
+  FileCall pauseCall = FileCall::kAny;
+  std::uint64_t pauseAt = 0;
 };
 
 FaultState& State() {
@@ -52,6 +58,15 @@ void FileFaults::FailNth(FileCall call, std::uint64_t n, int error, bool sticky)
 
 void FileFaults::CutPowerAtNth(FileCall call, std::uint64_t n) { Arm(call, n, EIO, false, true); }
 
+void FileFaults::PauseAtNth(FileCall call, std::uint64_t n, std::function<void()> pause) {
+  FaultState& s = State();
+  std::lock_guard<std::mutex> guard(s.lock);
+  s.counting.store(true, std::memory_order_relaxed);
+  s.pause = std::move(pause);
+  s.pauseCall = call;
+  s.pauseAt = s.calls[static_cast<int>(call)] + n;
+}
+
 void FileFaults::StartCounting() {
   FaultState& s = State();
   std::lock_guard<std::mutex> guard(s.lock);
@@ -68,6 +83,7 @@ void FileFaults::Reset() {
   s.armed = false;
   s.cutPower = false;
   s.lastFailed = FileCall::kAny;
+  s.pause = nullptr;
 }
 
 std::uint64_t FileFaults::Calls(FileCall call) {
@@ -100,11 +116,23 @@ FileCall FileFaults::LastFailed() {
 bool FileFaults::Trip(FileCall call, int* error) {
   FaultState& s = State();
   if (!s.counting.load(std::memory_order_relaxed)) return false;
+  std::function<void()> pause;
+  const bool fails = Count(call, error, &pause);
+  if (pause) pause();
+  return fails;
+}
+
+bool FileFaults::Count(FileCall call, int* error, std::function<void()>* pause) {
+  FaultState& s = State();
   bool cut = false;
   {
     std::lock_guard<std::mutex> guard(s.lock);
     ++s.calls[static_cast<int>(call)];
     ++s.calls[static_cast<int>(FileCall::kAny)];
+    if (s.pause && (s.pauseCall == call || s.pauseCall == FileCall::kAny) &&
+        s.calls[static_cast<int>(s.pauseCall)] == s.pauseAt) {
+      pause->swap(s.pause);
+    }
     if (!s.armed || (s.call != call && s.call != FileCall::kAny)) return false;
     const std::uint64_t seen = s.calls[static_cast<int>(s.call)];
     if (seen < s.failAt || (seen > s.failAt && !s.sticky)) return false;

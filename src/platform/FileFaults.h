@@ -18,6 +18,7 @@
 #define TOVREL_PLATFORM_FILEFAULTS_H
 
 #include <cstdint>
+#include <functional>
 
 namespace Tovrel {
 
@@ -31,6 +32,12 @@ class FileFaults {
 
   // The power goes just before the nth call (1 = the next) of kind `call`.
   static void CutPowerAtNth(FileCall call, std::uint64_t n);
+
+  // Just before the nth call (1 = the next) of kind `call`, that call's
+  // thread runs `pause` (once), then makes the call: a test holds a thread
+  // at a chosen point of its work, say a save between its writes and its
+  // sync, and looks at what other threads do meanwhile.
+  static void PauseAtNth(FileCall call, std::uint64_t n, std::function<void()> pause);
 
   // Zeroes the call counters and starts counting (FailNth starts it too).
   static void StartCounting();
@@ -52,6 +59,10 @@ class FileFaults {
 
   // Counts one call of kind `call`; true when it must fail, with *error set.
   static bool Trip(FileCall call, int* error);
+
+ private:
+  // Trip's count and fault; `pause` gets the pause to run, if this call is its.
+  static bool Count(FileCall call, int* error, std::function<void()>* pause);
 };
 
 }  // namespace Tovrel

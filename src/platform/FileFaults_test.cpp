@@ -31,6 +31,28 @@ TEST_F(FileFaultsTest, TheNthCallOfAKindFailsOnceWithTheChosenErrno) {
   PlatformFile::Close(file);
 }
 
+TEST_F(FileFaultsTest, APauseRunsOnceJustBeforeTheNthCallOfItsKind) {
+  FileHandle* file = PlatformFile::Open(path_.c_str(), "w+b");
+  ASSERT_NE(file, nullptr);
+  const char byte = 7;
+  std::uint64_t writesWhenPaused = 0;
+  int pauses = 0;
+  FileFaults::PauseAtNth(FileCall::kWrite, 2, [&] {
+    ++pauses;
+    writesWhenPaused = FileFaults::Calls(FileCall::kWrite);
+  });
+  EXPECT_EQ(PlatformFile::Write(&byte, 1, 1, file), 1u);
+  EXPECT_EQ(pauses, 0);
+  EXPECT_EQ(PlatformFile::Seek(file, 0, SEEK_SET), 0);  // other kinds do not count toward it
+  EXPECT_EQ(pauses, 0);
+  EXPECT_EQ(PlatformFile::Write(&byte, 1, 1, file), 1u);  // the pause does not fail the call
+  EXPECT_EQ(pauses, 1);
+  EXPECT_EQ(writesWhenPaused, 2u);
+  EXPECT_EQ(PlatformFile::Write(&byte, 1, 1, file), 1u);
+  EXPECT_EQ(pauses, 1);
+  PlatformFile::Close(file);
+}
+
 TEST_F(FileFaultsTest, AStickyFaultFailsEveryLaterCallOfItsKind) {
   FileHandle* file = PlatformFile::Open(path_.c_str(), "w+b");
   ASSERT_NE(file, nullptr);

@@ -25,6 +25,9 @@ class ReaderWriterLock {
   // Shared mode (the names std::shared_lock expects).
   void lock_shared();
   void unlock_shared();
+  // Shared mode if it can be had at once; false, holding nothing, while a
+  // writer holds the lock or waits for it.
+  bool try_lock_shared();
   // Exclusive mode (the names std::unique_lock and std::lock_guard expect).
   void lock();
   void unlock();

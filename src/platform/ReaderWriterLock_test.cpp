@@ -34,6 +34,25 @@ TEST(ReaderWriterLockTest, ReadersHoldItTogether) {
   EXPECT_EQ(most.load(), 3);
 }
 
+TEST(ReaderWriterLockTest, ATryForSharedModeFailsOnlyWhileAWriterHoldsIt) {
+  ReaderWriterLock lock;
+  ASSERT_TRUE(lock.try_lock_shared());
+  // Other readers get in beside a reader.
+  std::thread([&] {
+    std::shared_lock<ReaderWriterLock> shared(lock, std::try_to_lock);
+    EXPECT_TRUE(shared.owns_lock());
+  }).join();
+  lock.unlock_shared();
+  lock.lock();
+  std::thread([&] {
+    std::shared_lock<ReaderWriterLock> shared(lock, std::try_to_lock);
+    EXPECT_FALSE(shared.owns_lock());
+  }).join();
+  lock.unlock();
+  std::shared_lock<ReaderWriterLock> again(lock, std::try_to_lock);
+  EXPECT_TRUE(again.owns_lock());
+}
+
 TEST(ReaderWriterLockTest, AWriterIsAloneAndIsNotKeptOutByReadersThatKeepComing) {
   ReaderWriterLock lock;
   std::atomic<bool> stop{false};

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <cerrno>
 #include <cstdlib>
 
 namespace Tovrel {
@@ -35,6 +36,13 @@ ReaderWriterLock::~ReaderWriterLock() { pthread_rwlock_destroy(Native(storage_))
 void ReaderWriterLock::lock_shared() { Check(pthread_rwlock_rdlock(Native(storage_))); }
 
 void ReaderWriterLock::unlock_shared() { Check(pthread_rwlock_unlock(Native(storage_))); }
+
+bool ReaderWriterLock::try_lock_shared() {
+  const int result = pthread_rwlock_tryrdlock(Native(storage_));
+  if (result == EBUSY) return false;
+  Check(result);
+  return true;
+}
 
 void ReaderWriterLock::lock() { Check(pthread_rwlock_wrlock(Native(storage_))); }
 

@@ -20,6 +20,8 @@ void ReaderWriterLock::lock_shared() { AcquireSRWLockShared(Native(storage_)); }
 
 void ReaderWriterLock::unlock_shared() { ReleaseSRWLockShared(Native(storage_)); }
 
+bool ReaderWriterLock::try_lock_shared() { return TryAcquireSRWLockShared(Native(storage_)) != 0; }
+
 void ReaderWriterLock::lock() { AcquireSRWLockExclusive(Native(storage_)); }
 
 void ReaderWriterLock::unlock() { ReleaseSRWLockExclusive(Native(storage_)); }
