@@ -449,6 +449,9 @@ SearchSnapshot* EffectSaver::OfferSnapshot() {
     snapshot_.reset();
     return nullptr;
   }
+  // The batch's effects are found in the queue while it saves them; once
+  // they leave it, a search must not find the older copies stored before.
+  for (const auto& entry : cache_.queue_.Saving()) snapshot_->Supersede(entry.first);
   return snapshot_.get();
 }
 

@@ -24,7 +24,7 @@ std::unique_ptr<SearchSnapshot> SearchSnapshot::Build(const PagedFilePackage& pa
     snapshot->entries_.reserve(index.Size());
     const std::uint64_t limit = 8 + EffectPayload::CompressedSizeLimit();
     for (const EffectTable::Entry& entry : index) {
-      Entry made{entry.name, entry.record, {}};
+      Entry made{entry.name, entry.record, {}, false};
       // A stream that cannot be located (damaged tables, too large) is
       // left to the ordinary search.
       if (DirectStreamReader::Locate(package, entry.record.streamId, limit, made.runs) !=
@@ -62,12 +62,22 @@ bool SearchSnapshot::Current(const CacheFileLock& lock) const {
   return ownWrite_.load(std::memory_order_seq_cst) && (now == counter_ + 1 || now == counter_ + 2);
 }
 
-SearchSnapshot::Result SearchSnapshot::Read(const std::string& key, const CacheFileLock& lock,
-                                            std::vector<std::uint8_t>& compressed, EffectRecord* record) {
+std::vector<SearchSnapshot::Entry>::iterator SearchSnapshot::Find(const std::string& key) {
   const auto at = std::lower_bound(entries_.begin(), entries_.end(), key, [](const Entry& entry, const std::string& k) {
     return EffectNameOrder()(entry.name, k);
   });
-  if (at == entries_.end() || at->name != key) return Result::kMissing;
+  return at == entries_.end() || at->name != key ? entries_.end() : at;
+}
+
+void SearchSnapshot::Supersede(const std::string& name) {
+  const auto at = Find(name);
+  if (at != entries_.end()) at->superseded = true;
+}
+
+SearchSnapshot::Result SearchSnapshot::Read(const std::string& key, const CacheFileLock& lock,
+                                            std::vector<std::uint8_t>& compressed, EffectRecord* record) {
+  const auto at = Find(key);
+  if (at == entries_.end() || at->superseded) return Result::kMissing;
   if (!Current(lock)) return Result::kDeclined;
   std::uint64_t size = 0;
   for (const DirectStreamReader::Run& run : at->runs) size += run.size;

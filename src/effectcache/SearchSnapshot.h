@@ -62,6 +62,12 @@ class SearchSnapshot {
   // process wrote since. Needs no lock: readers see it or decline.
   bool Protect(std::uint64_t counterNow);
 
+  // The save the snapshot is offered for stores a newer copy of `name`:
+  // Read no longer gives the snapshot's (once the save's effects leave its
+  // queue, only the file, read under the cache's lock, has the newer one).
+  // Before the snapshot is offered only.
+  void Supersede(const std::string& name);
+
   enum class Result { kOk, kMissing, kDeclined };
   // The stored bytes of `key` as the snapshot's state holds them, with its
   // record, proven by `lock`'s counter; kMissing for a name it does not
@@ -69,7 +75,7 @@ class SearchSnapshot {
   Result Read(const std::string& key, const CacheFileLock& lock, std::vector<std::uint8_t>& compressed,
               EffectRecord* record);
 
-  // The names whose bytes Read gave, each once.
+  // The names whose bytes Read gave, each once (superseded ones aside).
   std::vector<std::string> UsedNames() const;
 
  private:
@@ -77,7 +83,9 @@ class SearchSnapshot {
     std::string name;
     EffectRecord record;
     std::vector<DirectStreamReader::Run> runs;
+    bool superseded;  // see Supersede
   };
+  std::vector<Entry>::iterator Find(const std::string& key);
   SearchSnapshot() = default;
   // True while the file holds the snapshot's state as far as `lock` tells.
   bool Current(const CacheFileLock& lock) const;

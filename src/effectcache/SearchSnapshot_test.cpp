@@ -154,5 +154,20 @@ TEST_F(SearchSnapshotTest, ANameItDoesNotHoldIsMissingAndAModifiedPackageGivesNo
   EXPECT_FALSE(SearchSnapshot::Build(*package_, index_, path_.c_str(), known_));
 }
 
+TEST_F(SearchSnapshotTest, ASupersededNameIsMissingAndTheOthersStillRead) {
+  std::unique_ptr<SearchSnapshot> snapshot = SearchSnapshot::Build(*package_, index_, path_.c_str(), known_);
+  ASSERT_TRUE(snapshot);
+  snapshot->Supersede("b");
+  snapshot->Supersede("x");  // a name it does not hold changes nothing
+  std::vector<std::uint8_t> bytes;
+  EffectRecord record{};
+  EXPECT_EQ(snapshot->Read("b", *lock_, bytes, &record), Result::kMissing);
+  for (std::size_t i : {0u, 2u, 3u}) {
+    ASSERT_EQ(snapshot->Read(Name(i), *lock_, bytes, &record), Result::kOk) << Name(i);
+    EXPECT_EQ(bytes, PackageTesting::Bytes(kSizes[i], Seed(i)));
+  }
+  EXPECT_EQ(snapshot->UsedNames(), (std::vector<std::string>{"a", "c", "d"}));
+}
+
 }  // namespace
 }  // namespace Tovrel
