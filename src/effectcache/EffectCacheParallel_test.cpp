@@ -16,6 +16,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -265,14 +266,22 @@ std::string ReadLatest(const fs::path& marks) {
 }
 
 // Names the mark of the round whose save just returned, in a file that
-// another name replaces whole.
+// another name replaces whole. On Windows the replacement fails while a
+// searcher has the file open: it is tried again, and when a searcher keeps
+// it open, this mark goes unpublished (a searcher then checks against an
+// earlier round's, which is as true).
 void PublishLatest(const fs::path& marks, const std::string& mark) {
   const fs::path next = marks / "next";
   {
     std::ofstream out(next, std::ios::trunc);
     out << mark << "\n";
   }
-  fs::rename(next, marks / "latest");
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    std::error_code error;
+    fs::rename(next, marks / "latest", error);
+    if (!error) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
 }
 
 // A host process that searches on two threads until told to stop; exit 0
