@@ -64,15 +64,6 @@ bool EffectSaveQueue::Take(std::uint64_t bytes) {
   return saveUnderWay_;
 }
 
-void EffectSaveQueue::Finish() {
-  std::lock_guard<std::mutex> held(lock_);
-  saving_.clear();
-  savingBytes_ = 0;
-  saveUnderWay_ = false;
-  CountHeld();
-  finished_.notify_all();
-}
-
 void EffectSaveQueue::FinishInto(PendingMap& pending) {
   std::lock_guard<std::mutex> held(lock_);
   for (auto& entry : saving_) {

@@ -56,12 +56,10 @@ class EffectSaveQueue {
   // The worker: the save's effects (stable until Finish or GiveBack).
   const PendingMap& Saving() const { return saving_; }
   // The worker, with the cache's lock held: the save has ended and its
-  // effects are where the cache keeps them now.
-  void Finish();
-  // Finish, when `pending` may hold the save's effects without their bytes
-  // (a save that did not complete keeps them pending): those get the
-  // queue's bytes, moved, in the same step, so that no search finds an
-  // effect in neither place.
+  // effects are where the cache keeps them now. Those that `pending` holds
+  // without their bytes (a save that did not complete keeps them pending)
+  // get the queue's bytes, moved, in the same step, so that no search
+  // finds an effect in neither place.
   void FinishInto(PendingMap& pending);
   // The worker, with the cache's lock held, before GiveBack: effects of
   // the save that `pending` holds without their bytes get a copy.

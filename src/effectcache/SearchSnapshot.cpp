@@ -8,6 +8,7 @@
 #include "effectcache/EffectNameOrder.h"
 #include "effectcache/EffectPayload.h"
 #include "pagefile/FilePageCache.h"
+#include "pagefile/PageFileIO.h"
 #include "pagefile/PageGeometry.h"
 #include "platform/PlatformFile.h"
 
@@ -84,8 +85,8 @@ SearchSnapshot::Result SearchSnapshot::Read(const std::string& key, const CacheF
   compressed.resize(size);
   std::uint64_t done = 0;
   for (const DirectStreamReader::Run& run : at->runs) {
-    const std::int64_t read = PlatformFile::ReadAt(file_, compressed.data() + done, run.size, run.offset);
-    if (read < 0 || static_cast<std::uint64_t>(read) != run.size) return Result::kDeclined;
+    // A file cut shorter than the run: the save cut pages the snapshot needs.
+    if (!PageFileIO::ReadBytesAt(file_, run.offset, compressed.data() + done, run.size)) return Result::kDeclined;
     done += run.size;
   }
   if (!images_->Empty()) {

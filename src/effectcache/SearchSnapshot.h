@@ -71,7 +71,8 @@ class SearchSnapshot {
   enum class Result { kOk, kMissing, kDeclined };
   // The stored bytes of `key` as the snapshot's state holds them, with its
   // record, proven by `lock`'s counter; kMissing for a name it does not
-  // hold (the search then looks the ordinary way).
+  // hold (the search then looks the ordinary way). FileIOException when
+  // a file call fails.
   Result Read(const std::string& key, const CacheFileLock& lock, std::vector<std::uint8_t>& compressed,
               EffectRecord* record);
 
