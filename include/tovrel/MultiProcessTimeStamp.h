@@ -9,7 +9,8 @@
 // After UpdateTimeStamp in one process, IsChanged answers false there and,
 // in every other attached process, true once and then false again.
 // IsChanged and UpdateTimeStamp do nothing to the block before Initialize
-// (IsChanged answers false) or when the mutex was abandoned.
+// (IsChanged answers false). A mutex that a process dying with it left
+// abandoned is taken again, so that no news and no renewal is lost to it.
 //
 // Ownership: as MultiProcessMemory. Thread-safety: the local copy is not
 // locked; one object is used by one thread at a time.

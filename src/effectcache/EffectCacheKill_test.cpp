@@ -15,9 +15,12 @@
 #include <thread>
 #include <vector>
 
+#include "effectcache/CacheFileNames.h"
+#include "effectcache/EffectCacheImpl.h"
 #include "support/ChildLauncher.h"
 #include "support/ChildProcess.h"
 #include "support/EffectTesting.h"
+#include "support/MutexProbe.h"
 #include "support/TempDir.h"
 #include "tovrel/EffectCacheSystem.h"
 
@@ -146,6 +149,35 @@ TEST(EffectCacheKillTest, KillingAHostInTheMiddleOfItsSavesHarmsNoOtherAndLosesN
   EXPECT_EQ(midSave, kMidSaveKills);
   ::testing::Test::RecordProperty("mid_save_kills", midSave);
   ::testing::Test::RecordProperty("completed_saves_checked", completedSaves);
+}
+
+// Windows tells the next owner of a mutex whose holder died that it was
+// abandoned. A host killed while it renewed the shared stamp, or while it
+// opened the save counter, leaves those mutexes so: the next host to open
+// the cache must still open it at once, and save.
+TEST(EffectCacheKillTest, AHostStartedAfterAnotherDiedHoldingTheStampAndCounterMutexesSavesAtOnce) {
+  Testing::TempDir dir;
+  const std::wstring folder = dir.Path().wstring();
+  EffectCacheImpl first(WStr(folder.c_str()), 2);
+  const auto before = EffectTesting::Bytes(1, 5000, true);
+  ASSERT_TRUE(first.CacheCompiledEffect(WStr(L"fx/before"), before.data(), before.size(), false));
+  first.ForceSaveToFile();
+  ASSERT_EQ(first.GetNumberOfEffectsInMemory(), 0u);
+  const std::wstring file = first.GetCacheFileFullPath().data();
+  for (const std::wstring& mutex :
+       {CacheFileNames::TimeStampName(file) + L"_mutex", CacheFileNames::SaveCounterName(file) + L"_mutex"}) {
+    ASSERT_TRUE(Testing::MutexProbe::KillAHolder(ChildLauncher::Narrow(mutex), dir.Path()));
+  }
+  EffectCacheImpl next(WStr(folder.c_str()), 2);
+  const auto after = EffectTesting::Bytes(2, 5000, true);
+  ASSERT_TRUE(next.CacheCompiledEffect(WStr(L"fx/after"), after.data(), after.size(), false));
+  next.ForceSaveToFile();
+  EXPECT_EQ(next.GetNumberOfEffectsInMemory(), 0u) << "the save wrote nothing";
+  Tab<unsigned char> data;
+  ASSERT_TRUE(next.SearchCachedEffects(WStr(L"fx/before"), data));
+  EXPECT_EQ(EffectTesting::ToVector(data), before);
+  ASSERT_TRUE(first.SearchCachedEffects(WStr(L"fx/after"), data));
+  EXPECT_EQ(EffectTesting::ToVector(data), after);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -94,11 +95,14 @@ void CacheStable(const std::wstring& folder) {
 }
 
 // One writer's round: new versions of some pool names, a save, and now and
-// then a removal of some pool names or a compaction.
-void WriteRound(EffectCacheImpl& cache, std::mt19937& random, std::uint32_t version) {
+// then a removal of some pool names or a compaction. "" when the save
+// stored the round's mark, else what went wrong.
+std::string WriteRound(EffectCacheImpl& cache, std::mt19937& random, std::uint32_t version) {
   for (int j = 0; j < 6; ++j) Cache(cache, PoolName(static_cast<int>(random() % kPool)), version);
-  Cache(cache, MarkName(version), version, true);
+  if (!Cache(cache, MarkName(version), version, true)) return "the cache refused " + MarkName(version);
   cache.ForceSaveToFile();
+  std::string problem;
+  if (cache.GetNumberOfEffectsInMemory() != 0) problem = "the save of " + MarkName(version) + " left effects in memory";
   if (version % 4 == 1) {
     const std::uint32_t pick = random();
     cache.RemoveStored(
@@ -109,6 +113,7 @@ void WriteRound(EffectCacheImpl& cache, std::mt19937& random, std::uint32_t vers
   } else if (version % 4 == 3) {
     cache.CompactFile(nullptr);
   }
+  return problem;
 }
 
 // The mark of the last round whose save had returned, or "" for none.
@@ -245,7 +250,9 @@ TEST(EffectCacheParallelTest, ThreadsSearchWhileOtherThreadsCacheSaveRemoveAndCo
     EffectCacheImpl writer(WStr(folder.c_str()), 2);
     std::mt19937 random(30);
     for (std::uint32_t v = 1; v <= 40; ++v) {
-      WriteRound(writer, random, v);
+      const std::string problem = WriteRound(writer, random, v);
+      EXPECT_EQ(problem, "") << "round " << v;
+      if (!problem.empty()) break;
       saved.store(v);
     }
   }
@@ -323,7 +330,11 @@ TOVREL_CHILD_ROLE(parallel_writer) {
   EffectCacheImpl cache(WStr(folder.c_str()), 2);
   std::mt19937 random(run);
   for (std::uint32_t v = 1; v < 100000; ++v) {
-    WriteRound(cache, random, (run << 16) + v);
+    const std::string problem = WriteRound(cache, random, (run << 16) + v);
+    if (!problem.empty()) {
+      std::fprintf(stderr, "%s\n", problem.c_str());
+      return 5;
+    }
     PublishLatest(marks, MarkName((run << 16) + v));
   }
   return 0;
@@ -384,7 +395,7 @@ TEST(EffectCacheParallelTest, SearchersMeetOnlyRightBytesAfterTheWritersPowerWen
     EffectCacheImpl writer(WStr(folder.c_str()), 2);
     std::mt19937 random(7);
     FileFaults::StartCounting();
-    for (std::uint32_t v = 1; v <= 4; ++v) WriteRound(writer, random, v);
+    for (std::uint32_t v = 1; v <= 4; ++v) EXPECT_EQ(WriteRound(writer, random, v), "");
     calls = FileFaults::Calls(FileCall::kAny);
     FileFaults::Reset();
   }

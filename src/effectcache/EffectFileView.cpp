@@ -14,6 +14,7 @@
 #include "pagefile/FileIOException.h"
 #include "platform/LocalClock.h"
 #include "platform/PlatformFile.h"
+#include "shared/SharedBlockAccess.h"
 
 namespace Tovrel {
 
@@ -22,8 +23,8 @@ bool EffectFileView::InitializeTimeStamp() {
   // unusable until the stamp can be had.
   if (cache_.stampReady_) return true;
   try {
-    cache_.stampReady_ =
-        cache_.timeStamp_.Initialize(CacheFileNames::TimeStampName(cache_.cacheFilePath_.data()).c_str());
+    const std::wstring name = CacheFileNames::TimeStampName(cache_.cacheFilePath_.data());
+    cache_.stampReady_ = SharedBlockAccess::Open([this, &name] { return cache_.timeStamp_.Initialize(name.c_str()); });
   } catch (const std::exception&) {
     cache_.stampReady_ = false;
   }

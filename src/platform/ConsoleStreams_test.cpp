@@ -34,10 +34,8 @@ TOVREL_CHILD_ROLE(binary_lines) {
 }
 
 int RunToFile(const std::string& role, const std::string& file) {
-  PlatformProcess child;
-  child.RedirectOutput(file, "");
-  if (!child.Start(PlatformProcess::CurrentExecutable(), {"--tovrel-child=" + role})) return -2;
-  return ChildLauncher::Finish(child);
+  auto child = ChildLauncher::Start(role, {}, file);
+  return child == nullptr ? -2 : ChildLauncher::Finish(*child);
 }
 
 TEST(ConsoleStreamsTest, OutputToAFileIsNoTerminal) {

@@ -94,10 +94,9 @@ TEST(PlatformProcessTest, RedirectedOutputAndErrorReachTheirFiles) {
   TempDir dir;
   const std::string out = (dir.Path() / "out.txt").string();
   const std::string err = (dir.Path() / "err.txt").string();
-  PlatformProcess child;
-  child.RedirectOutput(out, err);
-  ASSERT_TRUE(child.Start(PlatformProcess::CurrentExecutable(), {"--tovrel-child=print_both", "to-out", "to-err"}));
-  ASSERT_EQ(ChildLauncher::Finish(child), 0);
+  auto child = ChildLauncher::Start("print_both", {"to-out", "to-err"}, out, err);
+  ASSERT_NE(child, nullptr);
+  ASSERT_EQ(ChildLauncher::Finish(*child), 0);
   EXPECT_EQ(ReadText(out), "to-out");
   EXPECT_EQ(ReadText(err), "to-err");
 }
@@ -105,10 +104,9 @@ TEST(PlatformProcessTest, RedirectedOutputAndErrorReachTheirFiles) {
 TEST(PlatformProcessTest, RedirectingOnlyOutputLeavesErrorShared) {
   TempDir dir;
   const std::string out = (dir.Path() / "out.txt").string();
-  PlatformProcess child;
-  child.RedirectOutput(out, "");
-  ASSERT_TRUE(child.Start(PlatformProcess::CurrentExecutable(), {"--tovrel-child=print_both", "only-out", ""}));
-  ASSERT_EQ(ChildLauncher::Finish(child), 0);
+  auto child = ChildLauncher::Start("print_both", {"only-out", ""}, out);
+  ASSERT_NE(child, nullptr);
+  ASSERT_EQ(ChildLauncher::Finish(*child), 0);
   EXPECT_EQ(ReadText(out), "only-out");
   EXPECT_FALSE(std::filesystem::exists(dir.Path() / "err.txt"));
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "platform/SystemValues.h"
+#include "shared/SharedBlockAccess.h"
 
 namespace Tovrel {
 
@@ -33,7 +34,7 @@ bool MultiProcessTimeStamp::Initialize(const wchar_t* name) {
 }
 
 bool MultiProcessTimeStamp::IsChanged() {
-  const void* block = Lock(kInfinite);
+  const void* block = SharedBlockAccess::Lock(*this);
   bool changed = false;
   if (block != nullptr && Differs(stamp_, block)) {
     std::memcpy(&stamp_, block, sizeof(stamp_));
@@ -45,7 +46,7 @@ bool MultiProcessTimeStamp::IsChanged() {
 
 void MultiProcessTimeStamp::UpdateTimeStamp() {
   MakeFreshStamp();
-  void* block = Lock(kInfinite);
+  void* block = SharedBlockAccess::Lock(*this);
   if (block != nullptr) std::memcpy(block, &stamp_, sizeof(stamp_));
   Unlock();
 }

@@ -2,6 +2,8 @@
 
 #include <exception>
 
+#include "shared/SharedBlockAccess.h"
+
 namespace Tovrel {
 
 SaveCounter::SaveCounter() : counter_(nullptr) {}
@@ -11,15 +13,11 @@ SaveCounter::~SaveCounter() = default;
 bool SaveCounter::Initialize(const wchar_t* name) {
   counter_ = nullptr;
   try {
-    if (!MultiProcessMemory::Initialize(name, sizeof(std::atomic<std::uint64_t>))) return false;
-    // The block's address comes from Lock; an abandoned mutex reports
-    // itself once, with no address, and the second wait gives it.
-    void* block = Lock(kInfinite);
+    const bool opened = SharedBlockAccess::Open(
+        [this, name] { return MultiProcessMemory::Initialize(name, sizeof(std::atomic<std::uint64_t>)); });
+    if (!opened) return false;
+    void* block = SharedBlockAccess::Lock(*this);
     Unlock();
-    if (block == nullptr) {
-      block = Lock(kInfinite);
-      Unlock();
-    }
     counter_ = static_cast<std::atomic<std::uint64_t>*>(block);
   } catch (const std::exception&) {
     counter_ = nullptr;

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "support/ChildLauncher.h"
+#include "support/MutexProbe.h"
+#include "support/TempDir.h"
 
 namespace Tovrel {
 namespace {
@@ -32,6 +34,21 @@ TEST(SaveCounterTest, TwoObjectsOfOneNameShareTheCounter) {
   ASSERT_TRUE(first.Initialize(name.c_str()));
   ASSERT_TRUE(second.Initialize(name.c_str()));
   first.Begin();
+  EXPECT_EQ(second.Load(), 1u);
+  second.End();
+  EXPECT_EQ(first.Load(), 2u);
+}
+
+TEST(SaveCounterTest, AHolderThatDiedWithTheBlocksMutexDoesNotKeepTheCounterFromOthers) {
+  Testing::TempDir dir;
+  const std::wstring name = ChildLauncher::UniqueWideName("savecounter_dead_holder");
+  SaveCounter first;
+  ASSERT_TRUE(first.Initialize(name.c_str()));
+  first.Begin();
+  ASSERT_TRUE(Testing::MutexProbe::KillAHolder(ChildLauncher::Narrow(name + L"_mutex"), dir.Path()));
+  // Windows reports the mutex abandoned to the next Initialize, once.
+  SaveCounter second;
+  ASSERT_TRUE(second.Initialize(name.c_str()));
   EXPECT_EQ(second.Load(), 1u);
   second.End();
   EXPECT_EQ(first.Load(), 2u);

@@ -31,19 +31,25 @@ bool WaitForFileWhile(const std::filesystem::path& file, PlatformProcess* child)
 
 }  // namespace
 
-std::unique_ptr<PlatformProcess> ChildLauncher::Start(const std::string& role,
-                                                      const std::vector<std::string>& arguments) {
-  std::vector<std::string> words{"--tovrel-child=" + role};
-  words.insert(words.end(), arguments.begin(), arguments.end());
-  // The system may refuse a new process for a moment (wine, with another
-  // test program starting its own children at the same time, now and then
-  // does): a few tries, a little apart, before the test hears of it.
+std::unique_ptr<PlatformProcess> ChildLauncher::StartProgram(const std::string& program,
+                                                             const std::vector<std::string>& arguments,
+                                                             const std::string& outputFile,
+                                                             const std::string& errorFile) {
   for (int attempt = 0; attempt < 5; ++attempt) {
     auto child = std::make_unique<PlatformProcess>();
-    if (child->Start(PlatformProcess::CurrentExecutable(), words)) return child;
+    child->RedirectOutput(outputFile, errorFile);
+    if (child->Start(program, arguments)) return child;
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
   }
   return nullptr;
+}
+
+std::unique_ptr<PlatformProcess> ChildLauncher::Start(const std::string& role,
+                                                      const std::vector<std::string>& arguments,
+                                                      const std::string& outputFile, const std::string& errorFile) {
+  std::vector<std::string> words{"--tovrel-child=" + role};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  return StartProgram(PlatformProcess::CurrentExecutable(), words, outputFile, errorFile);
 }
 
 int ChildLauncher::Finish(PlatformProcess& child, std::uint32_t boundMilliseconds) {

@@ -25,10 +25,20 @@ class ChildLauncher {
   // Finish's answer for a child that did not end within the bound.
   static constexpr int kHung = -1;
 
-  // Starts this program as "--tovrel-child=role arguments..."; null when the
-  // system refused five tries, 200 ms apart.
-  static std::unique_ptr<PlatformProcess> Start(const std::string& role,
-                                                const std::vector<std::string>& arguments);
+  // Starts `program` with `arguments`; null when the system refused five
+  // tries, 200 ms apart (wine, with another test program starting its own
+  // children at the same time, now and then refuses one for a moment). The
+  // child's output and errors go to the files named (see
+  // PlatformProcess::RedirectOutput), or to this program's own streams for
+  // an empty name.
+  static std::unique_ptr<PlatformProcess> StartProgram(const std::string& program,
+                                                       const std::vector<std::string>& arguments,
+                                                       const std::string& outputFile = std::string(),
+                                                       const std::string& errorFile = std::string());
+  // StartProgram of this program as "--tovrel-child=role arguments...".
+  static std::unique_ptr<PlatformProcess> Start(const std::string& role, const std::vector<std::string>& arguments,
+                                                const std::string& outputFile = std::string(),
+                                                const std::string& errorFile = std::string());
   // The child's exit code, or kHung (the child is killed then).
   static int Finish(PlatformProcess& child, std::uint32_t boundMilliseconds = kBoundMilliseconds);
   // Waits until `file` exists; false when the child ends first or the bound passes.

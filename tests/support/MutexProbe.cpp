@@ -41,5 +41,10 @@ std::unique_ptr<PlatformProcess> MutexProbe::StartHolder(const std::string& name
   return child;
 }
 
+bool MutexProbe::KillAHolder(const std::string& name, const std::filesystem::path& workDir) {
+  auto child = StartHolder(name, workDir);
+  return child != nullptr && child->Kill() && ChildLauncher::Finish(*child) == PlatformProcess::kKilledExitCode;
+}
+
 }  // namespace Testing
 }  // namespace Tovrel

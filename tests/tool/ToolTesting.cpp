@@ -54,10 +54,9 @@ std::string ToolTesting::ProgramPath() {
 ToolTesting::Result ToolTesting::RunProgram(const std::vector<std::string>& words, const fs::path& scratch) {
   const fs::path out = scratch / "program-out.txt";
   const fs::path err = scratch / "program-err.txt";
-  PlatformProcess child;
-  child.RedirectOutput(Utf8(out), Utf8(err));
-  if (!child.Start(ProgramPath(), words)) throw std::runtime_error("cannot start " + ProgramPath());
-  const int status = ChildLauncher::Finish(child);
+  const auto child = ChildLauncher::StartProgram(ProgramPath(), words, Utf8(out), Utf8(err));
+  if (child == nullptr) throw std::runtime_error("cannot start " + ProgramPath());
+  const int status = ChildLauncher::Finish(*child);
   const std::vector<std::uint8_t> outBytes = ReadFile(out);
   const std::vector<std::uint8_t> errBytes = ReadFile(err);
   return Result{status, std::string(outBytes.begin(), outBytes.end()), std::string(errBytes.begin(), errBytes.end())};
