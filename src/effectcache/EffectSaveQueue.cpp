@@ -64,14 +64,19 @@ bool EffectSaveQueue::Take(std::uint64_t bytes) {
   return saveUnderWay_;
 }
 
-void EffectSaveQueue::FinishInto(PendingMap& pending) {
-  std::lock_guard<std::mutex> held(lock_);
-  for (auto& entry : saving_) {
+template <typename Effects, typename Give>
+void EffectSaveQueue::GiveBytesTo(Effects& saving, PendingMap& pending, Give give) {
+  for (auto& entry : saving) {
     const auto kept = pending.find(entry.first);
     if (kept == pending.end() || kept->second.bytes.Count() != 0) continue;
-    kept->second.bytes = std::move(entry.second.bytes);
+    give(entry.second.bytes, kept->second.bytes);
     kept->second.heldSize = 0;
   }
+}
+
+void EffectSaveQueue::FinishInto(PendingMap& pending) {
+  std::lock_guard<std::mutex> held(lock_);
+  GiveBytesTo(saving_, pending, [](Tab<unsigned char>& from, Tab<unsigned char>& to) { to = std::move(from); });
   saving_.clear();
   savingBytes_ = 0;
   saveUnderWay_ = false;
@@ -81,12 +86,7 @@ void EffectSaveQueue::FinishInto(PendingMap& pending) {
 
 void EffectSaveQueue::CopyBytesInto(PendingMap& pending) const {
   std::lock_guard<std::mutex> held(lock_);
-  for (const auto& entry : saving_) {
-    const auto kept = pending.find(entry.first);
-    if (kept == pending.end() || kept->second.bytes.Count() != 0) continue;
-    kept->second.bytes = entry.second.bytes;
-    kept->second.heldSize = 0;
-  }
+  GiveBytesTo(saving_, pending, [](const Tab<unsigned char>& from, Tab<unsigned char>& to) { to = from; });
 }
 
 void EffectSaveQueue::GiveBack() {

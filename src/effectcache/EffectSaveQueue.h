@@ -82,6 +82,10 @@ class EffectSaveQueue {
 
  private:
   static bool CopyFrom(const PendingMap& effects, const std::string& name, Tab<unsigned char>& data);
+  // Under lock_: gives the bytes of `saving`'s effects (moved or copied by
+  // `give(from, to)`) to those that `pending` holds with their size only.
+  template <typename Effects, typename Give>
+  static void GiveBytesTo(Effects& saving, PendingMap& pending, Give give);
   void CountHeld();
 
   mutable std::mutex lock_;  // over every field below but the atomics

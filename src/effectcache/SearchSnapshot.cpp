@@ -87,14 +87,10 @@ SearchSnapshot::Result SearchSnapshot::Read(const std::string& key, const CacheF
   for (const DirectStreamReader::Run& run : at->runs) {
     // A file cut shorter than the run: the save cut pages the snapshot needs.
     if (!PageFileIO::ReadBytesAt(file_, run.offset, compressed.data() + done, run.size)) return Result::kDeclined;
+    // A page's image is kept before the page changes in the file: one that
+    // this read may have seen changed is found here.
+    if (!images_->Empty()) Overlay(run, compressed.data() + done);
     done += run.size;
-  }
-  if (!images_->Empty()) {
-    done = 0;
-    for (const DirectStreamReader::Run& run : at->runs) {
-      Overlay(run, compressed.data() + done);
-      done += run.size;
-    }
   }
   // The reads are system calls that have completed by now: a write they
   // may have seen came after its page's image was kept, or after the

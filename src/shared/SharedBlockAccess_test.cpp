@@ -55,12 +55,13 @@ TEST(SharedBlockAccessTest, WantOfMemoryIsNotTriedAgain) {
   EXPECT_EQ(calls, 1);
 }
 
-TEST(SharedBlockAccessTest, ABlockWhoseMutexAKilledHolderLeftOpensAndAttaches) {
+TEST(SharedBlockAccessTest, ABlockWhoseMutexAKilledHolderLeftOpensAttachesAndLocks) {
   Testing::TempDir dir;
-  const std::wstring name = ChildLauncher::UniqueWideName("opener_dead_holder");
+  const std::wstring name = ChildLauncher::UniqueWideName("access_dead_holder");
+  const std::string mutex = ChildLauncher::Narrow(name + L"_mutex");
   Testing::SharedBlockProbe first(0x21);
   ASSERT_TRUE(first.Open(name, 64));
-  ASSERT_TRUE(MutexProbe::KillAHolder(ChildLauncher::Narrow(name + L"_mutex"), dir.Path()));
+  ASSERT_TRUE(MutexProbe::KillAHolder(mutex, dir.Path()));
   // Windows reports the mutex abandoned to the first Initialize after the
   // death, which throws; POSIX hands the lock on without a word.
   Testing::SharedBlockProbe second;
@@ -73,19 +74,13 @@ TEST(SharedBlockAccessTest, ABlockWhoseMutexAKilledHolderLeftOpensAndAttaches) {
   EXPECT_EQ(second.attached, 1);
   EXPECT_EQ(second.foundOnAttach, Testing::SharedBlockProbe::FillPattern(0x21, 64));
   EXPECT_EQ(MutexProbe::AcquireFromAnotherThread(name + L"_mutex", 0), NorvaneSDK::Util::MutexObject::kWaitObject0);
-}
-
-TEST(SharedBlockAccessTest, LockGivesTheBlockAfterAHolderDiedWithItsMutex) {
-  Testing::TempDir dir;
-  const std::wstring name = ChildLauncher::UniqueWideName("lock_dead_holder");
-  Testing::SharedBlockProbe block(0x33);
-  ASSERT_TRUE(block.Open(name, 64));
-  ASSERT_TRUE(MutexProbe::KillAHolder(ChildLauncher::Narrow(name + L"_mutex"), dir.Path()));
-  void* address = SharedBlockAccess::Lock(block);
+  // And Lock, the next time a holder dies with it: the block, held.
+  ASSERT_TRUE(MutexProbe::KillAHolder(mutex, dir.Path()));
+  void* address = SharedBlockAccess::Lock(second);
   ASSERT_NE(address, nullptr);
-  EXPECT_EQ(*static_cast<std::uint8_t*>(address), 0x33);
+  EXPECT_EQ(*static_cast<std::uint8_t*>(address), 0x21);
   EXPECT_EQ(MutexProbe::AcquireFromAnotherThread(name + L"_mutex", 0), NorvaneSDK::Util::MutexObject::kWaitTimeout);
-  block.Unlock();
+  second.Unlock();
   EXPECT_EQ(MutexProbe::AcquireFromAnotherThread(name + L"_mutex", 0), NorvaneSDK::Util::MutexObject::kWaitObject0);
 }
 
