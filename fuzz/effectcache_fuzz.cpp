@@ -1,5 +1,6 @@
-// Fuzz target: the input bytes are a cache file "norvaneFxoCache.dat". An
-// EffectCacheSystem is made on its folder, looks for a few names taken
+// Fuzz target: the input bytes are a cache file "norvaneFxoCache.dat". A
+// cache (the EffectCacheImpl that an EffectCacheSystem wraps, with the
+// host's settings) is made on its folder, looks for a few names taken
 // from the input, caches one effect, saves and is destroyed. Any crash,
 // leak, sanitizer report, exception or slow input is a finding; a cache
 // that refuses the file (and starts a new one) is not. Work that cannot
@@ -8,14 +9,18 @@
 //
 // PackageVerifier checks the input as it comes (it may well be unsound:
 // that is no finding, but the verifier meets every input), and the file
-// the cache left, when the cache opened the input: a file the cache
-// started anew in place of a refused one, and one it saved from a sound
-// input, must be sound. (One saved from an unsound input need not be: the
-// package keeps the damage it cannot undo, such as a page of two streams.)
+// the cache left, when the cache opened the input: a file the cache wrote
+// anew in place of a refused one (salvaging what it could prove intact),
+// and one it saved from a sound input, must be sound. (One saved from an
+// unsound input need not be: the package keeps the damage it cannot undo,
+// such as a page of two streams, or a stream whose recorded size its
+// pages cannot hold; a cache whose load trimmed every effect from such a
+// file is no new file.)
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -23,6 +28,7 @@
 #include "FuzzCacheObjects.h"
 #include "FuzzFiles.h"
 #include "effectcache/EffectCacheImpl.h"
+#include "effectcache/EffectCacheSalvage.h"
 #include "package/PackageVerifier.h"
 #include "platform/FileSystem.h"
 #include "platform/MemoryFileSystem.h"
@@ -84,18 +90,20 @@ bool PackageRefused(const std::wstring& file) {
 }
 
 // True when the cache refused the input for what its package holds (the
-// cache's header or index) and started a new file: the file's bytes
-// changed while it was opened and it holds no effect.
-bool Refused(const std::wstring& file, const std::uint8_t* data, std::size_t size,
-             const Tovrel::EffectCacheSystem& cache) {
-  return cache.GetNumberOfEffectsInFile() == 0 && !Files().Holds(file, data, size);
+// cache's header or index) and wrote a new file in its place; `kept` is
+// then the number of effects it salvaged into it.
+bool Refused(const Tovrel::EffectCacheImpl& cache, std::uint64_t* kept) {
+  Tovrel::EffectCacheSalvage::Summary summary;
+  if (!cache.LastSalvage(&summary)) return false;
+  *kept = summary.keptEffects;
+  return true;
 }
 
 bool Sound(const std::wstring& file) {
   return Tovrel::PackageVerifier::VerifyFile(file.c_str(), nullptr, kMostVerifiedBytes).IsSound();
 }
 
-void Exercise(Tovrel::EffectCacheSystem& cache, const std::uint8_t* data, std::size_t size) {
+void Exercise(Tovrel::EffectCacheImpl& cache, const std::uint8_t* data, std::size_t size) {
   for (const std::wstring& name : NamesFrom(data, size)) {
     Tab<unsigned char> found;
     cache.SearchCachedEffects(WStr(name.c_str()), found);
@@ -116,10 +124,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Files().WriteAll(file, std::vector<std::uint8_t>(data, data + size));
   const bool sound = Sound(file);
   if (!PackageRefused(file)) {
-    RefPtr<Tovrel::EffectCacheSystem> cache(new Tovrel::EffectCacheSystem(WStr(folder.c_str())));
-    const bool anew = Refused(file, data, size, *cache);
-    if (!anew) Exercise(*cache, data, size);
-    cache.Reset();
+    auto cache = std::make_unique<Tovrel::EffectCacheImpl>(WStr(folder.c_str()),
+                                                           Tovrel::EffectCacheImpl::kHostCompressionLevel);
+    std::uint64_t kept = 0;
+    const bool anew = Refused(*cache, &kept);
+    // A new file that kept nothing of the input is searched and saved
+    // alike whatever the input was.
+    if (!anew || kept != 0) Exercise(*cache, data, size);
+    cache.reset();
     const bool left = Sound(file);
     if ((sound || anew) && !left) std::abort();
   }
