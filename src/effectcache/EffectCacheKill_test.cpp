@@ -166,7 +166,7 @@ TEST(EffectCacheKillTest, AHostStartedAfterAnotherDiedHoldingTheStampAndCounterM
   const std::wstring file = first.GetCacheFileFullPath().data();
   for (const std::wstring& mutex :
        {CacheFileNames::TimeStampName(file) + L"_mutex", CacheFileNames::SaveCounterName(file) + L"_mutex"}) {
-    ASSERT_TRUE(Testing::MutexProbe::KillAHolder(ChildLauncher::Narrow(mutex), dir.Path()));
+    ASSERT_TRUE(Testing::MutexProbe::KillAHolder(mutex, dir.Path()));
   }
   EffectCacheImpl next(WStr(folder.c_str()), 2);
   const auto after = EffectTesting::Bytes(2, 5000, true);

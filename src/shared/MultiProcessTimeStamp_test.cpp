@@ -180,7 +180,7 @@ TEST(MultiProcessTimeStampTest, InitializeAgainAttachesToTheNewName) {
 // A holder killed with the stamp's mutex: Windows reports the mutex
 // abandoned to its next owner, once, and Lock gives no address then.
 bool KillAHolderOfTheMutex(const std::wstring& name, const TempDir& dir) {
-  return MutexProbe::KillAHolder(ChildLauncher::Narrow(name + L"_mutex"), dir.Path());
+  return MutexProbe::KillAHolder(name + L"_mutex", dir.Path());
 }
 
 TEST(MultiProcessTimeStampTest, KilledHolderOfTheMutexNeitherBlocksNorKeepsIt) {

@@ -45,7 +45,7 @@ TEST(SaveCounterTest, AHolderThatDiedWithTheBlocksMutexDoesNotKeepTheCounterFrom
   SaveCounter first;
   ASSERT_TRUE(first.Initialize(name.c_str()));
   first.Begin();
-  ASSERT_TRUE(Testing::MutexProbe::KillAHolder(ChildLauncher::Narrow(name + L"_mutex"), dir.Path()));
+  ASSERT_TRUE(Testing::MutexProbe::KillAHolder(name + L"_mutex", dir.Path()));
   // Windows reports the mutex abandoned to the next Initialize, once.
   SaveCounter second;
   ASSERT_TRUE(second.Initialize(name.c_str()));

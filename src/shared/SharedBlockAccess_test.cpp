@@ -58,7 +58,7 @@ TEST(SharedBlockAccessTest, WantOfMemoryIsNotTriedAgain) {
 TEST(SharedBlockAccessTest, ABlockWhoseMutexAKilledHolderLeftOpensAttachesAndLocks) {
   Testing::TempDir dir;
   const std::wstring name = ChildLauncher::UniqueWideName("access_dead_holder");
-  const std::string mutex = ChildLauncher::Narrow(name + L"_mutex");
+  const std::wstring mutex = name + L"_mutex";
   Testing::SharedBlockProbe first(0x21);
   ASSERT_TRUE(first.Open(name, 64));
   ASSERT_TRUE(MutexProbe::KillAHolder(mutex, dir.Path()));
@@ -73,15 +73,15 @@ TEST(SharedBlockAccessTest, ABlockWhoseMutexAKilledHolderLeftOpensAttachesAndLoc
   EXPECT_LE(calls, 2);
   EXPECT_EQ(second.attached, 1);
   EXPECT_EQ(second.foundOnAttach, Testing::SharedBlockProbe::FillPattern(0x21, 64));
-  EXPECT_EQ(MutexProbe::AcquireFromAnotherThread(name + L"_mutex", 0), NorvaneSDK::Util::MutexObject::kWaitObject0);
+  EXPECT_EQ(MutexProbe::AcquireFromAnotherThread(mutex, 0), NorvaneSDK::Util::MutexObject::kWaitObject0);
   // And Lock, the next time a holder dies with it: the block, held.
   ASSERT_TRUE(MutexProbe::KillAHolder(mutex, dir.Path()));
   void* address = SharedBlockAccess::Lock(second);
   ASSERT_NE(address, nullptr);
   EXPECT_EQ(*static_cast<std::uint8_t*>(address), 0x21);
-  EXPECT_EQ(MutexProbe::AcquireFromAnotherThread(name + L"_mutex", 0), NorvaneSDK::Util::MutexObject::kWaitTimeout);
+  EXPECT_EQ(MutexProbe::AcquireFromAnotherThread(mutex, 0), NorvaneSDK::Util::MutexObject::kWaitTimeout);
   second.Unlock();
-  EXPECT_EQ(MutexProbe::AcquireFromAnotherThread(name + L"_mutex", 0), NorvaneSDK::Util::MutexObject::kWaitObject0);
+  EXPECT_EQ(MutexProbe::AcquireFromAnotherThread(mutex, 0), NorvaneSDK::Util::MutexObject::kWaitObject0);
 }
 
 TEST(SharedBlockAccessTest, LockBeforeInitializeGivesNothingAndHoldsNothing) {

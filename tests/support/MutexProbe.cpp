@@ -41,8 +41,8 @@ std::unique_ptr<PlatformProcess> MutexProbe::StartHolder(const std::string& name
   return child;
 }
 
-bool MutexProbe::KillAHolder(const std::string& name, const std::filesystem::path& workDir) {
-  auto child = StartHolder(name, workDir);
+bool MutexProbe::KillAHolder(const std::wstring& name, const std::filesystem::path& workDir) {
+  auto child = StartHolder(ChildLauncher::Narrow(name), workDir);
   return child != nullptr && child->Kill() && ChildLauncher::Finish(*child) == PlatformProcess::kKilledExitCode;
 }
 

@@ -28,10 +28,10 @@ class MutexProbe {
   // could not be started or did not get the mutex. `workDir` takes its marker.
   static std::unique_ptr<PlatformProcess> StartHolder(const std::string& name,
                                                       const std::filesystem::path& workDir);
-  // A child that takes mutex `name` (UTF-8) and is killed holding it:
-  // Windows then reports the mutex abandoned to its next owner, once, and
-  // POSIX hands it on without a word. False when that could not be staged.
-  static bool KillAHolder(const std::string& name, const std::filesystem::path& workDir);
+  // A child that takes mutex `name` and is killed holding it: Windows
+  // then reports the mutex abandoned to its next owner, once, and POSIX
+  // hands it on without a word. False when that could not be staged.
+  static bool KillAHolder(const std::wstring& name, const std::filesystem::path& workDir);
 };
 
 }  // namespace Testing
